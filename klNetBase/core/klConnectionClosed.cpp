@@ -1,0 +1,3 @@
+#include <klNetBase/core/klConnectionClosed.h>
+
+klConnectionClosed::klConnectionClosed() : klNetError("Connection closed") {}

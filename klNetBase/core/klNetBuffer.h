@@ -1,0 +1,104 @@
+// klNetBuffer: the unit every stage of the library moves.
+//
+// One flat block: a local send mode, the 24-byte wire header and a payload area of 131602 bytes.
+// Header and payload are contiguous, so the first getBufferSize() bytes from getBuffer() are
+// exactly what travels on a connection, and a whole buffer copies with one block copy.
+//
+//   +----------+---------+------------------+------------------------------------------------+
+//   | sendMode | padding | klNetHeader (24) | payload (131602 bytes, 64-byte aligned)        |
+//   +----------+---------+------------------+------------------------------------------------+
+//                        ^ getBuffer()       ^ getData()
+//
+// Buffers are always held as std::shared_ptr<klNetBuffer> obtained from klNetBufferPool, whose
+// deleter returns them to the pool; the record itself owns nothing. Getters widen sizes to
+// std::size_t, setters truncate to the field width.
+//
+// Thread safety: none. A buffer belongs to one stage at a time; stages hand it on through queues
+// and never touch a buffer they have passed on.
+#pragma once
+
+#include <klNetBase/core/klNetHeader.h>
+#include <klNetBase/core/klNetTypes.h>
+#include <klNetBase/klNetBaseExport.h>
+
+#include <cstddef>
+#include <cstdint>
+
+class KLNETBASE_EXPORT klNetBuffer {
+public:
+    static constexpr std::size_t kHeaderSize = sizeof(klNetHeader);
+    static constexpr std::size_t kCapacity = 131602;
+
+    // Send mode and every header field 0; the payload is left as it is (the pool zeroes new
+    // buffers once, recycled buffers keep their old bytes).
+    klNetBuffer();
+
+    // Copying copies the whole record: send mode, header and every payload byte, whatever
+    // dataSize says. Moving is the same copy.
+    klNetBuffer(const klNetBuffer&) = default;
+    klNetBuffer& operator=(const klNetBuffer&) = default;
+    klNetBuffer& operator=(klNetBuffer&&) = default;
+
+    klNetHeader* getHeader() { return &m_header; }
+    const klNetHeader* getHeader() const { return &m_header; }
+    // Start of the bytes that travel: the header, followed by dataSize payload bytes.
+    unsigned char* getBuffer() { return reinterpret_cast<unsigned char*>(&m_header); }
+    const unsigned char* getBuffer() const {
+        return reinterpret_cast<const unsigned char*>(&m_header);
+    }
+    unsigned char* getData() { return m_data; }
+    const unsigned char* getData() const { return m_data; }
+
+    static constexpr std::size_t getHeaderSize() { return kHeaderSize; }
+    static constexpr std::size_t getCapacity() { return kCapacity; }
+    // dataSize + 24: the number of bytes that travel for this buffer.
+    std::size_t getBufferSize() const { return std::size_t(m_header.dataSize) + kHeaderSize; }
+
+    std::size_t getDataSize() const { return m_header.dataSize; }
+    void setDataSize(std::size_t size) { m_header.dataSize = std::uint32_t(size); }
+    std::size_t getOriginalDataSize() const { return m_header.originalDataSize; }
+    // The payload's size as it travels: dataSize when compressed, otherwise originalDataSize.
+    std::size_t getCompressedDataSize() const {
+        return m_header.compression != 0 ? m_header.dataSize : m_header.originalDataSize;
+    }
+    klNetCompression getCompression() const { return klNetCompression(m_header.compression); }
+    // Sets the compression byte and originalDataSize together; dataSize is left as it is.
+    void setCompression(klNetCompression compression, std::size_t originalSize) {
+        m_header.compression = std::uint8_t(compression);
+        m_header.originalDataSize = std::uint32_t(originalSize);
+    }
+
+    std::size_t getSequence() const { return m_header.sequence; }
+    void setSequence(std::size_t sequence) { m_header.sequence = std::uint16_t(sequence); }
+    klNetMessageType getType() const { return klNetMessageType(m_header.type); }
+    void setType(klNetMessageType type) { m_header.type = std::uint8_t(type); }
+    std::size_t getSource() const { return m_header.source; }
+    void setSource(std::size_t source) { m_header.source = std::uint32_t(source); }
+    std::size_t getDestination() const { return m_header.destination; }
+    void setDestination(std::size_t destination) {
+        m_header.destination = std::uint32_t(destination);
+    }
+    std::size_t getMessageId() const { return m_header.messageId; }
+    void setMessageId(std::size_t id) { m_header.messageId = std::uint16_t(id); }
+    std::size_t getMessageBufferCount() const { return m_header.messageBufferCount; }
+    void setMessageBufferCount(std::size_t count) {
+        m_header.messageBufferCount = std::uint16_t(count);
+    }
+
+    klNetBufferSendMode getSendMode() const { return m_sendMode; }
+    void setSendMode(klNetBufferSendMode mode) { m_sendMode = mode; }
+
+    // True when the buffer goes to every peer (destination 0).
+    bool isMulticast() const { return m_header.destination == 0; }
+
+    // Copies all 24 header bytes of other; send mode and payload stay as they are.
+    void copyHeaderFrom(const klNetBuffer& other) { m_header = other.m_header; }
+
+private:
+    alignas(64) klNetBufferSendMode m_sendMode;
+    // Places the header so that the payload starts on a cache line: block copies of payloads
+    // then run on aligned addresses at both ends.
+    unsigned char m_padding[64 - sizeof(klNetBufferSendMode) - kHeaderSize];
+    klNetHeader m_header;
+    unsigned char m_data[kCapacity];
+};
