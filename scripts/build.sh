@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Configures and builds one variant of the project into build/<variant>.
+#   scripts/build.sh release        optimised build with debug info (default)
+#   scripts/build.sh asan           AddressSanitizer + UndefinedBehaviorSanitizer
+#   scripts/build.sh tsan           ThreadSanitizer
+# Warnings fail the build.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+variant=${1:-release}
+case "$variant" in
+  release) flags=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
+  asan) flags=(-DCMAKE_BUILD_TYPE=Debug -DKLNETBASE_SANITIZE=address,undefined
+               -DKLNETBASE_BUILD_BENCHMARKS=OFF) ;;
+  tsan) flags=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DKLNETBASE_SANITIZE=thread
+               -DKLNETBASE_BUILD_BENCHMARKS=OFF) ;;
+  *) echo "usage: $0 [release|asan|tsan]" >&2; exit 2 ;;
+esac
+
+generator=()
+command -v ninja >/dev/null && generator=(-G Ninja)
+if [[ ! -f "build/$variant/CMakeCache.txt" ]]; then
+  cmake -S . -B "build/$variant" "${generator[@]}" -DKLNETBASE_WERROR=ON "${flags[@]}" >/dev/null
+fi
+cmake --build "build/$variant" --parallel "$(nproc)"
