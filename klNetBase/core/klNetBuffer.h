@@ -98,7 +98,7 @@ private:
     alignas(64) klNetBufferSendMode m_sendMode;
     // Places the header so that the payload starts on a cache line: block copies of payloads
     // then run on aligned addresses at both ends.
-    unsigned char m_padding[64 - sizeof(klNetBufferSendMode) - kHeaderSize];
+    [[maybe_unused]] unsigned char m_padding[64 - sizeof(klNetBufferSendMode) - kHeaderSize];
     klNetHeader m_header;
     unsigned char m_data[kCapacity];
 };
