@@ -13,5 +13,14 @@
 #include <klNetBase/core/klNetOptions.h>
 #include <klNetBase/core/klNetTypes.h>
 
+#include <klNetBase/link/klBoundSocketLink.h>
+#include <klNetBase/link/klNetCipherBase.h>
+#include <klNetBase/link/klNetLink.h>
+#include <klNetBase/link/klSocketAddress.h>
+#include <klNetBase/link/klSocketHandle.h>
+#include <klNetBase/link/klSocketLink.h>
+
+#include <klNetBase/runtime/klNetProgress.h>
+
 #include <klNetBase/serial/klNetMessage.h>
 #include <klNetBase/serial/klNetSerializer.h>

@@ -1,0 +1,34 @@
+// klBoundSocketLink: a listening TCP socket on one port of every local address, IPv6 and IPv4 at
+// once where the system allows (IPv4 clients then appear as IPv4-mapped peers).
+//
+// It never carries buffers itself: each accepted connection becomes a klSocketLink through
+// klSocketLink(const klBoundSocketLink&), which blocks until a client arrives. Accepted sockets are
+// blocking and close-on-exec.
+//
+// Thread safety: one thread accepts in a loop; any other thread may call shutdown(), which wakes
+// the accepting thread at once (it throws klConnectionClosed), frees the port, and makes every
+// later accept throw klConnectionClosed as well.
+#pragma once
+
+#include <klNetBase/klNetBaseExport.h>
+#include <klNetBase/link/klSocketLink.h>
+
+class KLNETBASE_EXPORT klBoundSocketLink : public klSocketLink {
+public:
+    // Binds and listens (backlog 128). Failures: "Unable to create socket. ",
+    // "Unable to bind to port <port>. ", "Unable to listen for incoming connections. ", each
+    // followed by the system's text; nothing is left open.
+    explicit klBoundSocketLink(int port);
+    ~klBoundSocketLink() override;
+
+    void shutdown() override;
+
+private:
+    friend class klSocketLink;
+
+    // Waits for one connection, or for shutdown (klConnectionClosed).
+    klSocketHandle accept() const;
+
+    // Signalled once by shutdown() and never reset.
+    klSocketHandle m_shutdownEvent = klInvalidSocket;
+};
