@@ -13,6 +13,9 @@
 #include <klNetBase/core/klNetOptions.h>
 #include <klNetBase/core/klNetTypes.h>
 
+#include <klNetBase/serial/klNetMessage.h>
+#include <klNetBase/serial/klNetSerializer.h>
+
 #include <klNetBase/link/klBoundSocketLink.h>
 #include <klNetBase/link/klNetCipherBase.h>
 #include <klNetBase/link/klNetLink.h>
@@ -20,7 +23,19 @@
 #include <klNetBase/link/klSocketHandle.h>
 #include <klNetBase/link/klSocketLink.h>
 
-#include <klNetBase/runtime/klNetProgress.h>
+#include <klNetBase/send/klNetBalancedSender.h>
+#include <klNetBase/send/klNetBufferedSender.h>
+#include <klNetBase/send/klNetLinkSender.h>
+#include <klNetBase/send/klNetLockedSender.h>
+#include <klNetBase/send/klNetMultiSender.h>
+#include <klNetBase/send/klNetSender.h>
+#include <klNetBase/send/klNetSwitchSender.h>
 
-#include <klNetBase/serial/klNetMessage.h>
-#include <klNetBase/serial/klNetSerializer.h>
+#include <klNetBase/recv/klNetLinkReceiver.h>
+#include <klNetBase/recv/klNetMultiLinkReceiver.h>
+#include <klNetBase/recv/klNetReceiver.h>
+
+#include <klNetBase/runtime/klNetActionManager.h>
+#include <klNetBase/runtime/klNetAffinityManager.h>
+#include <klNetBase/runtime/klNetMem.h>
+#include <klNetBase/runtime/klNetProgress.h>

@@ -1,3 +1,81 @@
 #include <klNetBase/core/klNetBuffer.h>
 
+#include <klNetBase/core/klNetBufferPool.h>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
 klNetBuffer::klNetBuffer() : m_sendMode(klNetSendModeDefault), m_padding(), m_header() {}
+
+void klNetBuffer::addToBundle(const std::shared_ptr<klNetBuffer>& buffer) {
+    const klNetBuffer& packed = *buffer;
+    unsigned char* end = m_data + m_header.dataSize;
+    if (packed.getType() == klNetMessageTypeBundle) {
+        std::memcpy(end, packed.m_data, packed.m_header.dataSize);
+        m_header.dataSize += packed.m_header.dataSize;
+    } else {
+        const std::size_t size = packed.getBufferSize();
+        std::memcpy(end, packed.getBuffer(), size);
+        m_header.dataSize += std::uint32_t(size);
+    }
+}
+
+bool klNetBuffer::tryBundle(std::queue<std::shared_ptr<klNetBuffer>>& queue,
+                            std::shared_ptr<klNetBuffer>& out) {
+    if (queue.empty()) {
+        return false;
+    }
+    std::shared_ptr<klNetBuffer> first = std::move(queue.front());
+    queue.pop();
+    // The first buffer's room counts its header even when it is a bundle whose records go in
+    // without it: the first test is 24 bytes stricter than it need be.
+    std::uint64_t used = first->getDataSize() + kHeaderSize;
+    std::shared_ptr<klNetBuffer> bundle;
+    while (!queue.empty()) {
+        const std::shared_ptr<klNetBuffer>& next = queue.front();
+        if (first->getDataSize() == 0 || next->getDataSize() == 0 ||
+            next->getDestination() != first->getDestination() ||
+            next->getDataSize() + used + kHeaderSize >= kCapacity) {
+            break;
+        }
+        if (!bundle) {
+            bundle = klNetBufferPool::pop();
+            bundle->copyHeaderFrom(*first);
+            bundle->setType(klNetMessageTypeBundle);
+            bundle->setDataSize(0);
+            bundle->setCompression(klNetCompressionNone, 0);
+            bundle->setSequence(0);
+            bundle->addToBundle(first);
+        }
+        bundle->addToBundle(next);
+        queue.pop();
+        used = bundle->getDataSize();
+    }
+    out = bundle ? std::move(bundle) : std::move(first);
+    return true;
+}
+
+void klNetBuffer::split(std::queue<std::shared_ptr<klNetBuffer>>& out) const {
+    const std::size_t size = std::min<std::size_t>(m_header.dataSize, kCapacity);
+    // Record starts, found first so that the pool is asked once for the whole bundle.
+    std::vector<std::size_t> starts;
+    for (std::size_t position = 0; position + kHeaderSize <= size;) {
+        starts.push_back(position);
+        klNetHeader header;
+        std::memcpy(&header, m_data + position, kHeaderSize);
+        position += kHeaderSize + std::size_t(header.dataSize);
+    }
+    std::vector<std::shared_ptr<klNetBuffer>> buffers;
+    klNetBufferPool::popMany(int(starts.size()), buffers);
+    for (std::size_t i = 0; i < starts.size(); ++i) {
+        klNetBuffer& restored = *buffers[i];
+        const std::size_t payload = starts[i] + kHeaderSize;
+        std::memcpy(&restored.m_header, m_data + starts[i], kHeaderSize);
+        const std::size_t length =
+            std::min<std::size_t>(restored.m_header.dataSize, size - payload);
+        std::memcpy(restored.m_data, m_data + payload, length);
+        restored.m_header.dataSize = std::uint32_t(length);
+        out.push(std::move(buffers[i]));
+    }
+}

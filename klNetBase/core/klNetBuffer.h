@@ -23,6 +23,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <queue>
 
 class KLNETBASE_EXPORT klNetBuffer {
 public:
@@ -94,7 +96,35 @@ public:
     // Copies all 24 header bytes of other; send mode and payload stay as they are.
     void copyHeaderFrom(const klNetBuffer& other) { m_header = other.m_header; }
 
+    // Bundling. A bundle (type 3) carries other buffers as a run of records, with no count, padding
+    // or terminator:
+    //
+    //   +-------------------+------------------+-------------------+------------------+--
+    //   | header 1 (24)     | payload 1        | header 2 (24)     | payload 2        | ...
+    //   +-------------------+------------------+-------------------+------------------+--
+    //
+    // Its own header is a copy of the first packed buffer's with type 3, dataSize = length of the
+    // records, and originalDataSize, sequence and compression 0. A bundle packed into another is
+    // copied flat (its records, not its header).
+
+    // Takes a consecutive run of buffers for one destination off the front of the queue and sets
+    // out to a bundle of them, or to the front buffer alone when nothing can join it. Buffers of
+    // size 0 are never packed. False, with out unchanged, when the queue is empty.
+    static bool tryBundle(std::queue<std::shared_ptr<klNetBuffer>>& queue,
+                          std::shared_ptr<klNetBuffer>& out);
+    // Pushes one buffer per record of this bundle onto out, in record order. Bundles arrive from
+    // the network, so records are read within this buffer only: a record that runs past the end is
+    // cut short at the end (its dataSize then says what was copied), a partial header is dropped.
+    void split(std::queue<std::shared_ptr<klNetBuffer>>& out) const;
+    // Sequence order as plain unsigned 16-bit numbers, without wrap-around: 65535 sorts after 0.
+    bool isSequenceLess(const std::shared_ptr<klNetBuffer>& other) const {
+        return m_header.sequence < other->m_header.sequence;
+    }
+
 private:
+    // Appends buffer to this bundle. REQUIRES: the caller has checked the room.
+    void addToBundle(const std::shared_ptr<klNetBuffer>& buffer);
+
     alignas(64) klNetBufferSendMode m_sendMode;
     // Places the header so that the payload starts on a cache line: block copies of payloads
     // then run on aligned addresses at both ends.
