@@ -15,6 +15,7 @@
 
 #include <klNetBase/serial/klNetMessage.h>
 #include <klNetBase/serial/klNetSerializer.h>
+#include <klNetBase/serial/klNetStream.h>
 
 #include <klNetBase/link/klBoundSocketLink.h>
 #include <klNetBase/link/klNetCipherBase.h>

@@ -6,6 +6,7 @@
 #include <klNetBase/core/klNetError.h>
 #include <klNetBase/link/detail/klSocketOps.h>
 #include <klNetBase/link/klBoundSocketLink.h>
+#include <klNetBase/serial/klNetStream.h>
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -33,6 +34,10 @@ constexpr auto kGreetingWait = std::chrono::milliseconds(2000);
 
 std::atomic<bool> klSocketLink::s_initialized{false};
 std::mutex klSocketLink::s_closeMutex;
+
+std::shared_ptr<klNetLink> klSocketLink::create(klNetStream& stream, klNetInterfaceOptions&, bool) {
+    return stream.getFirstLink();
+}
 
 void klSocketLink::initialize() {
     // Every send passes MSG_NOSIGNAL, so there is no SIGPIPE to mask and nothing to start.

@@ -31,6 +31,8 @@
 #include <mutex>
 
 class klBoundSocketLink;
+class klNetInterfaceOptions;
+class klNetStream;
 
 class KLNETBASE_EXPORT klSocketLink : public klNetLink {
 public:
@@ -49,6 +51,10 @@ public:
 
     klSocketLink(const klSocketLink&) = delete;
     klSocketLink& operator=(const klSocketLink&) = delete;
+
+    // The link a stream already talks over (its first link); options and flag are not used.
+    static std::shared_ptr<klNetLink> create(klNetStream& stream, klNetInterfaceOptions& options,
+                                             bool flag);
 
     // Nothing to start on this platform; kept so that every entry point calls it first.
     static void initialize();

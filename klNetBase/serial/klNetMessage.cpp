@@ -44,11 +44,19 @@ void klNetMessage::recvBuffer(std::shared_ptr<klNetBuffer>& buffer) {
 }
 
 void klNetMessage::setRecvBuffers(const std::vector<std::shared_ptr<klNetBuffer>>& buffers) {
-    if (&buffers != &m_buffers) {
-        m_buffers = buffers;
-        m_next = 0;
+    // Copied first: the argument may be this message's own list.
+    std::vector<std::shared_ptr<klNetBuffer>> incoming = buffers;
+    m_next = 0;
+    if (incoming.empty()) {
+        m_buffers.clear();
+        discardRecvBuffer();
+        return;
     }
-    discardRecvBuffer();
+    // The first buffer becomes the current one, so that its header (source, type) can be asked
+    // before anything is read; the rest wait in the list.
+    m_buffers.assign(std::make_move_iterator(incoming.begin() + 1),
+                     std::make_move_iterator(incoming.end()));
+    setRecvBuffer(incoming.front());
 }
 
 std::size_t klNetMessage::getMessageSize() const {

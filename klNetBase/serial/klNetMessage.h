@@ -30,7 +30,8 @@ public:
 
     klNetMessageType getMessageType() override { return klNetMessageTypeMessage; }
 
-    // Replaces the buffers to read by a copy of the given ones; reading starts with the first.
+    // Replaces the buffers to read by a copy of the given ones; reading starts with the first,
+    // whose header the serializer's getSource()/getType() then report.
     void setRecvBuffers(const std::vector<std::shared_ptr<klNetBuffer>>& buffers);
     // Unread payload bytes: the current receive buffer's dataSize plus every listed buffer's.
     std::size_t getMessageSize() const;

@@ -1,0 +1,271 @@
+#include <klNetBase/serial/klNetStream.h>
+
+#include <klNetBase/core/klConnectionClosed.h>
+#include <klNetBase/core/klNetBufferPool.h>
+#include <klNetBase/core/klNetError.h>
+#include <klNetBase/core/klNetOptions.h>
+#include <klNetBase/recv/klNetLinkReceiver.h>
+#include <klNetBase/runtime/klNetProgress.h>
+#include <klNetBase/send/klNetLinkSender.h>
+
+#include <algorithm>
+#include <chrono>
+#include <set>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+std::uint64_t wireSize(const klNetBuffer& buffer) {
+    return buffer.getDataSize() + klNetBuffer::getHeaderSize();
+}
+
+}  // namespace
+
+klNetStream::klNetStream() : klNetStream(std::shared_ptr<klNetLink>()) {}
+
+klNetStream::klNetStream(const std::shared_ptr<klNetLink>& link)
+    : klNetSerializer(klNetOptions::getStreamBufferSize()) {
+    if (link) {
+        m_sender = klNetLinkSender::create(link);
+        m_receiver = klNetLinkReceiver::create(link);
+    }
+}
+
+klNetStream::~klNetStream() {
+    m_partialMessages.clear();
+    m_sender.reset();
+    m_receiver.reset();
+}
+
+void klNetStream::setSender(const std::shared_ptr<klNetSender>& sender) {
+    m_sender = sender;
+    m_multicastSequence = 0;
+    m_directedSequence = 0;
+    clearSendBuffer();
+}
+
+void klNetStream::setReceiver(const std::shared_ptr<klNetReceiver>& receiver) {
+    m_receiver = receiver;
+    clearRecvBuffer();
+}
+
+std::size_t klNetStream::getDestinationCount() const {
+    return m_sender ? m_sender->getDestinations().size() : 0;
+}
+
+std::shared_ptr<klNetLink> klNetStream::getFirstLink() {
+    if (!m_sender) {
+        throw klConnectionClosed();
+    }
+    const std::vector<std::shared_ptr<klNetLink>> links = m_sender->getLinks();
+    if (links.empty()) {
+        throw klConnectionClosed();
+    }
+    return links.front();
+}
+
+std::string klNetStream::getLinkName() {
+    requireReceiver();
+    return m_receiver->getLinkName();
+}
+
+std::uint64_t klNetStream::getCompressedBytes() {
+    return m_sender ? m_sender->getCompressedBytes() : 0;
+}
+
+void klNetStream::resetStatistics() {
+    m_sentBytes = 0;
+    m_receivedBytes = 0;
+    if (m_sender) {
+        m_sender->resetStatistics();
+    }
+}
+
+void klNetStream::waitAllDataTransfered() {
+    if (m_sender) {
+        m_sender->waitAllDataTransfered();
+    }
+}
+
+void klNetStream::shutdown() {
+    if (m_sender) {
+        m_sender->shutdown();
+    }
+    if (m_receiver) {
+        m_receiver->shutdown();
+    }
+}
+
+bool klNetStream::isReadable() {
+    if (klNetSerializer::isReadable()) {
+        return true;
+    }
+    requireReceiver();
+    return m_receiver->isReadable();
+}
+
+void klNetStream::waitReadableOrAbort() {
+    while (!klNetProgress::isAborting()) {
+        if (isReadable()) {
+            return;
+        }
+        std::this_thread::sleep_until(std::chrono::steady_clock::now() +
+                                      std::chrono::milliseconds(1));
+    }
+    throw klNetError("Aborted");
+}
+
+klNetSerializer& klNetStream::flush(klNetSerializer& serializer) {
+    auto* stream = dynamic_cast<klNetStream*>(&serializer);
+    if (stream == nullptr) {
+        throw klNetError("Unable to flush this type of stream");
+    }
+    stream->flush();
+    return serializer;
+}
+
+void klNetStream::requireReceiver() const {
+    if (!m_receiver) {
+        throw klConnectionClosed();
+    }
+}
+
+void klNetStream::sendBuffer(const std::shared_ptr<klNetBuffer>& buffer) {
+    if (!m_sender) {
+        throw klConnectionClosed();
+    }
+    buffer->setSource(m_rank);
+    if (!buffer->isMulticast()) {
+        buffer->setSequence(m_directedSequence++);
+    } else {
+        buffer->setSequence(m_multicastSequence++);
+    }
+    if (!buffer->isMulticast() && buffer->getDestination() == m_rank) {
+        requireReceiver();
+        m_receiver->addToRecvQueue(buffer);
+    } else {
+        m_sender->send(buffer);
+    }
+    m_sentBytes += wireSize(*buffer);
+}
+
+void klNetStream::recvBuffer(std::shared_ptr<klNetBuffer>& buffer) {
+    requireReceiver();
+    std::shared_ptr<klNetBuffer> received;
+    m_receiver->recv(received);
+    if (received->getType() != klNetMessageTypeStream) {
+        throw klNetError(std::ostringstream()
+                         << "Stream out of sync. Stream expected at " << m_rank << " from "
+                         << received->getSource() << " to " << received->getDestination());
+    }
+    m_receivedBytes += wireSize(*received);
+    buffer = std::move(received);
+}
+
+void klNetStream::sendMessage(klNetMessage& message, int destination, klNetBufferSendMode mode) {
+    for (const auto& buffer : message.takeSendBuffers()) {
+        buffer->setDestination(std::uint32_t(destination));
+        buffer->setSendMode(mode);
+        sendBuffer(buffer);
+    }
+}
+
+bool klNetStream::recvMessagePart(klNetMessage& message) {
+    requireReceiver();
+    std::shared_ptr<klNetBuffer> buffer;
+    m_receiver->recv(buffer);
+    if (buffer->getType() != message.getMessageType()) {
+        throw klNetError("Stream out of sync. Wrong message type");
+    }
+    m_receivedBytes += wireSize(*buffer);
+    const std::size_t count = buffer->getMessageBufferCount();
+    if (count <= 1) {
+        message.setRecvBuffer(buffer);
+        return true;
+    }
+    const std::uint64_t key =
+        std::uint64_t(std::uint32_t(buffer->getSource() << 16) | buffer->getMessageId());
+    std::vector<std::shared_ptr<klNetBuffer>>& parts = m_partialMessages[key];
+    parts.push_back(std::move(buffer));
+    if (parts.size() < count) {
+        return false;
+    }
+    std::sort(parts.begin(), parts.end(),
+              [](const std::shared_ptr<klNetBuffer>& a, const std::shared_ptr<klNetBuffer>& b) {
+                  return a->isSequenceLess(b);
+              });
+    message.setRecvBuffers(parts);
+    m_partialMessages.erase(key);
+    return true;
+}
+
+void klNetStream::recvMessage(klNetMessage& message) {
+    while (!recvMessagePart(message)) {
+        std::this_thread::yield();
+    }
+}
+
+bool klNetStream::tryRecvMessage(klNetMessage& message) {
+    return isReadable() && recvMessagePart(message);
+}
+
+klNetStream& klNetStream::sendSuccess() {
+    putValue(std::uint8_t(1));
+    return *this;
+}
+
+klNetStream& klNetStream::sendException(const std::exception& e) {
+    putValue(std::uint8_t(0));
+    putValue(e.what());
+    return *this;
+}
+
+klNetStream& klNetStream::recvResult() {
+    std::uint8_t success = 0;
+    getValue(success);
+    if (success == 0) {
+        std::string text;
+        getValue(text);
+        throw klNetError(text);
+    }
+    return *this;
+}
+
+void klNetStream::sendSync(int value) {
+    klNetMessage message(klNetOptions::getStreamBufferSize());
+    message.putValue(std::int32_t(value));
+    sendMessage(message, m_rank == 1 ? 0 : 1, klNetSendModeDefault);
+}
+
+int klNetStream::waitSync() {
+    klNetMessage message;
+    if (m_rank != 1) {
+        recvMessage(message);
+    } else {
+        const std::size_t expected = getDestinationCount();
+        if (expected == 0) {
+            return 0;
+        }
+        std::set<std::size_t> sources;
+        while (sources.size() < expected) {
+            recvMessage(message);
+            const std::size_t source = message.getSource();
+            if (!sources.insert(source).second) {
+                throw klNetError(std::ostringstream()
+                                 << "Synchronisation error: multiple responses from " << source);
+            }
+        }
+    }
+    std::int32_t value = 0;
+    message.getValue(value);
+    return value;
+}
+
+void klNetStream::recvAll() {
+    requireReceiver();
+    std::shared_ptr<klNetBuffer> buffer = klNetBufferPool::pop();
+    for (;;) {
+        m_receiver->recv(buffer);
+    }
+}
