@@ -32,9 +32,12 @@
 #include <klNetBase/send/klNetSender.h>
 #include <klNetBase/send/klNetSwitchSender.h>
 
+#include <klNetBase/recv/klNetForwardReceiver.h>
 #include <klNetBase/recv/klNetLinkReceiver.h>
 #include <klNetBase/recv/klNetMultiLinkReceiver.h>
 #include <klNetBase/recv/klNetReceiver.h>
+#include <klNetBase/recv/klNetSortReceiver.h>
+#include <klNetBase/recv/klNetUnbundleReceiver.h>
 
 #include <klNetBase/runtime/klNetActionManager.h>
 #include <klNetBase/runtime/klNetAffinityManager.h>
