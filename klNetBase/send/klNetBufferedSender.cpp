@@ -86,7 +86,15 @@ void klNetBufferedSender::rethrowError() {
 void klNetBufferedSender::popUntilMaxSize(std::queue<std::shared_ptr<klNetBuffer>>& batch,
                                           std::uint64_t maxSize) {
     std::shared_ptr<klNetBuffer> buffer;
-    m_queue.pop(buffer);
+    // Spin briefly before sleeping: waking a sleeping worker costs the producer a system call per
+    // buffer, and a worker that sleeps between short bursts sends many small bundles.
+    bool taken = false;
+    for (int spin = 0; spin < 64 && !(taken = m_queue.try_pop(buffer)); ++spin) {
+        std::this_thread::yield();
+    }
+    if (!taken) {
+        m_queue.pop(buffer);
+    }
     std::uint64_t total = wireSize(*buffer);
     bool stop = buffer->getDataSize() == 0;
     batch.push(std::move(buffer));

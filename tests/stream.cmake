@@ -1,0 +1,2 @@
+# The stream, in one process and across processes.
+kl_add_test(klNetClusterTest SOURCES serial/klNetClusterTest.cpp LABELS threaded)
