@@ -1,0 +1,113 @@
+#include <klNetBase/runtime/klNetProgress.h>
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Calls = std::vector<std::string>;
+
+// Records every handler call as text: "begin copy 100", "12.5".
+class Recorder final : public klNetProgress::Handler {
+public:
+    void begin(const std::string& text, double maximum) override {
+        add("begin " + text + " ", maximum);
+    }
+    void progress(double value) override { add("", value); }
+    Calls calls;
+
+private:
+    void add(const std::string& prefix, double value) {
+        std::ostringstream text;
+        text << prefix << value;
+        calls.push_back(text.str());
+    }
+};
+
+// Every test leaves the process-wide reporter as it found it.
+class klNetProgressTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        klNetProgress::setHook([this] { ++hookCalls; });
+    }
+    void TearDown() override {
+        klNetProgress::reset();
+        klNetProgress::setHook({});
+    }
+    Recorder recorder;
+    int hookCalls = 0;
+};
+
+}  // namespace
+
+TEST_F(klNetProgressTest, ReportsPercentOnlyWhenItsHundredthChanges) {
+    klNetProgress::set(&recorder);
+    klNetProgress::start("copy", 50);
+    for (int i = 0; i < 10; ++i) {
+        klNetProgress::add(5);
+    }
+    EXPECT_EQ(
+        (Calls{"begin copy 100", "0", "10", "20", "30", "40", "50", "60", "70", "80", "90", "100"}),
+        recorder.calls);
+    EXPECT_EQ(10, hookCalls);
+
+    recorder.calls.clear();
+    klNetProgress::start("scan", 200);
+    klNetProgress::add(1);
+    klNetProgress::add(0.001);  // the same hundredth: no handler call, but the hook runs
+    klNetProgress::set(100.0);
+    klNetProgress::set(100.0);
+    klNetProgress::start("thirds", 3.9);  // truncates to 3 > 0, scaled by 3.9 itself
+    klNetProgress::add(1);
+    EXPECT_EQ((Calls{"begin scan 100", "0", "0.5", "50", "begin thirds 100", "0", "25.64"}),
+              recorder.calls);
+    EXPECT_EQ(15, hookCalls);
+}
+
+TEST_F(klNetProgressTest, ScalesBelowOneAreIndeterminate) {
+    klNetProgress::set(&recorder);
+    klNetProgress::start("wait", 0.5);
+    klNetProgress::start("wait", -3);
+    EXPECT_EQ((Calls{"begin wait 0", "-1", "begin wait 0", "-1"}), recorder.calls);
+    EXPECT_EQ(0, hookCalls);
+}
+
+TEST_F(klNetProgressTest, WithoutHandlerNothingIsCalled) {
+    klNetProgress::set(&recorder);
+    klNetProgress::set(nullptr);
+    klNetProgress::start("quiet", 10);
+    klNetProgress::add(5);
+    klNetProgress::set(7.0);
+    klNetProgress::set(&recorder);
+    klNetProgress::reset();
+    klNetProgress::add(5);
+    EXPECT_TRUE(recorder.calls.empty());
+    EXPECT_EQ(0, hookCalls);
+}
+
+TEST_F(klNetProgressTest, AbortFlagIsClearedByInstallingAHandlerOrSettingAValue) {
+    EXPECT_FALSE(klNetProgress::isAborting());
+    klNetProgress::abort();
+    klNetProgress::add(1);  // adding keeps the request
+    EXPECT_TRUE(klNetProgress::isAborting());
+    klNetProgress::set(&recorder);
+    EXPECT_FALSE(klNetProgress::isAborting());
+    klNetProgress::abort();
+    klNetProgress::set(3.0);
+    EXPECT_FALSE(klNetProgress::isAborting());
+    klNetProgress::abort();
+    klNetProgress::reset();
+    EXPECT_FALSE(klNetProgress::isAborting());
+
+    // Installing a handler restarts the raw value: the next add counts from 0.
+    recorder.calls.clear();
+    klNetProgress::set(&recorder);
+    klNetProgress::start("again", 10);
+    klNetProgress::add(9);
+    klNetProgress::set(&recorder);
+    klNetProgress::add(1);
+    EXPECT_EQ((Calls{"begin again 100", "0", "90", "10"}), recorder.calls);
+}
