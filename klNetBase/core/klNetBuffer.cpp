@@ -57,15 +57,18 @@ bool klNetBuffer::tryBundle(std::queue<std::shared_ptr<klNetBuffer>>& queue,
 }
 
 void klNetBuffer::split(std::queue<std::shared_ptr<klNetBuffer>>& out) const {
-    const std::size_t size = std::min<std::size_t>(m_header.dataSize, kCapacity);
-    // Record starts, found first so that the pool is asked once for the whole bundle.
+    // Records start within the bundle's dataSize and are read as their headers say, but never
+    // beyond this buffer's payload area: a header that does not fit is dropped, a payload that
+    // does not fit is cut at the edge.
+    const std::size_t end = std::min<std::size_t>(m_header.dataSize, kCapacity);
     std::vector<std::size_t> starts;
-    for (std::size_t position = 0; position + kHeaderSize <= size;) {
+    for (std::size_t position = 0; position < end && position + kHeaderSize <= kCapacity;) {
         starts.push_back(position);
         klNetHeader header;
         std::memcpy(&header, m_data + position, kHeaderSize);
         position += kHeaderSize + std::size_t(header.dataSize);
     }
+    // All buffers at once, so that the pool is asked once per bundle.
     std::vector<std::shared_ptr<klNetBuffer>> buffers;
     klNetBufferPool::popMany(int(starts.size()), buffers);
     for (std::size_t i = 0; i < starts.size(); ++i) {
@@ -73,7 +76,7 @@ void klNetBuffer::split(std::queue<std::shared_ptr<klNetBuffer>>& out) const {
         const std::size_t payload = starts[i] + kHeaderSize;
         std::memcpy(&restored.m_header, m_data + starts[i], kHeaderSize);
         const std::size_t length =
-            std::min<std::size_t>(restored.m_header.dataSize, size - payload);
+            std::min<std::size_t>(restored.m_header.dataSize, kCapacity - payload);
         std::memcpy(restored.m_data, m_data + payload, length);
         restored.m_header.dataSize = std::uint32_t(length);
         out.push(std::move(buffers[i]));

@@ -113,8 +113,9 @@ public:
     static bool tryBundle(std::queue<std::shared_ptr<klNetBuffer>>& queue,
                           std::shared_ptr<klNetBuffer>& out);
     // Pushes one buffer per record of this bundle onto out, in record order. Bundles arrive from
-    // the network, so records are read within this buffer only: a record that runs past the end is
-    // cut short at the end (its dataSize then says what was copied), a partial header is dropped.
+    // the network, so records are read within this buffer's payload area only: a record that runs
+    // past the area is cut short at its edge (its dataSize then says what was copied), and a header
+    // that does not fit is dropped.
     void split(std::queue<std::shared_ptr<klNetBuffer>>& out) const;
     // Sequence order as plain unsigned 16-bit numbers, without wrap-around: 65535 sorts after 0.
     bool isSequenceLess(const std::shared_ptr<klNetBuffer>& other) const {
