@@ -6,7 +6,7 @@
 // The same two workloads run on plain sockets written directly (header and payload in one send;
 // header, then payload on receive) in the same run, interleaved round by round; each figure is the
 // median of the rounds. Prints both and their ratio against the targets.
-#include <klNetBase/klNetBase.h>
+#include "klBenchSupport.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -26,85 +26,14 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using namespace klbench;
 
 constexpr std::size_t kBulkPayload = 131072;
 constexpr std::size_t kSmallPayload = 64;
 
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-// A connected pair of klSocketLinks over 127.0.0.1.
-struct LinkPair {
-    std::shared_ptr<klSocketLink> client;
-    std::shared_ptr<klSocketLink> server;
-
-    LinkPair() {
-        klBoundSocketLink listener(0);
-        const int port = listener.getAddress().getPort();
-        std::thread acceptor([&] { server = std::make_shared<klSocketLink>(listener); });
-        client = std::make_shared<klSocketLink>(klSocketAddress("127.0.0.1", port), 5.0);
-        acceptor.join();
-    }
-};
-
-// The plain-socket side: raw descriptors taken from a link pair, so both ends run with the same
-// socket options.
-struct PlainPair {
-    int client;
-    int server;
-    PlainPair() {
-        LinkPair links;
-        client = links.client->takeDescriptor();
-        server = links.server->takeDescriptor();
-    }
-    ~PlainPair() {
-        ::close(client);
-        ::close(server);
-    }
-};
-
-void sendAll(int fd, const void* data, std::size_t length) {
-    const char* next = static_cast<const char*>(data);
-    while (length > 0) {
-        const ssize_t sent = ::send(fd, next, length, MSG_NOSIGNAL);
-        if (sent <= 0) {
-            throw std::runtime_error("plain send failed");
-        }
-        next += sent;
-        length -= std::size_t(sent);
-    }
-}
-
-void recvAll(int fd, void* data, std::size_t length) {
-    char* next = static_cast<char*>(data);
-    while (length > 0) {
-        const ssize_t received = ::recv(fd, next, length, 0);
-        if (received <= 0) {
-            throw std::runtime_error("plain recv failed");
-        }
-        next += received;
-        length -= std::size_t(received);
-    }
-}
-
-std::shared_ptr<klNetBuffer> filledBuffer(std::size_t payload) {
-    std::shared_ptr<klNetBuffer> buffer = klNetBufferPool::pop();
-    std::memset(buffer->getData(), 0x5a, payload);
-    buffer->setDataSize(payload);
-    buffer->setCompression(klNetCompressionNone, payload);
-    return buffer;
-}
-
 // Returns bytes per second.
 double linkThroughput(LinkPair& pair, int count) {
-    const std::shared_ptr<klNetBuffer> buffer = filledBuffer(kBulkPayload);
+    const std::shared_ptr<klNetBuffer> buffer = filledBuffer(kBulkPayload, 0x5a);
     const Clock::time_point start = Clock::now();
     std::thread receiver([&] {
         std::shared_ptr<klNetBuffer> received;
@@ -120,7 +49,7 @@ double linkThroughput(LinkPair& pair, int count) {
 }
 
 double plainThroughput(PlainPair& pair, int count) {
-    const std::shared_ptr<klNetBuffer> buffer = filledBuffer(kBulkPayload);
+    const std::shared_ptr<klNetBuffer> buffer = filledBuffer(kBulkPayload, 0x5a);
     const Clock::time_point start = Clock::now();
     std::thread receiver([&] {
         std::vector<unsigned char> frame(klNetBuffer::getHeaderSize() + klNetBuffer::getCapacity());
@@ -140,7 +69,7 @@ double plainThroughput(PlainPair& pair, int count) {
 
 // Returns the median round trip in microseconds.
 double linkRoundTrip(LinkPair& pair, int count) {
-    const std::shared_ptr<klNetBuffer> buffer = filledBuffer(kSmallPayload);
+    const std::shared_ptr<klNetBuffer> buffer = filledBuffer(kSmallPayload, 0x5a);
     std::thread echo([&] {
         std::shared_ptr<klNetBuffer> received;
         for (int i = 0; i < count; ++i) {
@@ -162,7 +91,7 @@ double linkRoundTrip(LinkPair& pair, int count) {
 }
 
 double plainRoundTrip(PlainPair& pair, int count) {
-    const std::shared_ptr<klNetBuffer> buffer = filledBuffer(kSmallPayload);
+    const std::shared_ptr<klNetBuffer> buffer = filledBuffer(kSmallPayload, 0x5a);
     const std::size_t frame = buffer->getBufferSize();
     std::thread echo([&] {
         std::vector<unsigned char> received(frame);

@@ -11,7 +11,7 @@
 //
 // Every workload runs on all three in each round, rounds interleaved; each figure is the median of
 // the rounds. Usage: klNetPeerBench [rounds (default 5)] [scale (default 1.0)]
-#include <klNetBase/klNetBase.h>
+#include "klBenchSupport.h"
 
 #include <zmq.h>
 
@@ -33,45 +33,13 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using namespace klbench;
 
 constexpr std::size_t kBulkBuffer = 131072;
 constexpr std::size_t kSmall = 64;
 constexpr std::size_t kHeader = 24;
 
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-double percentile(std::vector<double> values, double fraction) {
-    std::sort(values.begin(), values.end());
-    return values[std::min(values.size() - 1, std::size_t(fraction * double(values.size())))];
-}
-
-double median(const std::vector<double>& values) {
-    return percentile(values, 0.5);
-}
-
-void require(bool ok, const char* what) {
-    if (!ok) {
-        throw std::runtime_error(what);
-    }
-}
-
 // ---- connections ------------------------------------------------------------------------------
-
-struct LinkPair {
-    std::shared_ptr<klSocketLink> client;
-    std::shared_ptr<klSocketLink> server;
-
-    LinkPair() {
-        klBoundSocketLink listener(0);
-        const int port = listener.getAddress().getPort();
-        std::thread acceptor([&] { server = std::make_shared<klSocketLink>(listener); });
-        client = std::make_shared<klSocketLink>(klSocketAddress("127.0.0.1", port), 5.0);
-        acceptor.join();
-    }
-};
 
 // Two streams over one link pair: rank 1 sends to rank 2.
 struct StreamPair {
@@ -86,40 +54,6 @@ struct StreamPair {
         node.setSender(klNetLinkSender::create(links.server, {1}));
     }
 };
-
-struct PlainPair {
-    int client;
-    int server;
-    PlainPair() {
-        LinkPair links;  // the same socket options as the links
-        client = links.client->takeDescriptor();
-        server = links.server->takeDescriptor();
-    }
-    ~PlainPair() {
-        ::close(client);
-        ::close(server);
-    }
-};
-
-void sendAll(int fd, const void* data, std::size_t length) {
-    const char* next = static_cast<const char*>(data);
-    while (length > 0) {
-        const ssize_t sent = ::send(fd, next, length, MSG_NOSIGNAL);
-        require(sent > 0, "plain send failed");
-        next += sent;
-        length -= std::size_t(sent);
-    }
-}
-
-void recvAll(int fd, void* data, std::size_t length) {
-    char* next = static_cast<char*>(data);
-    while (length > 0) {
-        const ssize_t got = ::recv(fd, next, length, 0);
-        require(got > 0, "plain recv failed");
-        next += got;
-        length -= std::size_t(got);
-    }
-}
 
 struct ZmqPair {
     void* context = zmq_ctx_new();

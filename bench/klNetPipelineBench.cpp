@@ -6,7 +6,7 @@
 //
 // The receiving thread counts buffers (splitting bundles) until all have arrived. Rounds are
 // interleaved; each figure is the median. Also: the parallel copy against memcpy for 64 MiB.
-#include <klNetBase/klNetBase.h>
+#include "klBenchSupport.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -23,38 +23,12 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using namespace klbench;
 
 constexpr std::size_t kPayload = 64;
 
-double secondsSince(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-struct LinkPair {
-    std::shared_ptr<klSocketLink> client;
-    std::shared_ptr<klSocketLink> server;
-
-    LinkPair() {
-        klBoundSocketLink listener(0);
-        const int port = listener.getAddress().getPort();
-        std::thread acceptor([&] { server = std::make_shared<klSocketLink>(listener); });
-        client = std::make_shared<klSocketLink>(klSocketAddress("127.0.0.1", port), 5.0);
-        acceptor.join();
-    }
-};
-
 std::shared_ptr<klNetBuffer> smallBuffer() {
-    std::shared_ptr<klNetBuffer> buffer = klNetBufferPool::pop();
-    std::memset(buffer->getData(), 0x42, kPayload);
-    buffer->setDataSize(kPayload);
-    buffer->setCompression(klNetCompressionNone, kPayload);
-    buffer->setType(klNetMessageTypeStream);
+    std::shared_ptr<klNetBuffer> buffer = filledBuffer(kPayload, 0x42);
     buffer->setDestination(1);
     return buffer;
 }

@@ -349,22 +349,27 @@ int klSocketLink::getLastError() {
     return errno;
 }
 
-klSocketAddress klSocketLink::getAddress() {
+namespace {
+
+// The address one of getsockname/getpeername reports for the socket.
+klSocketAddress queryAddress(klSocketHandle fd, int (*query)(int, sockaddr*, socklen_t*),
+                             const char* failure) {
     sockaddr_storage address{};
     socklen_t length = sizeof(address);
-    if (::getsockname(getDescriptor(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        throw klNetError("Unable to get socket name");
+    if (query(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        throw klNetError(failure);
     }
     return klSocketAddress(reinterpret_cast<const sockaddr*>(&address));
 }
 
+}  // namespace
+
+klSocketAddress klSocketLink::getAddress() {
+    return queryAddress(getDescriptor(), ::getsockname, "Unable to get socket name");
+}
+
 klSocketAddress klSocketLink::getPeerAddress() {
-    sockaddr_storage address{};
-    socklen_t length = sizeof(address);
-    if (::getpeername(getDescriptor(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        throw klNetError("Unable to get socket peer");
-    }
-    return klSocketAddress(reinterpret_cast<const sockaddr*>(&address));
+    return queryAddress(getDescriptor(), ::getpeername, "Unable to get socket peer");
 }
 
 std::string klSocketLink::getLinkName() {
