@@ -25,6 +25,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 extern char** environ;
@@ -47,57 +48,45 @@ enum Request : std::int32_t {
 
 // ---- the typed values the byte stream carries --------------------------------------------------
 
-struct Values {
-    std::int8_t i8 = 0;
-    std::uint8_t u8 = 0;
-    std::int16_t i16 = 0;
-    std::uint16_t u16 = 0;
-    std::int32_t i32 = 0;
-    std::uint32_t u32 = 0;
-    std::int64_t i64 = 0;
-    std::uint64_t u64 = 0;
-    float f = 0;
-    double d = 0;
-    bool b = false;
-    std::string text;
-    std::vector<std::int32_t> ints;
-    std::vector<double> reals;
-    std::vector<std::string> texts;
-    std::vector<bool> flags;
+// One value of every type the byte stream carries, at awkward values; the vector of ints is long
+// enough to straddle several buffers.
+using Values = std::tuple<std::int8_t, std::uint8_t, std::int16_t, std::uint16_t, std::int32_t,
+                          std::uint32_t, std::int64_t, std::uint64_t, float, double, bool,
+                          std::string, std::vector<std::int32_t>, std::vector<double>,
+                          std::vector<std::string>, std::vector<bool>>;
 
-    static Values sample() {
-        Values v;
-        v.i8 = -128;
-        v.u8 = 255;
-        v.i16 = -32768;
-        v.u16 = 65535;
-        v.i32 = std::numeric_limits<std::int32_t>::min();
-        v.u32 = 0xDEADBEEF;
-        v.i64 = std::numeric_limits<std::int64_t>::min() + 7;
-        v.u64 = 0xFEDCBA9876543210ull;
-        v.f = -1.5e-30f;
-        v.d = std::numeric_limits<double>::denorm_min();
-        v.b = true;
-        v.text = std::string("scene\0with zero", 15);
-        for (int i = 0; i < 70000; ++i) {  // long enough to straddle several buffers
-            v.ints.push_back(i * 7919 - 1000000);
-        }
-        v.reals = {0.0, -0.0, 1e308, -3.25};
-        v.texts = {"", "a", std::string(200000, 'x')};
-        v.flags = {true, false, true};
-        return v;
+Values sampleValues() {
+    std::vector<std::int32_t> ints(70000);
+    for (std::size_t i = 0; i < ints.size(); ++i) {
+        ints[i] = std::int32_t(i * 7919) - 1000000;
     }
-    template <class S>
-    void write(S& s) const {
-        s << i8 << u8 << i16 << u16 << i32 << u32 << i64 << u64 << f << d << b << text << ints
-          << reals << texts << flags;
-    }
-    template <class S>
-    void read(S& s) {
-        s >> i8 >> u8 >> i16 >> u16 >> i32 >> u32 >> i64 >> u64 >> f >> d >> b >> text >> ints >>
-            reals >> texts >> flags;
-    }
-};
+    return Values{-128,
+                  255,
+                  -32768,
+                  65535,
+                  std::numeric_limits<std::int32_t>::min(),
+                  0xDEADBEEF,
+                  std::numeric_limits<std::int64_t>::min() + 7,
+                  0xFEDCBA9876543210ull,
+                  -1.5e-30f,
+                  std::numeric_limits<double>::denorm_min(),
+                  true,
+                  std::string("scene\0with zero", 15),
+                  ints,
+                  {0.0, -0.0, 1e308, -3.25},
+                  {"", "a", std::string(200000, 'x')},
+                  {true, false, true}};
+}
+
+template <class S>
+void writeValues(S& s, const Values& values) {
+    std::apply([&s](const auto&... value) { (s << ... << value); }, values);
+}
+
+template <class S>
+void readValues(S& s, Values& values) {
+    std::apply([&s](auto&... value) { (s >> ... >> value); }, values);
+}
 
 std::vector<unsigned char> pattern(std::size_t size, unsigned seed) {
     std::vector<unsigned char> bytes(size);
@@ -136,9 +125,9 @@ int runNode(int rank, int port) {
         switch (code) {
             case kEchoValues: {
                 Values values;
-                values.read(stream);
+                readValues(stream, values);
                 klNetMessage reply;
-                values.write(reply);
+                writeValues(reply, values);
                 stream.sendMessage(reply, kMaster);
                 break;
             }
@@ -301,14 +290,14 @@ protected:
 
 TEST_F(Cluster, ByteStreamValuesOfEveryTypeReachEveryNode) {
     Watchdog watchdog(master, std::chrono::seconds(60));
-    const Values sent = Values::sample();
+    const Values sent = sampleValues();
     sendRequest(master, kEchoValues, 0);
-    sent.write(master);
+    writeValues(master, sent);
     master.flush();
     // Each node read the values and wrote them back: its reply holds exactly the bytes of the same
     // values written here.
     klNetMessage expected;
-    sent.write(expected);
+    writeValues(expected, sent);
     std::vector<std::shared_ptr<klNetBuffer>> expectedBuffers = expected.takeSendBuffers();
     expected.setRecvBuffers(expectedBuffers);
     const std::vector<unsigned char> expectedBytes = bytesOf(expected);
