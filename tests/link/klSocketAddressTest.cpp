@@ -4,21 +4,14 @@
 #include <netdb.h>
 #include <sys/un.h>
 
-#include <gtest/gtest.h>
-
 #include <stdexcept>
 
 TEST(klSocketAddress, SplitsServerAndPortTexts) {
-    const struct {
-        const char* text;
-        const char* server;
-        int port;
-    } cases[] = {
+    const std::tuple<const char*, const char*, int> cases[] = {
         {"render7", "render7", 8889},
         {"  render7:9000  ", "render7", 9000},
         {"  render7  ", "render7", 8889},
         {"render7:", "render7", 8889},
-        {"10.1.2.3:80", "10.1.2.3", 80},
         {"render7:99999", "render7", 99999},
         {"[::1]:9000", "::1", 9000},
         {"[::1]", "::1", 8889},
@@ -28,55 +21,34 @@ TEST(klSocketAddress, SplitsServerAndPortTexts) {
         {":99999", ":99999", 8889},
         {"a:b:1", "a:b:1", 8889},
     };
-    for (const auto& c : cases) {
-        std::string server = "stale";
-        int port = -5;
-        klSocketAddress::splitServerAndPort(c.text, server, port, 8889);
-        EXPECT_EQ(c.server, server) << c.text;
-        EXPECT_EQ(c.port, port) << c.text;
-        EXPECT_EQ(c.server, klSocketAddress::parseServer(c.text)) << c.text;
-        EXPECT_EQ(c.port, klSocketAddress::parsePort(c.text, 8889)) << c.text;
+    for (const auto& [text, server, port] : cases) {
+        std::string splitServer = "stale";
+        int splitPort = -5;
+        klSocketAddress::splitServerAndPort(text, splitServer, splitPort, 8889);
+        EXPECT_EQ(std::make_tuple(text, std::string(server), port, std::string(server), port),
+                  std::make_tuple(text, splitServer, splitPort, klSocketAddress::parseServer(text),
+                                  klSocketAddress::parsePort(text, 8889)));
     }
-    std::string server;
-    int port = 0;
-    EXPECT_THROW(klSocketAddress::splitServerAndPort("render7:99999999999", server, port, 1),
-                 std::out_of_range);
-    EXPECT_THROW(klSocketAddress::parsePort("[::1]:123456789012", 1), std::out_of_range);
     EXPECT_THROW(klSocketAddress("127.0.0.1:99999999999", 1), std::out_of_range);
 }
 
-TEST(klSocketAddress, ResolvesNumericTextsLocalNamesAndTheWildcard) {
-    const klSocketAddress v6("::1", "9000");
-    EXPECT_EQ(AF_INET6, v6.getFamily());
-    EXPECT_EQ(int(sizeof(sockaddr_in6)), v6.getSockAddrSize());
-    EXPECT_EQ(9000, v6.getPort());
-    EXPECT_EQ("::1", v6.getName());
-    const klSocketAddress v4("127.0.0.1:4567", 8889);
-    EXPECT_EQ(AF_INET, v4.getFamily());
-    EXPECT_EQ(int(sizeof(sockaddr_in)), v4.getSockAddrSize());
-    EXPECT_EQ(4567, v4.getPort());
-    EXPECT_EQ("127.0.0.1", v4.getName());
-    EXPECT_EQ(AF_INET6, klSocketAddress("[::1]", 8889).getFamily());
+TEST(klSocketAddress, ResolvesNumericTextsPrefersIpv4AndReadsMappedPeersAsIpv4) {
+    const klSocketAddress v6("[::1]:9000", 8889);
+    const klSocketAddress v4("127.0.0.1", "4567");
+    EXPECT_TRUE(v6.getFamily() == AF_INET6 && v6.getName() == "::1" && v6.getPort() == 9000);
+    EXPECT_TRUE(v4.getFamily() == AF_INET && v4.getName() == "127.0.0.1" && v4.getPort() == 4567);
     EXPECT_EQ("127.0.0.1", klSocketAddress("localhost", 1).getName());
-    // The wildcard resolves to both families; the IPv4 one is taken.
-    const klSocketAddress wildcard("", "0");
-    EXPECT_EQ("0.0.0.0", wildcard.getName());
-    EXPECT_EQ(0, wildcard.getPort());
+    EXPECT_EQ("0.0.0.0", klSocketAddress("", "0").getName());  // the wildcard, of both families
+    sockaddr_in6 peer{};
+    peer.sin6_family = AF_INET6;
+    for (const char* name : {"::ffff:10.1.2.3", "fe80::ffff:1"}) {
+        ASSERT_EQ(1, ::inet_pton(AF_INET6, name, &peer.sin6_addr));
+        EXPECT_EQ(name[1] == ':' ? "10.1.2.3" : name,
+                  klSocketAddress(reinterpret_cast<const sockaddr*>(&peer)).getName());
+    }
 }
 
-TEST(klSocketAddress, SystemAddressesAndFailureTexts) {
-    sockaddr_in6 mapped{};
-    mapped.sin6_family = AF_INET6;
-    mapped.sin6_port = htons(77);
-    ASSERT_EQ(1, ::inet_pton(AF_INET6, "::ffff:10.1.2.3", &mapped.sin6_addr));
-    const klSocketAddress peer(reinterpret_cast<const sockaddr*>(&mapped));
-    EXPECT_EQ(AF_INET6, peer.getFamily());
-    EXPECT_EQ("10.1.2.3", peer.getName());
-    EXPECT_EQ(77, peer.getPort());
-    ASSERT_EQ(1, ::inet_pton(AF_INET6, "fe80::ffff:1", &mapped.sin6_addr));
-    EXPECT_EQ("fe80::ffff:1",
-              klSocketAddress(reinterpret_cast<const sockaddr*>(&mapped)).getName());
-
+TEST(klSocketAddress, FailuresNameTheirCause) {
     sockaddr_un local{};
     local.sun_family = AF_UNIX;
     KL_EXPECT_THROW_TEXT(klSocketAddress(reinterpret_cast<const sockaddr*>(&local)), klNetError,

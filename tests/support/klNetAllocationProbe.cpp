@@ -5,24 +5,18 @@
 #include <new>
 
 namespace {
-
 std::atomic<std::size_t> g_largest{0};
-
 }  // namespace
 
-namespace kltest {
-
-void resetLargestAllocation() {
-    g_largest = 0;
-}
-
-std::size_t largestAllocation() {
+std::size_t kltest::largestAllocation() {
     return g_largest.load();
 }
 
-}  // namespace kltest
+void kltest::resetLargestAllocation() {
+    g_largest = 0;
+}
 
-// Kept in a translation unit of their own so that no caller sees malloc and free behind them.
+// In a translation unit of their own so that no caller sees malloc and free behind them.
 void* operator new(std::size_t size) {
     std::size_t seen = g_largest.load();
     while (size > seen && !g_largest.compare_exchange_weak(seen, size)) {

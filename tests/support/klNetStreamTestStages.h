@@ -5,7 +5,6 @@
 
 #include <support/klNetTestSupport.h>
 
-#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -34,10 +33,6 @@ inline std::shared_ptr<klNetBuffer> makeBuffer(const Bytes& payload, klNetMessag
     return buffer;
 }
 
-inline Bytes headerOf(const klNetBuffer& buffer) {
-    return Bytes(buffer.getBuffer(), buffer.getBuffer() + klNetBuffer::getHeaderSize());
-}
-
 // Keeps every buffer it is given, in order.
 class RecordingSender : public klNetSender {
 public:
@@ -50,10 +45,9 @@ public:
     int resets = 0;
 };
 
-// Serves the scripted buffers in order, then those of the generator; with neither left a read is
-// a test fault and throws. recvAvailable serves the next entry of batches buffers at once (one
-// when no batch is scripted). Buffers added from outside are recorded and served after the
-// script. Readable while scripted buffers remain.
+// Serves the script in order, then the generator's buffers; with neither a read throws.
+// recvAvailable serves the next entry of batches buffers at once (one when none is scripted).
+// Buffers added from outside join the script. Readable while the script is not empty.
 class ScriptedReceiver : public klNetReceiver {
 public:
     explicit ScriptedReceiver(const Buffers& buffers = {})
@@ -75,7 +69,6 @@ public:
         }
     }
     void addToRecvQueue(const std::shared_ptr<klNetBuffer>& buffer) override {
-        added.push_back(buffer);
         script.push_back(buffer);
     }
     bool isReadable() override { return !script.empty(); }
@@ -83,20 +76,19 @@ public:
     std::deque<std::shared_ptr<klNetBuffer>> script;
     std::deque<std::size_t> batches;
     std::function<std::shared_ptr<klNetBuffer>()> generator;
-    Buffers added;
     int calls = 0;  // recv and recvAvailable calls
 
 private:
     std::shared_ptr<klNetBuffer> next() {
-        if (!script.empty()) {
-            auto buffer = script.front();
-            script.pop_front();
-            return buffer;
+        if (script.empty() && !generator) {
+            throw std::logic_error("read beyond the scripted buffers");
         }
-        if (generator) {
+        if (script.empty()) {
             return generator();
         }
-        throw std::logic_error("read beyond the scripted buffers");
+        auto buffer = script.front();
+        script.pop_front();
+        return buffer;
     }
 };
 

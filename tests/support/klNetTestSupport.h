@@ -1,4 +1,4 @@
-// Helpers shared by the unit tests: raw little-endian reads, payload snapshots, exact-error checks.
+// Helpers shared by the unit tests: hex literals, byte snapshots of buffers, exact-error checks.
 #pragma once
 
 #include <klNetBase/klNetBase.h>
@@ -6,8 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -15,31 +13,20 @@
 
 namespace kltest {
 
-// The little-endian unsigned value of width bytes at p + offset, assembled byte by byte so that
-// the check does not depend on how the library lays out its fields.
-inline std::uint64_t readLE(const unsigned char* p, std::size_t offset, std::size_t width) {
-    std::uint64_t value = 0;
-    for (std::size_t i = width; i-- > 0;) {
-        value = (value << 8) | p[offset + i];
-    }
-    return value;
-}
-
 using Bytes = std::vector<unsigned char>;
 
 // Bytes from hexadecimal pairs; blanks are ignored: hex("01 00 00 00 00").
-inline Bytes hex(const std::string& text) {
+inline Bytes hex(std::string text) {
+    text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
     Bytes bytes;
-    std::string digits;
-    for (char c : text) {
-        if (c != ' ') {
-            digits += c;
-        }
-    }
-    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
-        bytes.push_back(static_cast<unsigned char>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+    for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
+        bytes.push_back(static_cast<unsigned char>(std::stoul(text.substr(i, 2), nullptr, 16)));
     }
     return bytes;
+}
+
+inline Bytes headerOf(const klNetBuffer& buffer) {
+    return Bytes(buffer.getBuffer(), buffer.getBuffer() + klNetBuffer::getHeaderSize());
 }
 
 inline Bytes payloadOf(const klNetBuffer& buffer) {
@@ -49,8 +36,7 @@ inline Bytes payloadOf(const klNetBuffer& buffer) {
 inline Bytes concatPayloads(const std::vector<std::shared_ptr<klNetBuffer>>& buffers) {
     Bytes all;
     for (const auto& buffer : buffers) {
-        const Bytes part = payloadOf(*buffer);
-        all.insert(all.end(), part.begin(), part.end());
+        all.insert(all.end(), buffer->getData(), buffer->getData() + buffer->getDataSize());
     }
     return all;
 }
@@ -72,22 +58,14 @@ inline Bytes pattern(std::size_t n) {
     return bytes;
 }
 
-// Leaves every free buffer of the process-wide pool with a nonsense header and payload, so that a
-// writer that forgets to reset a field is caught. Holding count buffers at once reaches every free
-// one as long as the pool has no more than count free, which holds for these small test programs.
+// Leaves the free buffers of the process-wide pool (all of them, while it has no more than count
+// free) with a nonsense header and payload, so that a writer that forgets to reset a field is
+// caught.
 inline void dirtyFreeBuffers(int count = 64) {
     std::vector<std::shared_ptr<klNetBuffer>> held;
     klNetBufferPool::popMany(count, held);
     for (const auto& buffer : held) {
-        std::memset(buffer->getData(), 0xA5, 256);
-        buffer->setDataSize(0xBEEF);
-        buffer->setCompression(klNetCompression(7), 0xCAFE);
-        buffer->setSequence(0x1234);
-        buffer->setType(klNetMessageTypeBundle);
-        buffer->setSource(0xDEAD);
-        buffer->setDestination(9);
-        buffer->setMessageId(0x4321);
-        buffer->setMessageBufferCount(77);
+        std::memset(buffer->getBuffer(), 0xA5, klNetBuffer::getHeaderSize() + 256);
         buffer->setSendMode(klNetSendModeSecondStage);
     }
 }
