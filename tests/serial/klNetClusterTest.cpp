@@ -6,6 +6,8 @@
 //
 // Every blocking step of the master is guarded by a watchdog that shuts the stream down after a
 // generous bound, so a fault ends in a failed test rather than a hang.
+#include <support/klNetPipelineSupport.h>
+
 #include <klNetBase/klNetBase.h>
 
 #include <gtest/gtest.h>
@@ -380,12 +382,7 @@ TEST_F(Cluster, NodeKilledInTheMiddleOfAMessageClosesItsConnection) {
 }
 
 TEST(klNetStreamAbort, WaitingForDataEndsWithAbortedWhenTheUserAborts) {
-    klBoundSocketLink listener(0);
-    std::shared_ptr<klSocketLink> server;
-    std::thread acceptor([&] { server = std::make_shared<klSocketLink>(listener); });
-    auto client = std::make_shared<klSocketLink>(
-        klSocketAddress("127.0.0.1", listener.getAddress().getPort()), 10.0);
-    acceptor.join();
+    const auto [client, server] = kltest::connectedPair();
     klNetStream quiet(client);
 
     klNetProgress::abort();
