@@ -4,4 +4,4 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 scripts/build.sh release >/dev/null
-exec build/release/apps/klNetDemo/klNetDemo "$@"
+exec build/release/bin/klNetDemo "$@"

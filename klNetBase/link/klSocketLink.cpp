@@ -6,6 +6,7 @@
 #include <klNetBase/core/klNetError.h>
 #include <klNetBase/link/detail/klSocketOps.h>
 #include <klNetBase/link/klBoundSocketLink.h>
+#include <klNetBase/link/klSocketPipe.h>
 #include <klNetBase/serial/klNetStream.h>
 
 #include <fcntl.h>
@@ -89,6 +90,18 @@ klSocketLink::klSocketLink(const klBoundSocketLink& listener) {
     setDescriptor(listener.accept());
     setDelay(false);
     setLinger(true, 1);
+}
+
+klSocketLink::klSocketLink(klSocketPipe& pipe, double timeoutSeconds) {
+    initialize();
+    setDescriptor(pipe.recvSocket(timeoutSeconds));
+    setDelay(false);
+    setLinger(true, 1);
+}
+
+void klSocketLink::sendDescriptor(klSocketPipe& pipe, double timeoutSeconds) {
+    setBlocking(true);
+    pipe.sendSocket(getDescriptor(), timeoutSeconds);
 }
 
 klSocketLink::~klSocketLink() {

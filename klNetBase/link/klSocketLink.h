@@ -33,6 +33,7 @@
 class klBoundSocketLink;
 class klNetInterfaceOptions;
 class klNetStream;
+class klSocketPipe;
 
 class KLNETBASE_EXPORT klSocketLink : public klNetLink {
 public:
@@ -47,6 +48,9 @@ public:
     explicit klSocketLink(klSocketHandle descriptor);
     // Waits for and takes the next connection of the listener; Nagle off, 1-second linger.
     explicit klSocketLink(const klBoundSocketLink& listener);
+    // Server side of a hand-off: the next socket the service passes through the pipe
+    // (klSocketPipe::recvSocket and its failures); Nagle off, 1-second linger.
+    klSocketLink(klSocketPipe& pipe, double timeoutSeconds);
     ~klSocketLink() override;
 
     klSocketLink(const klSocketLink&) = delete;
@@ -90,6 +94,9 @@ public:
     klSocketHandle getDescriptor() const { return m_descriptor.load(std::memory_order_acquire); }
     // Hands the descriptor over: the link is closed for its user but leaves the socket open.
     klSocketHandle takeDescriptor();
+    // Service side of a hand-off: makes the socket blocking and passes it to the server through
+    // the pipe (klSocketPipe::sendSocket and its failures). The link keeps its descriptor.
+    void sendDescriptor(klSocketPipe& pipe, double timeoutSeconds);
     bool getCompatibilityMode() const { return m_compatibilityMode; }
     void setCompatibilityMode(bool on) { m_compatibilityMode = on; }
 
