@@ -23,6 +23,7 @@
 #include <klNetBase/link/klSocketAddress.h>
 #include <klNetBase/link/klSocketHandle.h>
 #include <klNetBase/link/klSocketLink.h>
+#include <klNetBase/link/klSocketPipe.h>
 
 #include <klNetBase/send/klNetBalancedSender.h>
 #include <klNetBase/send/klNetBufferedSender.h>
@@ -43,3 +44,9 @@
 #include <klNetBase/runtime/klNetAffinityManager.h>
 #include <klNetBase/runtime/klNetMem.h>
 #include <klNetBase/runtime/klNetProgress.h>
+
+#include <klNetBase/service/klNetPeerFilter.h>
+#include <klNetBase/service/klNetServerProcess.h>
+#include <klNetBase/service/klNetService.h>
+#include <klNetBase/service/klNetServiceStatus.h>
+#include <klNetBase/service/klNetUtils.h>

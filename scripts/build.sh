@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Configures and builds one variant of the project into build/<variant>.
-#   scripts/build.sh release        optimised build with debug info (default)
+# Configures and builds one variant of the project into build/<variant>, every target or only the
+# targets named after the variant.
+#   scripts/build.sh release [target...]   optimised build with debug info (default)
 #   scripts/build.sh asan           AddressSanitizer + UndefinedBehaviorSanitizer
 #   scripts/build.sh tsan           ThreadSanitizer
 # Warnings fail the build.
@@ -8,13 +9,14 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 variant=${1:-release}
+shift || true
 case "$variant" in
   release) flags=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
   asan) flags=(-DCMAKE_BUILD_TYPE=Debug -DKLNETBASE_SANITIZE=address,undefined
                -DKLNETBASE_BUILD_BENCHMARKS=OFF) ;;
   tsan) flags=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DKLNETBASE_SANITIZE=thread
                -DKLNETBASE_BUILD_BENCHMARKS=OFF) ;;
-  *) echo "usage: $0 [release|asan|tsan]" >&2; exit 2 ;;
+  *) echo "usage: $0 [release|asan|tsan] [target...]" >&2; exit 2 ;;
 esac
 
 generator=()
@@ -22,4 +24,6 @@ command -v ninja >/dev/null && generator=(-G Ninja)
 if [[ ! -f "build/$variant/CMakeCache.txt" ]]; then
   cmake -S . -B "build/$variant" "${generator[@]}" -DKLNETBASE_WERROR=ON "${flags[@]}" >/dev/null
 fi
-cmake --build "build/$variant" --parallel "$(nproc)"
+targets=()
+[[ $# -gt 0 ]] && targets=(--target "$@")
+cmake --build "build/$variant" --parallel "$(nproc)" "${targets[@]}"

@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build pkg-config git
   libtbb-dev qtbase5-dev
-  libgtest-dev libgmock-dev libbenchmark-dev libzmq3-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libzmq3-dev libpng-dev systemd
   clang-format
 )
 

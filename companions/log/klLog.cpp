@@ -1,10 +1,14 @@
 #include "klLog.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -53,4 +57,25 @@ void klLog::info(const char* format, ...) {
     va_start(args, format);
     writeLine("INFO", format, args);
     va_end(args);
+}
+
+void klLog::setFile(const std::string& path) {
+    // O_APPEND keeps each line whole even when others write to the file too.
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
+    int result = -1;
+    if (fd == STDERR_FILENO) {
+        // Standard error was closed and the file took its number: only keep it across exec.
+        result = ::fcntl(fd, F_SETFD, 0);
+    } else if (fd >= 0) {
+        result = ::dup2(fd, STDERR_FILENO);
+    }
+    const int error = errno;
+    if (fd >= 0 && fd != STDERR_FILENO) {
+        ::close(fd);
+    }
+    if (result < 0) {
+        char text[256];
+        throw std::runtime_error("cannot open log file '" + path +
+                                 "': " + ::strerror_r(error, text, sizeof(text)));
+    }
 }

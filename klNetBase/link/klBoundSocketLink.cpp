@@ -84,6 +84,10 @@ void klBoundSocketLink::shutdown() {
     shutdownDescriptor(true);
 }
 
+namespace {
+constexpr int kResourceRetryMs = 50;
+}  // namespace
+
 klSocketHandle klBoundSocketLink::accept() const {
     for (;;) {
         const klSocketHandle fd = getDescriptor();
@@ -108,6 +112,13 @@ klSocketHandle klBoundSocketLink::accept() const {
         // The client gave up before it was taken, or a signal came: wait for the next one.
         if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ECONNABORTED || errno == EINTR ||
             errno == EPROTO) {
+            continue;
+        }
+        // Out of descriptors or memory: the connection stays queued; try again shortly rather
+        // than give the listener up, unless shutdown() comes meanwhile.
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            pollfd shutdownWait{m_shutdownEvent, POLLIN, 0};
+            ::poll(&shutdownWait, 1, kResourceRetryMs);
             continue;
         }
         throw klNetError("Unable to accept incomming connection. " +

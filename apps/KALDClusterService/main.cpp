@@ -1,0 +1,365 @@
+// KALDClusterService: the cluster service daemon of a render node.
+//
+// Runs klNetService on a thread of its own while the main thread runs the Qt event loop that the
+// service relies on (finished request threads are deleted there; started servers' output arrives
+// there). Once the port is bound it prints "listening on port N" on standard output. SIGTERM,
+// SIGINT and a stop-service request end it; it then stops its servers and exits 0. A port that
+// cannot be listened on ends it with status 1, a bad command line with status 2.
+#include <klNetBase/core/klNetError.h>
+#include <klNetBase/core/klNetOptions.h>
+#include <klNetBase/service/klNetPeerFilter.h>
+#include <klNetBase/service/klNetService.h>
+
+#include "klLog.h"
+#include "klVersionInfo.h"
+
+#include <QCoreApplication>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+const char* const kProgram = "KALDClusterService";
+
+const char* const kUsage =
+    "Usage: KALDClusterService [OPTION]...\n"
+    "Cluster service of a render node: starts, stops and reports render servers for clients.\n"
+    "\n"
+    "  --port N                 TCP port to listen on (default 8889; 0: chosen by the system)\n"
+    "  --log-file PATH          append diagnostics to PATH instead of standard error\n"
+    "  --service-argument TEXT  passed to every render server started\n"
+    "  --no-console             do not copy render servers' output to standard output\n"
+    "  --allow CIDR             accept requests only from this address range (repeatable;\n"
+    "                           default: every peer)\n"
+    "  --max-servers N          most render servers running at once (default 0: no limit)\n"
+    "  --max-requests N         most requests served at once (default 64)\n"
+    "  --request-timeout S      seconds a client has for each part of its request (default 10)\n"
+    "  --help                   show this help and exit\n"
+    "  --version                show the version and exit\n"
+    "\n"
+    "Prints \"listening on port N\" once it listens. SIGTERM or SIGINT stop it.\n"
+    "Exit status: 0 after a stop, 1 if it cannot listen, 2 for a bad command line.\n";
+
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+struct Options {
+    int port = klNetOptions::getDefaultServicePort();
+    std::string logFile;
+    std::string serviceArgument;
+    bool console = true;
+    klNetPeerFilter peerFilter;
+    std::string allowed;  // the ranges as given, for the start-up log line
+    int maxServers = 0;
+    int maxRequests = 64;
+    double requestTimeout = klNetOptions::getConnectionTimeout();
+};
+
+int parseInt(const std::string& option, const std::string& text, long low, long high) {
+    errno = 0;
+    char* end = nullptr;
+    const long value = std::strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno != 0 || value < low || value > high) {
+        throw UsageError("invalid value '" + text + "' for " + option + " (an integer from " +
+                         std::to_string(low) + " to " + std::to_string(high) + ")");
+    }
+    return int(value);
+}
+
+double parseSeconds(const std::string& option, const std::string& text) {
+    char* end = nullptr;
+    const double value = std::strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || !std::isfinite(value) || value <= 0.0) {
+        throw UsageError("invalid value '" + text + "' for " + option +
+                         " (a number of seconds above 0)");
+    }
+    return value;
+}
+
+// Fills options from the command line. Returns an exit status when the program is done already
+// (--help, --version), -1 to go on; a bad command line throws UsageError.
+int parseOptions(int argc, char** argv, Options& options) {
+    for (int i = 1; i < argc; ++i) {
+        std::string option = argv[i];
+        std::string value;
+        bool hasValue = false;
+        // Both "--option value" and "--option=value".
+        const std::size_t equals = option.find('=');
+        if (option.compare(0, 2, "--") == 0 && equals != std::string::npos) {
+            value = option.substr(equals + 1);
+            option.erase(equals);
+            hasValue = true;
+        }
+        const auto takeValue = [&]() -> const std::string& {
+            if (!hasValue) {
+                if (i + 1 >= argc) {
+                    throw UsageError("option " + option + " needs a value");
+                }
+                value = argv[++i];
+                hasValue = true;
+            }
+            return value;
+        };
+        const auto noValue = [&] {
+            if (hasValue) {
+                throw UsageError("option " + option + " takes no value");
+            }
+        };
+
+        if (option == "--help") {
+            noValue();
+            std::fputs(kUsage, stdout);
+            return 0;
+        } else if (option == "--version") {
+            noValue();
+            std::printf("%s %s\n", kProgram, klVersionInfo::the().getVersionString().c_str());
+            return 0;
+        } else if (option == "--port") {
+            options.port = parseInt(option, takeValue(), 0, 65535);
+        } else if (option == "--log-file") {
+            options.logFile = takeValue();
+            if (options.logFile.empty()) {
+                throw UsageError("option --log-file needs a path");
+            }
+        } else if (option == "--service-argument") {
+            options.serviceArgument = takeValue();
+        } else if (option == "--no-console") {
+            noValue();
+            options.console = false;
+        } else if (option == "--allow") {
+            const std::string& range = takeValue();
+            try {
+                options.peerFilter.allow(range);
+            } catch (const klNetError& e) {
+                throw UsageError(e.what());
+            }
+            options.allowed += (options.allowed.empty() ? "" : ", ") + range;
+        } else if (option == "--max-servers") {
+            options.maxServers = parseInt(option, takeValue(), 0, 1000000);
+        } else if (option == "--max-requests") {
+            options.maxRequests = parseInt(option, takeValue(), 1, 1000000);
+        } else if (option == "--request-timeout") {
+            options.requestTimeout = parseSeconds(option, takeValue());
+        } else {
+            throw UsageError(
+                (option.compare(0, 1, "-") == 0 ? "unknown option '" : "unexpected argument '") +
+                std::string(argv[i]) + "'");
+        }
+    }
+    return -1;
+}
+
+// A descriptor, closed by its owner.
+class Descriptor {
+public:
+    explicit Descriptor(int fd = -1) : m_fd(fd) {}
+    ~Descriptor() {
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+// Calls an action on a thread of its own for every SIGTERM and SIGINT, from construction until
+// destruction. The handler only writes the signal's number into a pipe, which is safe in a
+// handler; the thread reads it. (Blocking the signals for a sigwait thread instead would leave
+// them blocked in the render servers the service starts: a signal mask is inherited across exec,
+// and those servers could then no longer be terminated.)
+class SignalWatcher {
+public:
+    explicit SignalWatcher(std::function<void(int)> action) : m_action(std::move(action)) {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0) {
+            throw std::runtime_error("cannot create the signal pipe: " +
+                                     klNetError::getLastErrorString());
+        }
+        m_readEnd = std::make_unique<Descriptor>(ends[0]);
+        m_writeEnd = std::make_unique<Descriptor>(ends[1]);
+        // A full pipe already holds a pending stop: the handler must never block on it.
+        ::fcntl(ends[1], F_SETFL, O_NONBLOCK);
+        m_thread = std::thread([this] { watch(); });
+        s_writeEnd = ends[1];
+        struct sigaction handler {};
+        handler.sa_handler = &SignalWatcher::onSignal;
+        sigemptyset(&handler.sa_mask);
+        handler.sa_flags = SA_RESTART;
+        ::sigaction(SIGTERM, &handler, &m_previousTerm);
+        ::sigaction(SIGINT, &handler, &m_previousInt);
+    }
+    ~SignalWatcher() {
+        ::sigaction(SIGTERM, &m_previousTerm, nullptr);
+        ::sigaction(SIGINT, &m_previousInt, nullptr);
+        s_writeEnd = -1;
+        const unsigned char quit = 0;
+        while (::write(m_writeEnd->get(), &quit, 1) < 0 && errno == EINTR) {
+        }
+        m_thread.join();
+    }
+    SignalWatcher(const SignalWatcher&) = delete;
+    SignalWatcher& operator=(const SignalWatcher&) = delete;
+
+private:
+    static void onSignal(int signal) {
+        const int savedErrno = errno;
+        const int fd = s_writeEnd.load();
+        if (fd >= 0) {
+            const unsigned char number = static_cast<unsigned char>(signal);
+            ssize_t ignored = ::write(fd, &number, 1);
+            (void)ignored;
+        }
+        errno = savedErrno;
+    }
+
+    void watch() {
+        for (;;) {
+            unsigned char number = 0;
+            const ssize_t n = ::read(m_readEnd->get(), &number, 1);
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            // 0 is the destructor's quit byte.
+            if (n != 1 || number == 0) {
+                return;
+            }
+            m_action(number);
+        }
+    }
+
+    static std::atomic<int> s_writeEnd;
+    std::function<void(int)> m_action;
+    std::unique_ptr<Descriptor> m_readEnd;
+    std::unique_ptr<Descriptor> m_writeEnd;
+    std::thread m_thread;
+    struct sigaction m_previousTerm {};
+    struct sigaction m_previousInt {};
+};
+
+std::atomic<int> SignalWatcher::s_writeEnd{-1};
+
+// Runs the service's accept loop on a thread of its own and quits the application's event loop
+// when the loop ends, whichever way. The destructor stops the service and joins the thread; only
+// then is failure (why run() failed, empty after a stop) ready to be read.
+class ServiceThread {
+public:
+    ServiceThread(klNetService& service, QCoreApplication& application, std::string& failure)
+        : m_service(service), m_thread([&service, &application, &failure] {
+              try {
+                  service.run();
+              } catch (const std::exception& e) {
+                  failure = e.what();
+              }
+              // Queued, so that it also works when the loop has not started yet.
+              QMetaObject::invokeMethod(
+                  &application, [] { QCoreApplication::quit(); }, Qt::QueuedConnection);
+          }) {}
+    ~ServiceThread() {
+        m_service.stop();
+        m_thread.join();
+    }
+    ServiceThread(const ServiceThread&) = delete;
+    ServiceThread& operator=(const ServiceThread&) = delete;
+
+private:
+    klNetService& m_service;
+    std::thread m_thread;
+};
+
+// Serves until stopped; returns why the service failed, empty after a stop.
+std::string runService(int argc, char** argv, const Options& options) {
+    QCoreApplication application(argc, argv);
+
+    klNetService service(options.port, options.serviceArgument);
+    service.setConsole(options.console);
+    service.setPeerFilter(options.peerFilter);
+    service.setMaxServers(options.maxServers);
+    service.setMaxRequests(options.maxRequests);
+    service.setRequestTimeout(options.requestTimeout);
+    service.setListeningHandler([&options](int port) {
+        klLog::info("%s %s listening on port %d\n", kProgram,
+                    klVersionInfo::the().getVersionString().c_str(), port);
+        if (options.peerFilter.isEmpty()) {
+            klLog::info("No --allow given: requests from every peer are accepted\n");
+        } else {
+            klLog::info("Accepting requests from %s only\n", options.allowed.c_str());
+        }
+        std::printf("listening on port %d\n", port);
+        std::fflush(stdout);
+    });
+
+    std::string failure;
+    {
+        SignalWatcher signalWatcher([&service](int signal) {
+            klLog::info("Signal %d received: stopping\n", signal);
+            service.stop();
+        });
+        ServiceThread serviceThread(service, application, failure);
+        QCoreApplication::exec();
+    }
+    // Request threads delete themselves through the event loop: let the last of them go.
+    QCoreApplication::sendPostedEvents();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+
+    if (failure.empty()) {
+        klLog::info("Stopped\n");
+    }
+    return failure;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    try {
+        const int status = parseOptions(argc, argv, options);
+        if (status >= 0) {
+            return status;
+        }
+    } catch (const UsageError& e) {
+        std::fprintf(stderr, "%s: %s\n", kProgram, e.what());
+        return 2;
+    }
+    // The caller's standard error, kept for the last word when --log-file takes standard error
+    // over.
+    const Descriptor callerStderr(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+    bool logging = false;
+    std::string failure;
+    try {
+        if (!options.logFile.empty()) {
+            klLog::setFile(options.logFile);
+            logging = true;
+        }
+        failure = runService(argc, argv, options);
+    } catch (const std::exception& e) {
+        failure = e.what();
+    }
+    if (failure.empty()) {
+        return 0;
+    }
+    if (logging) {
+        klLog::error("%s\n", failure.c_str());
+    }
+    ::dprintf(callerStderr.get() >= 0 ? callerStderr.get() : STDERR_FILENO, "%s: %s\n", kProgram,
+              failure.c_str());
+    return 1;
+}

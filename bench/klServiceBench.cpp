@@ -1,0 +1,111 @@
+// The cluster service under load, over loopback: status requests per second from 1 and from 50
+// clients at once, and the time from a start request to the first pixels of a newly started
+// render server.
+//
+//   klServiceBench [seconds per load figure, default 3] [start rounds, default 10]
+#include "klBenchSupport.h"
+
+#include <klLocalService.h>
+#include <klRenderProtocol.h>
+#include <klServiceClient.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using klbench::Clock;
+using klbench::secondsSince;
+
+// Status requests per second from clients threads, each asking again as soon as it has an answer.
+double statusRate(const klServiceClient& service, int clients, double seconds) {
+    std::atomic<long> answered{0};
+    std::atomic<bool> failed{false};
+    const auto start = Clock::now();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < clients; ++i) {
+        threads.emplace_back([&] {
+            try {
+                while (secondsSince(start) < seconds) {
+                    service.status();
+                    ++answered;
+                }
+            } catch (const std::exception& e) {
+                std::fprintf(stderr, "status request failed: %s\n", e.what());
+                failed = true;
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    klbench::require(!failed, "a status request failed");
+    return double(answered) / secondsSince(start);
+}
+
+// Seconds from sending a start request to the first band of pixels from the started server.
+double startToFirstPixel(const klServiceClient& service) {
+    klRenderRequest row = klRenderRequest::defaultFrame(256, 256);
+    row.y0 = 128;
+    row.height = 1;
+    const auto start = Clock::now();
+    const klServiceClient::StartResult started = service.startServer({});
+    double firstPixel = -1;
+    klRenderClient::render(*started.stream, row, [&](std::size_t) {
+        if (firstPixel < 0) {
+            firstPixel = secondsSince(start);
+        }
+    });
+    service.stopServer(started.serverId);
+    return firstPixel;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 1 && std::string(argv[1]) == "--help") {
+        std::printf("Usage: klServiceBench [seconds per load figure] [start rounds]\n"
+                    "Status requests per second (1 and 50 clients) and start-to-first-pixel\n"
+                    "latency of a cluster service started on a loopback port.\n");
+        return 0;
+    }
+    const double seconds = argc > 1 ? std::atof(argv[1]) : 3.0;
+    const int rounds = argc > 2 ? std::atoi(argv[2]) : 10;
+    if (!(seconds > 0) || rounds <= 0 || argc > 3) {
+        std::fprintf(stderr, "klServiceBench: bad arguments (see --help)\n");
+        return 2;
+    }
+    try {
+        klLocalService local({"--max-requests", "128"});
+        const klServiceClient service("127.0.0.1", local.port());
+
+        std::printf("status requests, 1 client ...\n");
+        const double one = statusRate(service, 1, seconds);
+        std::printf("status requests, 50 clients ...\n");
+        const double fifty = statusRate(service, 50, seconds);
+        std::vector<double> latencies;
+        for (int i = 0; i < rounds; ++i) {
+            std::printf("\rstart to first pixel, round %d of %d", i + 1, rounds);
+            std::fflush(stdout);
+            latencies.push_back(startToFirstPixel(service));
+        }
+        std::printf("\n\n| figure                          | value      |\n"
+                    "|---------------------------------|------------|\n");
+        std::printf("| status requests/s, 1 client     | %10.0f |\n", one);
+        std::printf("| status requests/s, 50 clients   | %10.0f |\n", fifty);
+        std::printf("| start to first pixel, median ms | %10.1f |\n",
+                    klbench::median(latencies) * 1e3);
+        std::printf("| start to first pixel, max ms    | %10.1f |\n",
+                    klbench::percentile(latencies, 1.0) * 1e3);
+        service.stopService();
+        local.waitForExit(30.0);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "klServiceBench: %s\n", e.what());
+        return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,259 @@
+#include <klNetBase/service/klNetServerProcess.h>
+
+#include <klNetBase/core/klNetError.h>
+#include <klNetBase/link/klSocketLink.h>
+#include <klNetBase/service/klNetUtils.h>
+
+#include <exProcess.h>
+#include <klLog.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QThread>
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+namespace {
+
+const char* const kServerProgram = "KALDClusterServer";
+// Servers from this version on take the pipe name on their command line.
+constexpr double kSocketPipeArgumentVersion = 9.0;
+constexpr double kVersionTolerance = 0.0001;
+constexpr double kEndWait = 3.0;
+constexpr double kKillWait = 5.0;
+constexpr auto kWaitStep = std::chrono::milliseconds(100);
+
+// The server's output, as it comes, on this program's standard output.
+void copyToStdout(const QByteArray& chunk) {
+    std::printf("%s", chunk.constData());
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+std::atomic<bool> klNetServerProcess::s_inProcess{false};
+std::function<void(std::string)> klNetServerProcess::s_inProcessCallback;
+std::mutex klNetServerProcess::s_callbackLock;
+std::mutex klNetServerProcess::s_launchLock;
+
+std::shared_ptr<klNetServerProcess> klNetServerProcess::create(
+    const std::string& extraArgument, unsigned id, const std::string& serviceArgument,
+    const std::string& version, bool display, bool stereo, bool firstOption, bool secondOption,
+    bool thirdOption, const std::string& bookingId) {
+    return std::make_shared<klNetServerProcess>(extraArgument, id, serviceArgument, version,
+                                                display, stereo, firstOption, secondOption,
+                                                thirdOption, bookingId);
+}
+
+klNetServerProcess::klNetServerProcess(const std::string& extraArgument, unsigned id,
+                                       std::string serviceArgument, std::string version,
+                                       bool display, bool stereo, bool firstOption,
+                                       bool secondOption, bool thirdOption,
+                                       const std::string& bookingId)
+    : m_id(id),
+      m_socketPipe(s_inProcess.load()),
+      m_serviceArgument(std::move(serviceArgument)),
+      m_extraArgument(extraArgument),
+      m_bookingId(bookingId),
+      m_version(std::move(version)),
+      m_firstOption(firstOption),
+      m_secondOption(secondOption),
+      m_thirdOption(thirdOption),
+      m_display(display),
+      m_stereo(stereo) {}
+
+klNetServerProcess::~klNetServerProcess() {
+    m_socketPipe.shutdown();
+    wait(kEndWait);
+    if (exProcess* const program = process(); program != nullptr && program->isRunning()) {
+        program->tryTerminate();
+        if (!wait(kEndWait)) {
+            program->kill();
+            wait(kKillWait);
+        }
+    }
+    // An in-process task is joined by its future; the wrapper goes through ProcessReleaser.
+}
+
+void klNetServerProcess::ProcessReleaser::operator()(exProcess* process) const {
+    QThread* const home = process->thread();
+    if (home == QThread::currentThread() || QCoreApplication::instance() == nullptr ||
+        home == nullptr || home->isFinished()) {
+        delete process;
+    } else {
+        process->deleteLater();
+    }
+}
+
+void klNetServerProcess::start(bool console) {
+    if (!s_inProcess) {
+        executeProcess(console);
+    } else {
+        executeThread(console);
+    }
+}
+
+void klNetServerProcess::stop() {
+    // Flag first: whoever the pipe shutdown wakes must find the request already made.
+    m_stopRequested = true;
+    m_socketPipe.shutdown();
+}
+
+bool klNetServerProcess::isRunning() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (m_process) {
+        return m_process->isRunning();
+    }
+    if (m_inThread) {
+        return m_threadResult.valid() &&
+               m_threadResult.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
+    }
+    return false;
+}
+
+bool klNetServerProcess::wait(double seconds) {
+    const auto start = std::chrono::high_resolution_clock::now();
+    const bool program = process() != nullptr;
+    for (;;) {
+        if (!isRunning()) {
+            return true;
+        }
+        const std::chrono::duration<double> elapsed =
+            std::chrono::high_resolution_clock::now() - start;
+        if (elapsed.count() >= seconds) {
+            return false;
+        }
+        if (program) {
+            QCoreApplication::processEvents();
+        }
+        std::this_thread::sleep_for(kWaitStep);
+    }
+}
+
+void klNetServerProcess::tryKill() {
+    exProcess* const program = process();
+    if (program == nullptr) {
+        return;
+    }
+    program->tryTerminate();
+    wait(kEndWait);
+    if (program->isRunning()) {
+        program->kill();
+    }
+}
+
+void klNetServerProcess::sendSocket(klSocketLink& link, double seconds) {
+    link.sendDescriptor(m_socketPipe, seconds);
+}
+
+void klNetServerProcess::setInProcess(bool inProcess, std::function<void(std::string)> callback) {
+    std::lock_guard<std::mutex> guard(s_callbackLock);
+    s_inProcess = inProcess;
+    s_inProcessCallback = std::move(callback);
+}
+
+exProcess* klNetServerProcess::process() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_process.get();
+}
+
+void klNetServerProcess::executeProcess(bool console) {
+    std::lock_guard<std::mutex> launch(s_launchLock);
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (m_process || m_inThread) {
+            throw klNetError("Server already started");
+        }
+        m_process.reset(new exProcess());
+    }
+    // Only this thread touches the wrapper until it is started and handed to the application
+    // thread; other threads only ask whether it runs, which it answers from any thread.
+    exProcess& program = *process();
+    program.clearArguments();
+    program.setCommunication(console ? exProcess::kCaptured : exProcess::kForwarded);
+    if (console) {
+        std::printf("KALDClusterServer starting\n");
+        QObject::connect(&program, &exProcess::readyReadStdout, &program,
+                         [&program] { copyToStdout(program.readStdout()); });
+        QObject::connect(&program, &exProcess::readyReadStderr, &program,
+                         [&program] { copyToStdout(program.readStderr()); });
+    }
+
+    const std::string path = getServerPath(m_version);
+    program.addArgument(QString::fromStdString(path));
+    if (m_firstOption) {
+        program.addArgument("-Z");
+    }
+    if (!m_display) {
+        program.addArgument("-P");
+    } else if (m_stereo) {
+        program.addArgument("-s");
+    }
+    if (m_secondOption) {
+        program.addArgument(m_thirdOption ? "-ta" : "-t");
+    }
+    setSocketPipeArgument();
+    program.addArgument(QString::fromStdString(m_extraArgument));
+
+    if (!program.start(m_display)) {
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            m_process.reset();
+        }
+        throw klNetError("Error starting process '" + path +
+                         "'. File not found or insufficient permission to start.");
+    }
+    // From here on its signals are delivered, and the output copied, on the application thread.
+    if (QCoreApplication* const application = QCoreApplication::instance()) {
+        program.moveToThread(application->thread());
+    }
+}
+
+void klNetServerProcess::setSocketPipeArgument() {
+    const std::string name = m_socketPipe.getName();
+    if (klNetUtils::decimalValue(m_version) + kVersionTolerance > kSocketPipeArgumentVersion) {
+        process()->addArgument(QString("-socketpipe=%1").arg(QString::fromStdString(name)));
+    } else {
+        // Older servers look for the pipe in their environment, inherited from here; the launch
+        // lock keeps launches from overwriting it under each other.
+        qputenv("KALD_LOCAL_SERVICE", QByteArray::fromStdString(name));
+    }
+}
+
+void klNetServerProcess::executeThread(bool /*console*/) {
+    std::function<void(std::string)> callback;
+    {
+        std::lock_guard<std::mutex> guard(s_callbackLock);
+        callback = s_inProcessCallback;
+    }
+    std::lock_guard<std::mutex> guard(m_lock);
+    if (m_process || m_inThread) {
+        throw klNetError("Server already started");
+    }
+    m_processId = std::uint32_t(::getpid());
+    m_inThread = true;
+    m_threadResult = std::async(std::launch::async, [this, callback = std::move(callback)] {
+        if (!callback) {
+            return;
+        }
+        try {
+            callback(socketPipeName());
+        } catch (const std::exception& e) {
+            klLog::error("%s", e.what());
+        }
+    });
+}
+
+std::string klNetServerProcess::getServerPath(const std::string& version) {
+    return klNetUtils::getExecutablePath(kServerProgram, version, "");
+}
+
+std::string klNetServerProcess::getBinDir(const std::string& version) {
+    return QFileInfo(QString::fromStdString(getServerPath(version))).dir().path().toStdString();
+}

@@ -1,0 +1,144 @@
+// klNetServerProcess: one render server started by the cluster service.
+//
+// Normally the server is a separate program, "KALDClusterServer" of the client's version, found
+// by klNetUtils::getExecutablePath and started with this command line:
+//
+//   <path> [-Z] [-P | -s] [-t | -ta] [-socketpipe=<pipe name>] <extra argument>
+//
+//   -Z            first option
+//   -P            no display; -s: display and stereo
+//   -t / -ta      second option; -ta when the third option is set as well
+//   -socketpipe=  for servers of version 9.0 and later; older ones find the pipe name in the
+//                 environment variable KALD_LOCAL_SERVICE, which is set in this process for them
+//                 to inherit
+//
+// With console output on, "KALDClusterServer starting" is printed first and everything the server
+// writes to its standard output or error is copied to this program's standard output; otherwise
+// the server writes to this program's standard output and error directly.
+//
+// In in-process mode (setInProcess) the server is instead a task of this process: the in-process
+// callback is called with the socket-pipe name, and the server ends when the callback returns.
+//
+// Either way the object owns the klSocketPipe through which the service hands accepted client
+// sockets to the server (sendSocket). stop() shuts the pipe down, which a server takes as the
+// request to end. Destruction shuts the pipe down and waits up to 3 s for the server to end; a
+// program still running is then asked to terminate, after 3 more seconds killed, and waited for
+// up to 5 s.
+//
+// Requirements: a QCoreApplication whose thread processes events (its event loop, or wait()
+// called on it); a started program's wrapper is moved to that thread, where its output is copied
+// and where it is finally deleted. start() must run on a Qt thread (the application's or a
+// QThread).
+//
+// Thread safety: start() once, then stop(), isStopRequested(), isRunning(), wait(), tryKill(),
+// sendSocket(), socketPipeName(), bookingId() and getId() from any thread. Programs are started
+// one at a time across all objects, as they share this process's environment.
+#pragma once
+
+#include <klNetBase/klNetBaseExport.h>
+#include <klNetBase/link/klSocketPipe.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+
+class exProcess;
+class klSocketLink;
+
+class KLNETBASE_EXPORT klNetServerProcess {
+public:
+    static std::shared_ptr<klNetServerProcess> create(const std::string& extraArgument, unsigned id,
+                                                      const std::string& serviceArgument,
+                                                      const std::string& version, bool display,
+                                                      bool stereo, bool firstOption,
+                                                      bool secondOption, bool thirdOption,
+                                                      const std::string& bookingId);
+
+    // Creates the socket pipe; nothing is started yet. Use create().
+    klNetServerProcess(const std::string& extraArgument, unsigned id, std::string serviceArgument,
+                       std::string version, bool display, bool stereo, bool firstOption,
+                       bool secondOption, bool thirdOption, const std::string& bookingId);
+    // Ends the server as described above; blocks for at most 11 s (an in-process server: until
+    // its callback returns).
+    ~klNetServerProcess();
+
+    klNetServerProcess(const klNetServerProcess&) = delete;
+    klNetServerProcess& operator=(const klNetServerProcess&) = delete;
+
+    // Starts the program (or the in-process task). Failure to start the program:
+    // "Error starting process '<path>'. File not found or insufficient permission to start.";
+    // a second call: "Server already started".
+    void start(bool console);
+    // Marks the server as asked to stop, then shuts the socket pipe down (a request thread woken
+    // by the shutdown already sees the mark). Does not wait; harmless when the server has ended.
+    void stop();
+    bool isStopRequested() const { return m_stopRequested; }
+    // The program or task runs; false before start().
+    bool isRunning();
+    // Waits until the server has ended, checking every 100 ms (and processing this thread's Qt
+    // events meanwhile when a program was started); false when `seconds` passed first.
+    // wait(0.0) checks once.
+    bool wait(double seconds);
+    // Asks the program to terminate, waits up to 3 s, then kills it. Nothing for a task.
+    void tryKill();
+    // Hands the link's socket to the server (klSocketLink::sendDescriptor); a negative time-out
+    // waits without limit.
+    void sendSocket(klSocketLink& link, double seconds);
+
+    std::string socketPipeName() const { return m_socketPipe.getName(); }
+    std::string bookingId() const { return m_bookingId; }
+    unsigned getId() const { return m_id; }
+
+    // Servers started from now on run as tasks of this process (true) or as programs (false).
+    // The callback replaces the stored one; it receives the socket-pipe name.
+    static void setInProcess(bool inProcess, std::function<void(std::string)> callback);
+
+private:
+    // Deletes the wrapper on its own thread: at once when that is this thread or a thread that
+    // will never run again, else through deleteLater.
+    struct ProcessReleaser {
+        void operator()(exProcess* process) const;
+    };
+
+    void executeProcess(bool console);
+    void executeThread(bool console);
+    void setSocketPipeArgument();
+    static std::string getServerPath(const std::string& version);
+    static std::string getBinDir(const std::string& version);
+    // The started program's wrapper, or null.
+    exProcess* process();
+
+    // Constant after construction.
+    const unsigned m_id;
+    // Guarded by m_lock (with m_threadResult, m_inThread and m_process).
+    std::uint32_t m_processId = 0;
+    klSocketPipe m_socketPipe;
+    std::future<void> m_threadResult;
+    bool m_inThread = false;
+    std::atomic<bool> m_stopRequested{false};
+    const std::string m_serviceArgument;
+    const std::string m_extraArgument;
+    const std::string m_bookingId;
+    const std::string m_version;
+    std::unique_ptr<exProcess, ProcessReleaser> m_process;
+    const bool m_firstOption;
+    const bool m_secondOption;
+    const bool m_thirdOption;
+    const bool m_display;
+    const bool m_stereo;
+
+    // Guards the members above that start() sets; never held while waiting.
+    std::mutex m_lock;
+
+    static std::atomic<bool> s_inProcess;
+    // Guarded by s_callbackLock.
+    static std::function<void(std::string)> s_inProcessCallback;
+    static std::mutex s_callbackLock;
+    // Serialises program launches: they touch the process environment and move objects to the
+    // application thread.
+    static std::mutex s_launchLock;
+};

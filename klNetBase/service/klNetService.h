@@ -1,0 +1,156 @@
+// klNetService: the cluster service of a render node.
+//
+// Listens on a TCP port (8889 by default) and serves one request per accepted connection, each on
+// a Qt thread of its own. A connection starts with the client's 4-byte greeting, which is echoed,
+// followed by a 4-byte command code and the command's fields; answers use the stream's result
+// protocol (success, or an exception text):
+//
+//   code  command              fields after the code                  answer after success
+//   1     start server         extra argument, version, reserved,     server id (u32), free
+//                              [display >= 9.0], first, second,       memory (u64), running
+//                              third option, [booking id >= 9.2],     servers (i32); the client's
+//                              [stereo >= 10.0]                       socket now belongs to the
+//                                                                     started server
+//   2     connect server       server id (u32)                        - (socket handed over)
+//   3     stop service         -                                      -
+//   4     connect service      host (string), port (u32)              - (relayed to host:port)
+//   5     stop server          server id (u32)                        -
+//   6     get status           -                                      klNetServiceStatus
+//   7     stop by booking id   booking id (string)                    -
+//
+// Beyond what a client sees, the service defends itself against peers that misbehave: the
+// greeting and the request are read off the accepting thread under a time-out, peers may be
+// restricted to address ranges, running servers and concurrent requests are capped, and string
+// fields longer than 64 KiB are refused before anything is allocated for them.
+//
+// Requirements: a QCoreApplication whose event loop runs on its thread; finished request threads
+// are deleted there, and started servers' output is delivered there.
+//
+// Thread safety: run() blocks the calling thread. stop(), getPort(), serverCount() and
+// bookingIds() may be called from any thread. Configure (set...) before run().
+#pragma once
+
+#include <klNetBase/klNetBaseExport.h>
+#include <klNetBase/runtime/klNetActionManager.h>
+#include <klNetBase/service/klNetPeerFilter.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+class klBoundSocketLink;
+class klNetLink;
+class klNetServerProcess;
+class klNetStream;
+class klSocketLink;
+
+class KLNETBASE_EXPORT klNetService {
+public:
+    // Longest string field a request may carry.
+    static constexpr std::uint32_t kMaxStringSize = 64 * 1024;
+
+    // Stores both; nothing is opened before run(). Port 0 lets the system choose.
+    klNetService(int port, std::string serviceArgument);
+    // Does not stop servers: run() does that on its way out.
+    ~klNetService();
+
+    klNetService(const klNetService&) = delete;
+    klNetService& operator=(const klNetService&) = delete;
+
+    // The port to listen on; once run() has bound, the port actually bound.
+    int getPort() const { return m_port.load(); }
+    // Whether started servers' console output is copied to standard output (default true).
+    void setConsole(bool console) { m_console = console; }
+
+    // Peers allowed to connect; empty (the default) allows every peer.
+    void setPeerFilter(const klNetPeerFilter& filter) { m_peerFilter = filter; }
+    // Most servers running at once; 0 (the default) for no limit. A start request beyond it is
+    // answered "Too many servers running (<n>)".
+    void setMaxServers(int count) { m_maxServers = count; }
+    // Most requests served at once (default 64); a connection beyond it is closed at once.
+    void setMaxRequests(int count) { m_maxRequests = count; }
+    // Time a client has for its greeting and for each read of its request (default: the
+    // connection time-out of the options, 10 s).
+    void setRequestTimeout(double seconds) { m_requestTimeout = seconds; }
+    // Called on run()'s thread once the port is bound and listening, with the bound port.
+    void setListeningHandler(std::function<void(int port)> handler) {
+        m_listeningHandler = std::move(handler);
+    }
+
+    // Accepts and serves connections until the listener is shut down (stop(), or a stop-service
+    // request) or fails; then stops every server and waits for requests in progress. A failure
+    // to listen throws.
+    void run();
+    // Makes run() leave its loop. Any thread; harmless before or after run().
+    void stop();
+
+    // Serves a connection that the caller accepted itself (greeting already exchanged), on a
+    // request thread; failures are logged.
+    void handleExternalRequest(klSocketLink* link);
+
+    // Servers running and not asked to stop.
+    int serverCount();
+    // Their booking ids, by ascending server id.
+    std::vector<std::string> bookingIds();
+
+    static bool inProcessIsStereo() { return s_inProcessStereo; }
+    static bool inProcessHasDisplay() { return s_inProcessDisplay; }
+    // Starts a service on port 8889 inside this process, whose servers run in-process too, and
+    // returns the socket-pipe name of the first server a client starts (waits for it).
+    static std::string runInProcess();
+
+private:
+    void handleRequest(klSocketLink* link, bool greet);
+    void serveRequest(const std::shared_ptr<klSocketLink>& link, bool greet);
+    void dispatch(klNetStream& stream, klSocketLink& link, std::uint32_t command);
+    void startServer(klNetStream& stream, klSocketLink& link);
+    void connectServer(klNetStream& stream, klSocketLink& link);
+    void stopServer(klNetStream& stream);
+    void stopServerByBookingId(klNetStream& stream);
+    void stopService(klNetStream& stream);
+    void connectService(klNetStream& stream);
+    void getStatus(klNetStream& stream);
+    std::shared_ptr<klNetServerProcess> getServer(unsigned id);
+    void addServer(const std::shared_ptr<klNetServerProcess>& server);
+    void removeStoppedServers();
+    static void connectLinks(std::shared_ptr<klNetLink> from, std::shared_ptr<klNetLink> to);
+    void shutdown();
+    // Blocks until no request is in progress.
+    void waitForRequests();
+
+    // Set before run().
+    std::atomic<int> m_port;
+    const std::string m_serviceArgument;
+    bool m_console = true;
+    klNetPeerFilter m_peerFilter;
+    int m_maxServers = 0;
+    int m_maxRequests = 64;
+    double m_requestTimeout;
+    std::function<void(int)> m_listeningHandler;
+
+    // Guarded by m_lock.
+    std::mutex m_lock;
+    std::map<unsigned, std::shared_ptr<klNetServerProcess>> m_servers;
+
+    // Guarded by m_listenerLock.
+    std::mutex m_listenerLock;
+    std::shared_ptr<klBoundSocketLink> m_listener;
+    bool m_stopped = false;
+
+    // Guarded by m_requestLock.
+    std::mutex m_requestLock;
+    std::condition_variable m_requestsDone;
+    int m_activeRequests = 0;
+
+    std::atomic<unsigned> m_lastServerId{0};
+    klNetActionManager m_actionManager{0};
+
+    static std::atomic<bool> s_inProcessDisplay;
+    static std::atomic<bool> s_inProcessStereo;
+};

@@ -1,0 +1,250 @@
+// The render protocol and the reference render server: frames split into regions render byte for
+// byte like the whole, requests are refused with exact texts, and the real KALDClusterServer,
+// handed client sockets through a socket pipe, serves them and ends cleanly when stopped.
+#include <support/klNetPipelineSupport.h>
+#include <support/klNetServiceTestSupport.h>
+#include <support/klNetSocketTestSupport.h>
+
+#include <klRenderProtocol.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+
+namespace {
+
+using kltest::Bytes;
+using kltest::ChildProcess;
+using kltest::hex;
+using kltest::outcome;
+
+Bytes wireOf(const klRenderRequest& request) {
+    klNetMessage message;
+    request.write(message);
+    return kltest::concatPayloads(message.takeSendBuffers());
+}
+
+// What a server makes of these request bytes: "" when it accepts them, else its refusal.
+std::string verdictOn(const Bytes& wire) {
+    klNetMessage message;
+    message.putBytes(wire.data(), wire.size());
+    message.setRecvBuffers(message.takeSendBuffers());
+    const std::string verdict = outcome([&] { klRenderRequest::read(message).validate(); });
+    return verdict == "returned" ? "" : verdict;
+}
+
+TEST(klRenderProtocolTest, RequestBytesArePinnedAndSplitFramesEqualTheWhole) {
+    klRenderRequest frame = klRenderRequest::defaultFrame(97, 61);
+    EXPECT_EQ(hex("4B4C524E 01000000 61000000 3D000000 00000000 00000000 61000000 3D000000"
+                  "000000000000E8BF 0000000000000000 0000000000000C40 F4010000 00"
+                  "9A9999999999E9BF 2B8716D9CEF7C33F"),
+              wireOf(frame));
+
+    klRenderRequest julia = frame;
+    julia.fractal = klRenderFractal::julia;
+    julia.centreX = 0.1;
+    julia.viewWidth = 0.8;
+    julia.maxIterations = 3000;
+    for (const klRenderRequest& scene : {frame, julia}) {
+        SCOPED_TRACE(int(scene.fractal));
+        const Bytes whole = klRenderPixels(scene);
+        ASSERT_EQ(97u * 61 * 3, whole.size());
+        EXPECT_GT(std::set<Bytes::value_type>(whole.begin(), whole.end()).size(), 100u)
+            << "smooth colouring gives many shades";
+        // Three uneven regions: a top band, then the rest split left and right.
+        const struct {
+            std::uint32_t x0, y0, width, height;
+        } regions[] = {{0, 0, 97, 20}, {0, 20, 33, 41}, {33, 20, 64, 41}};
+        Bytes pieced(whole.size());
+        for (const auto& r : regions) {
+            klRenderRequest part = scene;
+            part.x0 = r.x0, part.y0 = r.y0, part.width = r.width, part.height = r.height;
+            const Bytes pixels = klRenderPixels(part);
+            for (std::uint32_t row = 0; row < r.height; ++row) {
+                std::copy_n(pixels.begin() + row * r.width * 3, r.width * 3,
+                            pieced.begin() + ((r.y0 + row) * 97 + r.x0) * 3);
+            }
+        }
+        EXPECT_TRUE(whole == pieced);
+    }
+    // The frame's centre lies in the Mandelbrot set's main cardioid; its corner far outside.
+    const Bytes whole = klRenderPixels(frame);
+    EXPECT_EQ(Bytes(3, 0),
+              Bytes(whole.begin() + (30 * 97 + 48) * 3, whole.begin() + (30 * 97 + 48) * 3 + 3));
+    EXPECT_NE(Bytes(3, 0), Bytes(whole.begin(), whole.begin() + 3));
+}
+
+struct Refusal {
+    std::vector<std::pair<std::size_t, std::string>> patches;  // wire offset, bytes there
+    std::string text;                                          // "" when accepted
+};
+
+void PrintTo(const Refusal& refusal, std::ostream* os) {
+    *os << (refusal.text.empty() ? "accepted" : refusal.text);
+}
+
+class klRenderRefusalTest : public testing::TestWithParam<Refusal> {};
+
+TEST_P(klRenderRefusalTest, NamesTheFirstBadField) {
+    Bytes wire = wireOf(klRenderRequest::defaultFrame(97, 61));
+    for (const auto& [offset, bytes] : GetParam().patches) {
+        const Bytes patch = hex(bytes);
+        std::copy(patch.begin(), patch.end(), wire.begin() + std::ptrdiff_t(offset));
+    }
+    EXPECT_EQ(GetParam().text, verdictOn(wire));
+}
+
+const std::string kNaN = "000000000000F87F";
+const std::string kInf = "000000000000F07F";
+
+INSTANTIATE_TEST_SUITE_P(
+    Fields, klRenderRefusalTest,
+    testing::Values(
+        Refusal{{{0, "4B4C524F"}}, "Render request: not a render request (magic 0x4F524C4B)"},
+        Refusal{{{4, "02000000"}},
+                "Render request: protocol version 2 not supported (server speaks 1)"},
+        Refusal{{{12, "00000000"}, {28, "00000000"}}, "Render request: frame size 97x0 is empty"},
+        Refusal{{{24, "00000000"}}, "Render request: region 0,0 0x61 is empty"},
+        Refusal{{{20, "01000000"}},
+                "Render request: region 0,1 97x61 lies outside the 97x61 frame"},
+        // x0 + width wraps around in 32 bits.
+        Refusal{{{16, "FFFFFFFF"}},
+                "Render request: region 4294967295,0 97x61 lies outside the 97x61 frame"},
+        Refusal{{{8, "00200000"}, {12, "01200000"}, {24, "00200000"}, {28, "01200000"}},
+                "Render request: region of 67117056 pixels exceeds the limit of 67108864"},
+        Refusal{{{8, "00200000"}, {12, "00200000"}, {24, "00200000"}, {28, "00200000"}}, ""},
+        Refusal{{{56, "00000000"}}, "Render request: max iterations 0 not in 1..100000"},
+        Refusal{{{56, "A1860100"}}, "Render request: max iterations 100001 not in 1..100000"},
+        Refusal{{{56, "A0860100"}}, ""},
+        Refusal{{{48, "0000000000000000"}},
+                "Render request: view width must be finite and above 0"},
+        Refusal{{{48, "000000000000F0BF"}},
+                "Render request: view width must be finite and above 0"},
+        Refusal{{{48, kNaN}}, "Render request: view width must be finite and above 0"},
+        Refusal{{{40, kInf}}, "Render request: centre must be finite"},
+        Refusal{{{60, "02"}}, "Render request: fractal 2 is neither 0 (Mandelbrot) nor 1 (Julia)"},
+        Refusal{{{69, kNaN}}, "Render request: julia constant must be finite"}));
+
+// ---- the real server --------------------------------------------------------------------------
+
+// The server program of this build, started on a pipe of ours with the command line the service
+// gives it (or, as for older clients, with the pipe in KALD_LOCAL_SERVICE), and connections
+// handed to it.
+class ServerUnderTest {
+public:
+    ServerUnderTest(std::vector<std::string> options, const std::string& extra,
+                    bool pipeInEnvironment = false) {
+        if (pipeInEnvironment) {
+            ::setenv("KALD_LOCAL_SERVICE", pipe.getName().c_str(), 1);
+        } else {
+            options.push_back("-socketpipe=" + pipe.getName());
+        }
+        options.push_back(extra);
+        server =
+            std::make_unique<ChildProcess>(kltest::programDir() + "/KALDClusterServer", options);
+        ::unsetenv("KALD_LOCAL_SERVICE");
+    }
+
+    // A client connection, handed over as the service does.
+    std::unique_ptr<klNetStream> connect() {
+        auto [near, far] = kltest::connectedPair();
+        far->sendDescriptor(pipe, 10.0);
+        near->setRecvTimeout(30.0);
+        return std::make_unique<klNetStream>(near);
+    }
+
+    std::string startLine(const std::string& rest) const {
+        return "KALDClusterServer 10.0 serving pipe " + pipe.getName() + rest;
+    }
+
+    klSocketPipe pipe;
+    std::unique_ptr<ChildProcess> server;
+};
+
+std::string head(const std::string& line, const std::string& prefix) {
+    return line.substr(0, prefix.size());
+}
+
+TEST(klRenderServerTest, ServesHandedClientsAndEndsWhenThePipeCloses) {
+    // The extra argument may look like an option.
+    ServerUnderTest s({"-Z", "-t"}, "-scene x");
+    ChildProcess& server = *s.server;
+    EXPECT_EQ(s.startLine(" (options: -Z -t; extra argument: '-scene x')"), server.readLine());
+
+    auto client = s.connect();
+    // Larger than one band, so the answer comes in several messages.
+    klRenderRequest region = klRenderRequest::defaultFrame(1200, 400);
+    region.x0 = 100, region.y0 = 20, region.width = 1000, region.height = 300;
+    std::vector<std::size_t> progress;
+    EXPECT_TRUE(klRenderPixels(region) ==
+                klRenderClient::render(*client, region,
+                                       [&](std::size_t rows) { progress.push_back(rows); }));
+    EXPECT_GT(progress.size(), 1u);
+    EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
+    EXPECT_EQ(300u, progress.back());
+    const std::string served =
+        "request 1 from 127.0.0.1: region 100,20 1000x300 of 1200x400, "
+        "Mandelbrot, 500 iterations: 300000 pixels in ";
+    EXPECT_EQ(served, head(server.readLine(), served));
+
+    // A refused request leaves the connection usable.
+    klRenderRequest bad = region;
+    bad.maxIterations = 0;
+    const std::string refusal = "Render request: max iterations 0 not in 1..100000";
+    EXPECT_EQ(refusal, outcome([&] { klRenderClient::render(*client, bad, {}); }));
+    EXPECT_EQ("request 2 from 127.0.0.1: refused: " + refusal, server.readLine());
+    region.height = 5;
+    EXPECT_TRUE(klRenderPixels(region) == klRenderClient::render(*client, region, {}));
+    server.readLine();
+
+    // A client that speaks something else gets told, then its connection is closed.
+    auto stranger = s.connect();
+    *stranger << std::uint32_t(0x50545448) << std::uint32_t(1) << klNetStream::flush;
+    EXPECT_EQ("Render request: not a render request (magic 0x50545448)",
+              outcome([&] { stranger->recvResult(); }));
+    EXPECT_EQ("closed", outcome([&] { stranger->recvResult(); }));
+    EXPECT_EQ(
+        "connection from 127.0.0.1 ended: Render request: not a render request (magic "
+        "0x50545448)",
+        server.readLine());
+
+    // The service closing its end stops the server, which shuts its clients' connections.
+    s.pipe.shutdown();
+    EXPECT_EQ(0, server.exitStatus(30.0));
+    EXPECT_EQ("KALDClusterServer stopped", server.readLine());
+    EXPECT_EQ("closed", outcome([&] { client->recvResult(); }));
+}
+
+TEST(klRenderServerTest, StopSignalEndsTheServerInTheMiddleOfARender) {
+    for (const int signal : {SIGTERM, SIGINT}) {
+        SCOPED_TRACE(signal);
+        ServerUnderTest s({}, "", signal == SIGINT);
+        ChildProcess& server = *s.server;
+        EXPECT_EQ(s.startLine(" (options: none; extra argument: '')"), server.readLine());
+        auto client = s.connect();
+        const klRenderRequest frame = klRenderRequest::defaultFrame(40, 30);
+        EXPECT_TRUE(klRenderPixels(frame) == klRenderClient::render(*client, frame, {}));
+        server.readLine();
+
+        // The largest frame inside a Siegel disk of a Julia set: every pixel takes all of its
+        // 100000 iterations, hours of work, so only stopping the render lets the server end.
+        klRenderRequest endless = klRenderRequest::defaultFrame(8192, 8192);
+        endless.fractal = klRenderFractal::julia;
+        endless.juliaX = -0.390540870218399, endless.juliaY = -0.586787907346969;
+        endless.centreX = -0.3686844, endless.centreY = -0.3377452, endless.viewWidth = 0.05;
+        endless.maxIterations = 100000;
+        endless.write(*client);
+        client->flush();
+        client->recvResult();
+
+        ::kill(server.pid(), signal);
+        EXPECT_EQ("KALDClusterServer stopping on signal " + std::to_string(signal),
+                  server.readLine());
+        EXPECT_EQ("KALDClusterServer stopped", server.readLine());
+        EXPECT_EQ(0, server.exitStatus(30.0));
+        EXPECT_EQ("closed", outcome([&] { client->recvResult(); }));
+    }
+}
+
+}  // namespace
