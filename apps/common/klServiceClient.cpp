@@ -9,19 +9,11 @@
 
 #include "klVersionInfo.h"
 
+#include <klNetBase/service/klNetService.h>
+
 #include <cstdlib>
 
 namespace {
-
-enum Command : std::uint32_t {
-    kStartServer = 1,
-    kConnectServer = 2,
-    kStopService = 3,
-    kConnectService = 4,
-    kStopServer = 5,
-    kGetStatus = 6,
-    kStopServerByBookingId = 7,
-};
 
 // The service compares versions with this tolerance; the client must agree on which optional
 // fields travel, or the service reads them out of step.
@@ -106,7 +98,7 @@ void klServiceClient::finish(klNetStream& stream) {
 }
 
 klNetServiceStatus klServiceClient::status() const {
-    const auto stream = open(kGetStatus);
+    const auto stream = open(klNetService::kGetStatus);
     finish(*stream);
     klNetServiceStatus status;
     status.getValue(*stream);
@@ -114,7 +106,7 @@ klNetServiceStatus klServiceClient::status() const {
 }
 
 klServiceClient::StartResult klServiceClient::startServer(const StartRequest& request) const {
-    const auto stream = open(kStartServer);
+    const auto stream = open(klNetService::kStartServer);
     *stream << request.extraArgument << request.version << std::string();  // reserved
     if (atLeast(request.version, 9.0)) {
         putFlag(*stream, request.display);
@@ -136,32 +128,32 @@ klServiceClient::StartResult klServiceClient::startServer(const StartRequest& re
 }
 
 std::shared_ptr<klNetStream> klServiceClient::connectServer(std::uint32_t serverId) const {
-    const auto stream = open(kConnectServer);
+    const auto stream = open(klNetService::kConnectServer);
     *stream << serverId;
     finish(*stream);
     return stream;
 }
 
 void klServiceClient::stopServer(std::uint32_t serverId) const {
-    const auto stream = open(kStopServer);
+    const auto stream = open(klNetService::kStopServer);
     *stream << serverId;
     finish(*stream);
 }
 
 void klServiceClient::stopBooking(const std::string& bookingId) const {
-    const auto stream = open(kStopServerByBookingId);
+    const auto stream = open(klNetService::kStopServerByBookingId);
     *stream << bookingId;
     finish(*stream);
 }
 
 void klServiceClient::stopService() const {
-    const auto stream = open(kStopService);
+    const auto stream = open(klNetService::kStopService);
     finish(*stream);
 }
 
 std::shared_ptr<klNetStream> klServiceClient::relay(const std::string& host,
                                                     std::uint32_t port) const {
-    const auto stream = open(kConnectService);
+    const auto stream = open(klNetService::kConnectService);
     *stream << host << port;
     finish(*stream);
     return stream;

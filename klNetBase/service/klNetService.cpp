@@ -28,16 +28,6 @@
 
 namespace {
 
-enum Command : std::uint32_t {
-    kStartServer = 1,
-    kConnectServer = 2,
-    kStopService = 3,
-    kConnectService = 4,
-    kStopServer = 5,
-    kGetStatus = 6,
-    kStopServerByBookingId = 7,
-};
-
 constexpr double kVersionTolerance = 0.0001;
 // A started server opens its pipe within milliseconds; waiting in short slices notices a server
 // that ended (or was stopped) before it took its socket without waiting out a long time-out.

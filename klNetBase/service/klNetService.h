@@ -52,6 +52,17 @@ class klSocketLink;
 
 class KLNETBASE_EXPORT klNetService {
 public:
+    // Request codes, the first 4 bytes of every request after the greeting.
+    enum Command : std::uint32_t {
+        kStartServer = 1,
+        kConnectServer = 2,
+        kStopService = 3,
+        kConnectService = 4,
+        kStopServer = 5,
+        kGetStatus = 6,
+        kStopServerByBookingId = 7,
+    };
+
     // Longest string field a request may carry.
     static constexpr std::uint32_t kMaxStringSize = 64 * 1024;
 

@@ -2,6 +2,7 @@
 // with raw requests so that every field is the test's own, and hostile clients against it.
 #include <support/klNetServiceTestSupport.h>
 
+#include <klNetBase/service/klNetService.h>
 #include <klNetBase/service/klNetServiceStatus.h>
 #include <klRenderProtocol.h>
 
@@ -16,7 +17,13 @@ namespace {
 using kltest::outcome;
 using kltest::ServiceDaemon;
 
-enum : std::uint32_t { kStart = 1, kConnect, kStopService, kRelay, kStopServer, kStatus, kStopBooking };
+constexpr std::uint32_t kStart = klNetService::kStartServer;
+constexpr std::uint32_t kConnect = klNetService::kConnectServer;
+constexpr std::uint32_t kStopService = klNetService::kStopService;
+constexpr std::uint32_t kRelay = klNetService::kConnectService;
+constexpr std::uint32_t kStopServer = klNetService::kStopServer;
+constexpr std::uint32_t kStatus = klNetService::kGetStatus;
+constexpr std::uint32_t kStopBooking = klNetService::kStopServerByBookingId;
 
 struct StartFields {
     std::string version = "10.0";
@@ -226,6 +233,7 @@ TEST(klNetServiceTest, HostileClientsNeitherKnockItOverNorLeak) {
     ServiceDaemon service({"--request-timeout", "1", "--max-requests", "64"});
     status(service);
     const std::size_t descriptors = service.openDescriptorCount();
+    const std::size_t threads = service.threadCount();
     const std::uint64_t resident = service.residentBytes();
     const klSocketAddress address("127.0.0.1", service.port());
 
@@ -261,6 +269,10 @@ TEST(klNetServiceTest, HostileClientsNeitherKnockItOverNorLeak) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     EXPECT_LE(now, descriptors);
+    for (int i = 0; i < 1000 && (now = service.threadCount()) > threads; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_LE(now, threads);
     EXPECT_EQ(0, status(service).getNumberOfClusterServers());
     EXPECT_LT(service.residentBytes(), resident + 64 * 1024 * 1024);
 }
