@@ -117,6 +117,11 @@ bool klNetServerProcess::isRunning() {
     return false;
 }
 
+bool klNetServerProcess::isInProcess() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_inThread;
+}
+
 bool klNetServerProcess::wait(double seconds) {
     const auto start = std::chrono::high_resolution_clock::now();
     const bool program = process() != nullptr;

@@ -79,6 +79,8 @@ public:
     bool isStopRequested() const { return m_stopRequested; }
     // The program or task runs; false before start().
     bool isRunning();
+    // Whether the server was started as a thread of this process rather than as a program.
+    bool isInProcess();
     // Waits until the server has ended, checking every 100 ms (and processing this thread's Qt
     // events meanwhile when a program was started); false when `seconds` passed first.
     // wait(0.0) checks once.

@@ -29,9 +29,12 @@
 namespace {
 
 constexpr double kVersionTolerance = 0.0001;
-// A started server opens its pipe within milliseconds; waiting in short slices notices a server
-// that ended (or was stopped) before it took its socket without waiting out a long time-out.
+// A started program opens its pipe within milliseconds; waiting in short slices notices one that
+// ended (or was stopped) before it took its socket without waiting out the whole time-out. An
+// in-process server's thread may end at once and leave the pipe to its caller, which has the
+// whole time-out to open it.
 constexpr double kHandOffSlice = 0.25;
+constexpr double kHandOffTimeout = 10.0;
 constexpr double kRelayConnectTimeout = 5.0;
 
 bool atLeast(double version, double threshold) {
@@ -296,6 +299,7 @@ void klNetService::startServer(klNetStream& stream, klSocketLink& link) {
         // The socket is shared with the server from now on: its receive time-out must not go
         // along with it.
         link.setRecvTimeout(0.0);
+        const auto handOffStart = std::chrono::steady_clock::now();
         for (;;) {
             try {
                 server->sendSocket(link, kHandOffSlice);
@@ -305,7 +309,10 @@ void klNetService::startServer(klNetStream& stream, klSocketLink& link) {
                 if (server->isStopRequested()) {
                     throw klNetError("Server manually aborted");
                 }
-                if (!server->isRunning()) {
+                const std::chrono::duration<double> waited =
+                    std::chrono::steady_clock::now() - handOffStart;
+                if (!server->isRunning() &&
+                    (!server->isInProcess() || waited.count() >= kHandOffTimeout)) {
                     throw klNetError("Failed to connect started server");
                 }
             }
