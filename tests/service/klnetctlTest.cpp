@@ -18,63 +18,11 @@
 
 namespace {
 
-struct Outcome {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-// Runs a program of the build to its end (killed after seconds) and collects both outputs.
-Outcome runProgram(const std::vector<std::string>& command, double seconds = 60.0) {
-    int out[2], err[2];
-    EXPECT_EQ(0, ::pipe2(out, O_CLOEXEC));
-    EXPECT_EQ(0, ::pipe2(err, O_CLOEXEC));
-    posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    ::posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-    std::vector<std::string> all = command;
-    all[0] = kltest::programDir() + "/" + all[0];
-    std::vector<char*> argv;
-    for (auto& arg : all) {
-        argv.push_back(arg.data());
-    }
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    EXPECT_EQ(0, ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ));
-    ::posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
-    ::close(err[1]);
-
-    Outcome outcome;
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(long(seconds * 1000));
-    pollfd ends[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    std::string* texts[2] = {&outcome.out, &outcome.err};
-    while (ends[0].fd >= 0 || ends[1].fd >= 0) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0 || ::poll(ends, 2, int(left.count())) <= 0) {
-            ADD_FAILURE() << all[0] << " did not end within " << seconds << " s";
-            ::kill(pid, SIGKILL);
-            break;
-        }
-        for (int i = 0; i < 2; ++i) {
-            char chunk[4096];
-            const ssize_t n = ends[i].revents ? ::read(ends[i].fd, chunk, sizeof(chunk)) : -1;
-            if (n > 0) {
-                texts[i]->append(chunk, std::size_t(n));
-            } else if (ends[i].revents) {
-                ends[i].fd = -1;
-            }
-        }
-    }
-    ::close(out[0]);
-    ::close(err[0]);
-    int status = 0;
-    EXPECT_EQ(pid, ::waitpid(pid, &status, 0));
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return outcome;
+// Runs a program of the build to its end and collects both outputs.
+kltest::ChildProcess::Outcome runProgram(const std::vector<std::string>& command) {
+    kltest::ChildProcess child(kltest::programDir() + "/" + command[0],
+                               {command.begin() + 1, command.end()}, true);
+    return child.finish(60.0);
 }
 
 // One run of a program and what it must print: out and err are regular expressions matched
@@ -102,7 +50,7 @@ void runSteps(const std::vector<Step>& steps, int port) {
             line += command.back() + " ";
         }
         SCOPED_TRACE(line);
-        const Outcome outcome = runProgram(command);
+        const auto outcome = runProgram(command);
         EXPECT_EQ(step.status, outcome.status) << outcome.err;
         EXPECT_TRUE(std::regex_match(outcome.out, std::regex(withPort(step.out, port))))
             << outcome.out;

@@ -28,15 +28,21 @@ inline std::string programDir() {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path();
 }
 
-// A child process with its standard output on a pipe; killed and reaped when the owner goes.
+// A child process with its standard output (and error, when asked) on pipes; killed and reaped
+// when the owner goes.
 class ChildProcess {
 public:
-    ChildProcess(const std::string& path, const std::vector<std::string>& args) {
-        int out[2];
+    ChildProcess(const std::string& path, const std::vector<std::string>& args,
+                 bool captureErr = false) {
+        int out[2], err[2] = {-1, -1};
         EXPECT_EQ(0, ::pipe2(out, O_CLOEXEC));
         posix_spawn_file_actions_t actions;
         ::posix_spawn_file_actions_init(&actions);
         ::posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+        if (captureErr) {
+            EXPECT_EQ(0, ::pipe2(err, O_CLOEXEC));
+            ::posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
+        }
         std::vector<std::string> all{path};
         all.insert(all.end(), args.begin(), args.end());
         std::vector<char*> argv;
@@ -49,6 +55,10 @@ public:
         ::posix_spawn_file_actions_destroy(&actions);
         ::close(out[1]);
         m_out = out[0];
+        if (captureErr) {
+            ::close(err[1]);
+            m_err = err[0];
+        }
     }
     ~ChildProcess() {
         if (m_pid > 0 && exitStatus(0.0) == kStillRunning) {
@@ -56,6 +66,9 @@ public:
             exitStatus(10.0);
         }
         ::close(m_out);
+        if (m_err >= 0) {
+            ::close(m_err);
+        }
     }
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -85,6 +98,41 @@ public:
             }
             m_pending.append(chunk, std::size_t(n));
         }
+    }
+    struct Outcome {
+        int status = kStillRunning;
+        std::string out;
+        std::string err;
+    };
+    // Reads the outputs to their end and waits for the exit; a child still running after seconds
+    // fails the test and is killed.
+    Outcome finish(double seconds) {
+        const auto deadline = std::chrono::steady_clock::now() +
+                              std::chrono::milliseconds(long(seconds * 1000));
+        Outcome outcome;
+        outcome.out = std::move(m_pending);
+        pollfd ends[2] = {{m_out, POLLIN, 0}, {m_err, POLLIN, 0}};
+        std::string* texts[2] = {&outcome.out, &outcome.err};
+        while (ends[0].fd >= 0 || ends[1].fd >= 0) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0 || ::poll(ends, 2, int(left.count())) <= 0) {
+                ADD_FAILURE() << "process " << m_pid << " did not end within " << seconds << " s";
+                ::kill(m_pid, SIGKILL);
+                break;
+            }
+            for (int i = 0; i < 2; ++i) {
+                char chunk[4096];
+                const ssize_t n = ends[i].revents ? ::read(ends[i].fd, chunk, sizeof(chunk)) : -1;
+                if (n > 0) {
+                    texts[i]->append(chunk, std::size_t(n));
+                } else if (ends[i].revents) {
+                    ends[i].fd = -1;
+                }
+            }
+        }
+        outcome.status = exitStatus(10.0);
+        return outcome;
     }
     // Exit status (128 + signal for a killed child), or kStillRunning after seconds.
     int exitStatus(double seconds) {
@@ -133,6 +181,7 @@ public:
 private:
     pid_t m_pid = -1;
     int m_out = -1;
+    int m_err = -1;
     std::string m_pending;
     bool m_exited = false;
     int m_status = 0;
