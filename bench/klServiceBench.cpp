@@ -1,6 +1,6 @@
 // The cluster service under load, over loopback: status requests per second from 1 and from 50
-// clients at once, and the time from a start request to the first pixels of a newly started
-// render server.
+// clients at once, the time from a start request to the first pixels of a newly started render
+// server, and the cost of handing one socket through a socket pipe.
 //
 //   klServiceBench [seconds per load figure, default 3] [start rounds, default 10]
 #include "klBenchSupport.h"
@@ -8,6 +8,11 @@
 #include <klLocalService.h>
 #include <klRenderProtocol.h>
 #include <klServiceClient.h>
+
+#include <klNetBase/link/klSocketPipe.h>
+
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
@@ -64,13 +69,38 @@ double startToFirstPixel(const klServiceClient& service) {
     return firstPixel;
 }
 
+// Microseconds per socket handed from the service side of a pipe to a server thread, each send
+// waiting for the server's acknowledgement as the service does.
+double handOffMicroseconds(int sockets) {
+    klSocketPipe service;
+    std::thread server([name = service.getName(), sockets] {
+        klSocketPipe pipe(name);
+        for (int i = 0; i < sockets; ++i) {
+            ::close(pipe.recvSocket(10.0));
+        }
+    });
+    int pair[2];
+    klbench::require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) == 0, "socketpair");
+    service.sendSocket(pair[0], 10.0);  // the first send also waits for the server to open
+    const auto start = Clock::now();
+    for (int i = 1; i < sockets; ++i) {
+        service.sendSocket(pair[0], 10.0);
+    }
+    const double elapsed = secondsSince(start);
+    server.join();
+    ::close(pair[0]);
+    ::close(pair[1]);
+    return elapsed / (sockets - 1) * 1e6;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc > 1 && std::string(argv[1]) == "--help") {
         std::printf("Usage: klServiceBench [seconds per load figure] [start rounds]\n"
                     "Status requests per second (1 and 50 clients) and start-to-first-pixel\n"
-                    "latency of a cluster service started on a loopback port.\n");
+                    "latency of a cluster service started on a loopback port, and the cost\n"
+                    "of handing a socket through a socket pipe.\n");
         return 0;
     }
     const double seconds = argc > 1 ? std::atof(argv[1]) : 3.0;
@@ -93,7 +123,9 @@ int main(int argc, char** argv) {
             std::fflush(stdout);
             latencies.push_back(startToFirstPixel(service));
         }
-        std::printf("\n\n| figure                          | value      |\n"
+        std::printf("\nsocket hand-off ...\n");
+        const double handOff = handOffMicroseconds(2000);
+        std::printf("\n| figure                          | value      |\n"
                     "|---------------------------------|------------|\n");
         std::printf("| status requests/s, 1 client     | %10.0f |\n", one);
         std::printf("| status requests/s, 50 clients   | %10.0f |\n", fifty);
@@ -101,6 +133,7 @@ int main(int argc, char** argv) {
                     klbench::median(latencies) * 1e3);
         std::printf("| start to first pixel, max ms    | %10.1f |\n",
                     klbench::percentile(latencies, 1.0) * 1e3);
+        std::printf("| socket hand-off, us per socket  | %10.1f |\n", handOff);
         service.stopService();
         local.waitForExit(30.0);
     } catch (const std::exception& e) {
