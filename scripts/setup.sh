@@ -8,6 +8,7 @@ packages=(
   libtbb-dev qtbase5-dev
   libgtest-dev libgmock-dev libbenchmark-dev libzmq3-dev libpng-dev systemd
   clang-format
+  iproute2 iperf3 dpkg-dev
 )
 
 missing=()

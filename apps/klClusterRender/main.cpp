@@ -3,8 +3,13 @@
 // Without --nodes it starts a KALDClusterService of its own on a loopback port (the one found
 // beside this program), asks it for render servers, gives each server a band of the frame's rows,
 // draws a progress bar while the pixels arrive, writes the frame as a PNG, prints a report, stops
-// the servers by their booking id and stops the service. With --nodes it uses the services given
-// instead, starting servers on them in turn, and leaves the services running.
+// the servers by their booking id and stops the service. With --nodes (or --nodes-file) it uses the
+// services given instead, one server on each node unless --servers asks for more, taken in turn,
+// and leaves the services running.
+//
+// A node that fails mid-frame (its server or service dies, its connection breaks) ends the run at
+// once with one line naming the node: the servers of the other nodes are stopped by the booking id
+// and the connections to them are shut, so nothing waits for pixels that will never come.
 #include <klNetBase/klNetBase.h>
 #include <klNetBase/service/klNetServiceStatus.h>
 
@@ -24,10 +29,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <optional>
-#include <sstream>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -37,6 +44,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr double kServiceStopSeconds = 30.0;
+// Stopping servers after a failure must not wait long for a node that is gone.
+constexpr double kStopConnectSeconds = 5.0;
 
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
@@ -47,6 +56,7 @@ struct Options {
     std::uint32_t height = 1080;
     std::uint32_t iterations = 500;
     int servers = 2;
+    bool serversGiven = false;
     std::string output = "frame.png";
     std::vector<std::pair<std::string, int>> nodes;
 };
@@ -64,56 +74,118 @@ void printHelp() {
         "  --width N          frame width in pixels (default 1920)\n"
         "  --height N         frame height in pixels (default 1080)\n"
         "  --iterations N     most iterations per pixel (default 500)\n"
-        "  --servers N        render servers to start (default 2)\n"
+        "  --servers N        render servers to start (default 2; with nodes one per node, and\n"
+        "                     at least one per node)\n"
         "  --output PATH      PNG file to write (default frame.png)\n"
         "  --nodes LIST       services to use, host[:port] separated by commas (default: start\n"
-        "                     a service on a loopback port and stop it afterwards)\n"
-        "  --help             this text\n");
+        "                     a service on a loopback port and stop it afterwards); the frame is\n"
+        "                     split over all of them\n"
+        "  --nodes-file FILE  services to use, one host[:port] a line ('#' starts a comment)\n"
+        "  --help             this text\n"
+        "\n"
+        "Exit status: 0 done, 1 the render failed (one line on standard error, naming the node\n"
+        "that failed), 2 bad command line.\n");
 }
 
 std::uint32_t positive(const char* name, const char* text, std::uint32_t max) {
     char* end = nullptr;
     const unsigned long value = std::strtoul(text, &end, 10);
     if (*text == '\0' || *end != '\0' || text[0] == '-' || value == 0 || value > max) {
-        usageError(std::string("--") + name + " takes a number from 1 to " +
-                   std::to_string(max) + ", not '" + text + "'");
+        usageError(std::string("--") + name + " takes a number from 1 to " + std::to_string(max) +
+                   ", not '" + text + "'");
     }
     return std::uint32_t(value);
 }
 
+// host, host:port, [v6] or [v6]:port, or a bare IPv6 address; the port defaults to the service's.
+std::pair<std::string, int> parseNode(const std::string& text, const std::string& where) {
+    static const std::regex form(R"(^(?:\[([^\[\]]+)\]|([^:\[\]\s]+))(?::([0-9]{1,5}))?$)");
+    std::smatch match;
+    if (std::regex_match(text, match, form)) {
+        const int port =
+            match[3].matched ? std::stoi(match[3].str()) : klNetOptions::getDefaultServicePort();
+        if (port < 1 || port > 65535) {
+            usageError(where + ": port of '" + text + "' is not 1 to 65535");
+        }
+        return {match[1].matched ? match[1].str() : match[2].str(), port};
+    }
+    if (text.find(':') != text.rfind(':') && text.find_first_of("[] \t") == std::string::npos) {
+        return {text, klNetOptions::getDefaultServicePort()};
+    }
+    usageError(where + ": '" + text + "' is not host[:port]");
+}
+
+void addNodesFromFile(const std::string& path, Options& options) {
+    std::ifstream file(path);
+    if (!file) {
+        usageError("--nodes-file: cannot read '" + path + "'");
+    }
+    std::string line;
+    for (int number = 1; std::getline(file, line); ++number) {
+        line.erase(std::min(line.find('#'), line.size()));
+        line.erase(0, std::min(line.find_first_not_of(" \t\r"), line.size()));
+        line.erase(line.find_last_not_of(" \t\r") + 1);
+        if (!line.empty()) {
+            options.nodes.push_back(parseNode(line, path + ":" + std::to_string(number)));
+        }
+    }
+    if (file.bad()) {
+        usageError("--nodes-file: cannot read '" + path + "'");
+    }
+}
+
 Options parseOptions(int argc, char** argv) {
-    static const option longOptions[] = {
-        {"width", required_argument, nullptr, 'w'},   {"height", required_argument, nullptr, 'h'},
-        {"iterations", required_argument, nullptr, 'i'},
-        {"servers", required_argument, nullptr, 's'}, {"output", required_argument, nullptr, 'o'},
-        {"nodes", required_argument, nullptr, 'n'},   {"help", no_argument, nullptr, 'H'},
-        {nullptr, 0, nullptr, 0}};
+    static const option longOptions[] = {{"width", required_argument, nullptr, 'w'},
+                                         {"height", required_argument, nullptr, 'h'},
+                                         {"iterations", required_argument, nullptr, 'i'},
+                                         {"servers", required_argument, nullptr, 's'},
+                                         {"output", required_argument, nullptr, 'o'},
+                                         {"nodes", required_argument, nullptr, 'n'},
+                                         {"nodes-file", required_argument, nullptr, 'f'},
+                                         {"help", no_argument, nullptr, 'H'},
+                                         {nullptr, 0, nullptr, 0}};
     Options options;
     opterr = 0;
     int c;
     while ((c = ::getopt_long(argc, argv, "", longOptions, nullptr)) != -1) {
         switch (c) {
-            case 'w': options.width = positive("width", optarg, 65536); break;
-            case 'h': options.height = positive("height", optarg, 65536); break;
-            case 'i': options.iterations = positive("iterations", optarg, 100000); break;
-            case 's': options.servers = int(positive("servers", optarg, 64)); break;
-            case 'o': options.output = optarg; break;
+            case 'w':
+                options.width = positive("width", optarg, 65536);
+                break;
+            case 'h':
+                options.height = positive("height", optarg, 65536);
+                break;
+            case 'i':
+                options.iterations = positive("iterations", optarg, 100000);
+                break;
+            case 's':
+                options.servers = int(positive("servers", optarg, 64));
+                options.serversGiven = true;
+                break;
+            case 'o':
+                options.output = optarg;
+                break;
             case 'n': {
-                std::stringstream list(optarg);
-                std::string node;
-                while (std::getline(list, node, ',')) {
-                    if (node.empty()) {
+                const std::string list = optarg;
+                for (std::size_t begin = 0;;) {
+                    const std::size_t end = std::min(list.find(',', begin), list.size());
+                    if (end == begin) {
                         usageError("--nodes has an empty entry");
                     }
-                    std::string host;
-                    int port = 0;
-                    klSocketAddress::splitServerAndPort(node, host, port,
-                                                        klNetOptions::getDefaultServicePort());
-                    options.nodes.emplace_back(host, port);
+                    options.nodes.push_back(parseNode(list.substr(begin, end - begin), "--nodes"));
+                    if (end == list.size()) {
+                        break;
+                    }
+                    begin = end + 1;
                 }
                 break;
             }
-            case 'H': printHelp(); std::exit(0);
+            case 'f':
+                addNodesFromFile(optarg, options);
+                break;
+            case 'H':
+                printHelp();
+                std::exit(0);
             default:
                 usageError(optopt != 0 ? std::string("unknown option or missing value for '-") +
                                              char(optopt) + "'"
@@ -125,6 +197,18 @@ Options parseOptions(int argc, char** argv) {
     }
     if (std::uint64_t(options.width) * options.height > klRenderRequest::kMaxPixels) {
         usageError("a frame of more than 67108864 pixels");
+    }
+    if (!options.nodes.empty()) {
+        if (options.nodes.size() > 64) {
+            usageError("more than 64 nodes");
+        }
+        if (!options.serversGiven) {
+            options.servers = int(options.nodes.size());
+        } else if (std::size_t(options.servers) < options.nodes.size()) {
+            usageError("--servers " + std::to_string(options.servers) +
+                       " leaves nodes without work (" + std::to_string(options.nodes.size()) +
+                       " nodes)");
+        }
     }
     if (std::uint32_t(options.servers) > options.height) {
         usageError("more servers than rows");
@@ -143,8 +227,7 @@ public:
         if (m_terminal) {
             const int filled = int(fraction * 40);
             std::printf("\r  rendering [%-40s] %5.1f%%  %7.2f Mpixel/s",
-                        std::string(std::size_t(filled), '#').c_str(), fraction * 100,
-                        rate / 1e6);
+                        std::string(std::size_t(filled), '#').c_str(), fraction * 100, rate / 1e6);
             if (done == m_total) {
                 std::printf("\n");
             }
@@ -153,6 +236,13 @@ public:
             std::printf("  rendering %3d%%  %7.2f Mpixel/s\n", m_lastTenth * 10, rate / 1e6);
         }
         std::fflush(stdout);
+    }
+    // Ends a bar left unfinished, so that what follows starts on a line of its own.
+    void abandon() {
+        if (m_terminal) {
+            std::printf("\n");
+            std::fflush(stdout);
+        }
     }
 
 private:
@@ -173,11 +263,12 @@ void writePng(const std::string& path, std::uint32_t width, std::uint32_t height
     }
 }
 
-struct Server {
-    const klServiceClient* service;
-    klServiceClient::StartResult started;
-    klRenderRequest band;
-};
+// "host:port", with brackets around an IPv6 address.
+std::string nodeName(const klServiceClient& service) {
+    const std::string& host = service.getHost();
+    return (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" +
+           std::to_string(service.getPort());
+}
 
 std::string joined(const std::vector<std::string>& texts) {
     std::string all;
@@ -187,65 +278,156 @@ std::string joined(const std::vector<std::string>& texts) {
     return all.empty() ? "-" : all;
 }
 
-int render(const Options& options) {
-    std::optional<klLocalService> local;
-    std::vector<klServiceClient> services;
-    if (options.nodes.empty()) {
-        std::printf("Starting a cluster service on loopback ...\n");
-        local.emplace();
-        services.emplace_back("127.0.0.1", local->port());
-        std::printf("  KALDClusterService listening on 127.0.0.1:%d\n", local->port());
-    } else {
-        for (const auto& [host, port] : options.nodes) {
-            services.emplace_back(host, port);
+// A failure of one node: the text names it.
+class NodeFailure : public std::runtime_error {
+public:
+    NodeFailure(const klServiceClient& service, const std::string& text)
+        : std::runtime_error(text), m_service(&service) {}
+    const klServiceClient& service() const { return *m_service; }
+
+private:
+    const klServiceClient* m_service;
+};
+
+// One render server at work on a band of rows.
+struct Server {
+    const klServiceClient* service;
+    klServiceClient::StartResult started;
+    klRenderRequest band;
+};
+
+// The first band to fail, as told by the band threads; later failures (the other bands, cut off
+// when the servers are stopped) are not kept.
+class FirstFailure {
+public:
+    // Thread-safe.
+    void set(const klServiceClient& service, const std::string& cause) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_service == nullptr) {
+            m_service = &service;
+            m_text = "node " + nodeName(service) + " failed mid-frame: " + cause;
+            m_failed.store(true);
         }
     }
-    const std::string bookingId = "klClusterRender-" + std::to_string(::getpid());
-    const auto stopAll = [&] {
-        for (const auto& service : services) {
-            try {
-                service.stopBooking(bookingId);
-            } catch (const std::exception& e) {
-                std::fprintf(stderr, "klClusterRender: stopping servers on %s: %s\n",
-                             service.getHost().c_str(), e.what());
+    bool failed() const { return m_failed.load(); }
+    // Once failed() is true: the node that failed and the error naming it.
+    const klServiceClient* service() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_service;
+    }
+    std::string text() const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_text;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::atomic<bool> m_failed{false};
+    // Guarded by m_mutex.
+    const klServiceClient* m_service = nullptr;
+    std::string m_text;
+};
+
+// The services of the run and the booking id its servers are started with. stopServers() stops
+// them on every node: after a failure quietly on the failed node, whose service may be gone.
+class Farm {
+public:
+    explicit Farm(const Options& options)
+        : m_bookingId("klClusterRender-" + std::to_string(::getpid())) {
+        if (options.nodes.empty()) {
+            std::printf("Starting a cluster service on loopback ...\n");
+            m_local.emplace();
+            m_services.emplace_back("127.0.0.1", m_local->port());
+            std::printf("  KALDClusterService listening on 127.0.0.1:%d\n", m_local->port());
+        } else {
+            for (const auto& [host, port] : options.nodes) {
+                m_services.emplace_back(host, port);
             }
         }
-    };
+    }
 
-    std::vector<Server> servers;
-    try {
-        klServiceClient::StartRequest startRequest;
-        startRequest.bookingId = bookingId;
-        const klRenderRequest frame =
-            [&] {
-                klRenderRequest r = klRenderRequest::defaultFrame(options.width, options.height);
-                r.maxIterations = options.iterations;
-                return r;
-            }();
-        for (int i = 0; i < options.servers; ++i) {
-            const klServiceClient& service = services[std::size_t(i) % services.size()];
-            klRenderRequest band = frame;
-            band.y0 = std::uint32_t(std::uint64_t(frame.imageHeight) * unsigned(i) /
-                                    unsigned(options.servers));
-            band.height = std::uint32_t(std::uint64_t(frame.imageHeight) * unsigned(i + 1) /
-                                        unsigned(options.servers)) -
-                          band.y0;
-            servers.push_back({&service, service.startServer(startRequest), band});
-            std::printf("  server %" PRIu32 " started on %s:%d for rows %" PRIu32 "-%" PRIu32
-                        "\n",
-                        servers.back().started.serverId, service.getHost().c_str(),
-                        service.getPort(), band.y0, band.y0 + band.height - 1);
+    const std::string& bookingId() const { return m_bookingId; }
+    const std::vector<klServiceClient>& services() const { return m_services; }
+
+    // Once per run; later calls do nothing.
+    void stopServers(const klServiceClient* failed = nullptr) {
+        if (m_serversStopped) {
+            return;
         }
-        const klNetServiceStatus status = services.front().status();
+        m_serversStopped = true;
+        for (const klServiceClient& configured : m_services) {
+            klServiceClient service = configured;
+            service.setConnectTimeout(kStopConnectSeconds);
+            try {
+                service.stopBooking(m_bookingId);
+            } catch (const std::exception& e) {
+                if (&configured != failed) {
+                    std::fprintf(stderr, "klClusterRender: stopping servers on %s: %s\n",
+                                 nodeName(service).c_str(), e.what());
+                }
+            }
+        }
+    }
 
-        const std::uint64_t pixels = std::uint64_t(options.width) * options.height;
-        std::vector<std::uint8_t> frameRgb(pixels * 3);
-        std::atomic<std::uint64_t> pixelsDone{0};
-        std::vector<std::future<std::uint64_t>> bands;
-        const auto start = Clock::now();
-        for (Server& server : servers) {
-            bands.push_back(std::async(std::launch::async, [&server, &pixelsDone, &frameRgb,
-                                                            &options] {
+    // Stops the service of our own, if there is one.
+    void stopLocalService() {
+        if (!m_local) {
+            return;
+        }
+        m_services.front().stopService();
+        if (!m_local->waitForExit(kServiceStopSeconds)) {
+            throw std::runtime_error("the cluster service did not stop");
+        }
+        std::printf("Cluster service stopped\n");
+    }
+
+private:
+    std::string m_bookingId;
+    std::optional<klLocalService> m_local;
+    std::vector<klServiceClient> m_services;
+    bool m_serversStopped = false;
+};
+
+// Server i gets rows [H * i / n, H * (i + 1) / n) and runs on node i modulo the node count.
+std::vector<Server> startServers(const Options& options, const Farm& farm,
+                                 const klRenderRequest& frame) {
+    klServiceClient::StartRequest request;
+    request.bookingId = farm.bookingId();
+    std::vector<Server> servers;
+    for (int i = 0; i < options.servers; ++i) {
+        const klServiceClient& service = farm.services()[std::size_t(i) % farm.services().size()];
+        klRenderRequest band = frame;
+        band.y0 = std::uint32_t(std::uint64_t(frame.imageHeight) * unsigned(i) /
+                                unsigned(options.servers));
+        band.height = std::uint32_t(std::uint64_t(frame.imageHeight) * unsigned(i + 1) /
+                                    unsigned(options.servers)) -
+                      band.y0;
+        try {
+            servers.push_back({&service, service.startServer(request), band});
+        } catch (const std::exception& e) {
+            throw NodeFailure(service, "node " + nodeName(service) +
+                                           ": cannot start a render server: " + e.what());
+        }
+        std::printf("  server %" PRIu32 " started on %s for rows %" PRIu32 "-%" PRIu32 "\n",
+                    servers.back().started.serverId, nodeName(service).c_str(), band.y0,
+                    band.y0 + band.height - 1);
+    }
+    return servers;
+}
+
+// Renders every band on its server, each on a thread of its own, into frameRgb. The first band
+// that fails ends the frame: every server is stopped and every connection shut, the threads are
+// joined and the failure is thrown, naming its node. Returns the bytes received.
+std::uint64_t renderBands(const Options& options, Farm& farm, std::vector<Server>& servers,
+                          std::vector<std::uint8_t>& frameRgb) {
+    const std::uint64_t pixels = std::uint64_t(options.width) * options.height;
+    std::atomic<std::uint64_t> pixelsDone{0};
+    FirstFailure failure;
+    std::vector<std::future<std::uint64_t>> bands;
+    const auto start = Clock::now();
+    for (Server& server : servers) {
+        bands.push_back(std::async(std::launch::async, [&] {
+            try {
                 std::size_t rowsSeen = 0;
                 const auto rgb = klRenderClient::render(
                     *server.started.stream, server.band, [&](std::size_t rows) {
@@ -255,27 +437,67 @@ int render(const Options& options) {
                 std::memcpy(frameRgb.data() + std::size_t(server.band.y0) * options.width * 3,
                             rgb.data(), rgb.size());
                 return server.started.stream->getRecevedBytes();
-            }));
-        }
-        ProgressBar bar(pixels);
-        for (bool done = false; !done;) {
-            done = true;
-            for (auto& band : bands) {
-                done = done && band.wait_for(std::chrono::milliseconds(50)) ==
-                                   std::future_status::ready;
+            } catch (const std::exception& e) {
+                failure.set(*server.service, e.what());
+                return std::uint64_t(0);
             }
+        }));
+    }
+    ProgressBar bar(pixels);
+    for (bool done = false; !done && !failure.failed();) {
+        done = true;
+        for (auto& band : bands) {
+            done =
+                done && band.wait_for(std::chrono::milliseconds(50)) == std::future_status::ready;
+        }
+        if (!failure.failed()) {
             bar.show(done ? pixels : pixelsDone.load(), secondsSince(start));
         }
-        std::uint64_t bytes = 0;
-        for (auto& band : bands) {
-            bytes += band.get();
+    }
+    if (failure.failed()) {
+        bar.abandon();
+        farm.stopServers(failure.service());
+        // Whatever a stopped server still had on the way is of no use: end every wait now.
+        for (Server& server : servers) {
+            server.started.stream->shutdown();
         }
+    }
+    std::uint64_t bytes = 0;
+    for (auto& band : bands) {
+        bytes += band.get();
+    }
+    if (failure.failed()) {
+        throw NodeFailure(*failure.service(), failure.text());
+    }
+    return bytes;
+}
+
+int render(const Options& options) {
+    Farm farm(options);
+    std::vector<Server> servers;
+    try {
+        klRenderRequest frame = klRenderRequest::defaultFrame(options.width, options.height);
+        frame.maxIterations = options.iterations;
+        servers = startServers(options, farm, frame);
+        const klServiceClient& first = farm.services().front();
+        klNetServiceStatus status;
+        try {
+            status = first.status();
+        } catch (const std::exception& e) {
+            throw NodeFailure(first, "node " + nodeName(first) + ": no status: " + e.what());
+        }
+
+        const std::uint64_t pixels = std::uint64_t(options.width) * options.height;
+        std::vector<std::uint8_t> frameRgb(pixels * 3);
+        const auto start = Clock::now();
+        const std::uint64_t bytes = renderBands(options, farm, servers, frameRgb);
         const double seconds = secondsSince(start);
         writePng(options.output, options.width, options.height, frameRgb);
 
         std::printf("\nFrame %" PRIu32 "x%" PRIu32 " written to %s\n", options.width,
                     options.height, options.output.c_str());
-        std::printf("  servers          %zu (booking id %s)\n", servers.size(), bookingId.c_str());
+        std::printf("  servers          %zu on %zu node(s) (booking id %s)\n", servers.size(),
+                    farm.services().size(), farm.bookingId().c_str());
         std::printf("  service          version %s, %d servers running, bookings: %s\n",
                     status.getVersion().c_str(), status.getNumberOfClusterServers(),
                     joined(status.getBookingIds()).c_str());
@@ -285,21 +507,20 @@ int render(const Options& options) {
         std::printf("  pixels/s         %.2f M\n", double(pixels) / seconds / 1e6);
         std::printf("  bytes received   %" PRIu64 " (%.1f MB/s)\n", bytes,
                     double(bytes) / seconds / 1e6);
+    } catch (const NodeFailure& e) {
+        // The failed node's service may be gone: not worth a word when it cannot stop anything.
+        servers.clear();
+        farm.stopServers(&e.service());
+        throw;
     } catch (...) {
         servers.clear();
-        stopAll();
+        farm.stopServers();
         throw;
     }
     servers.clear();
-    stopAll();
-    std::printf("Servers stopped (booking id %s)\n", bookingId.c_str());
-    if (local) {
-        services.front().stopService();
-        if (!local->waitForExit(kServiceStopSeconds)) {
-            throw std::runtime_error("the cluster service did not stop");
-        }
-        std::printf("Cluster service stopped\n");
-    }
+    farm.stopServers();
+    std::printf("Servers stopped (booking id %s)\n", farm.bookingId().c_str());
+    farm.stopLocalService();
     return 0;
 }
 

@@ -1,0 +1,165 @@
+// Bulk data striped over two shaped links between two network namespaces of a farm: a balanced
+// sender of buffered senders on one side, a multi-link receiver with unbundling and re-sorting on
+// the other. Every byte arrives once and in order, and both links carry their share.
+#include <klNetNamespace.h>
+
+#include <klNetBase/klNetBase.h>
+#include <klNetBase/recv/klNetMultiLinkReceiver.h>
+#include <klNetBase/recv/klNetSortReceiver.h>
+#include <klNetBase/recv/klNetUnbundleReceiver.h>
+#include <klNetBase/send/klNetBalancedSender.h>
+#include <klNetBase/send/klNetBufferedSender.h>
+#include <klNetBase/send/klNetLinkSender.h>
+
+#include <gtest/gtest.h>
+
+#include <linux/tcp.h>  // tcp_info with the byte counts
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr auto kBound = std::chrono::seconds(60);
+
+std::string shell(const std::string& farm, const std::string& command) {
+    const std::string bin = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    return "KLFARM_NAME=" + farm + " KLFARM_BIN=" + bin + " " KL_FARM_SCRIPT " " + command;
+}
+
+// A farm of one node with two links, made for each test and removed after it.
+class StripeFarm : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0 || std::system("ip netns list >/dev/null 2>&1") != 0) {
+            GTEST_SKIP() << "needs root and 'ip netns'";
+        }
+        ASSERT_EQ(0, std::system(shell(m_name, "up 1 --links 2 --rate 1gbit").c_str()));
+        m_up = true;
+    }
+    void TearDown() override {
+        if (m_up) {
+            EXPECT_EQ(0, std::system(shell(m_name, "down").c_str()));
+        }
+    }
+    const std::string& name() const { return m_name; }
+
+private:
+    std::string m_name = "stripe" + std::to_string(::getpid());
+    bool m_up = false;
+};
+
+// Byte i of the data: differs from its neighbours, and no block of it equals another.
+unsigned char byteAt(std::uint64_t i) {
+    return static_cast<unsigned char>((i * 0x9E3779B1u) >> 24 ^ i >> 17);
+}
+
+void fill(std::vector<unsigned char>& chunk, std::uint64_t from) {
+    for (std::size_t i = 0; i < chunk.size(); ++i) {
+        chunk[i] = byteAt(from + i);
+    }
+}
+
+std::uint64_t bytesReceived(const klSocketLink& link) {
+    tcp_info info{};
+    socklen_t size = sizeof(info);
+    EXPECT_EQ(0, ::getsockopt(link.getDescriptor(), IPPROTO_TCP, TCP_INFO, &info, &size));
+    return info.tcpi_bytes_received;
+}
+
+}  // namespace
+
+TEST_F(StripeFarm, TwoLinksThroughABalancedSenderOfBufferedSendersDeliverEveryByteInOrder) {
+    const std::string node = "klfarm-" + name() + "-node1";
+    const std::vector<std::string> addresses{"10.231.1.2", "10.231.1.6"};
+    std::unique_ptr<klBoundSocketLink> listener;
+    {
+        klNetNamespace inside(node);
+        listener = std::make_unique<klBoundSocketLink>(0);
+    }
+    std::vector<std::shared_ptr<klNetLink>> nears, fars;
+    std::vector<std::shared_ptr<klSocketLink>> farSockets;
+    for (const auto& address : addresses) {
+        {
+            klNetNamespace inside("klfarm-" + name() + "-client");
+            nears.push_back(std::make_shared<klSocketLink>(
+                klSocketAddress(address, listener->getAddress().getPort()), 10.0));
+        }
+        farSockets.push_back(std::make_shared<klSocketLink>(*listener));
+        fars.push_back(farSockets.back());
+    }
+    std::vector<std::shared_ptr<klNetSender>> perLink;
+    for (const auto& near : nears) {
+        perLink.push_back(klNetBufferedSender::create(klNetLinkSender::create(near), 0));
+    }
+    klNetStream sending;
+    sending.setSender(klNetBalancedSender::create(perLink));
+    klNetStream receiving;
+    receiving.setReceiver(klNetSortReceiver::create(
+        klNetUnbundleReceiver::create(klNetMultiLinkReceiver::create(fars))));
+
+    // Full buffers first, then 70000 small flushed ones: those are bundled per link, and their
+    // 16-bit sequence numbers wrap around while the two links overtake each other.
+    constexpr std::uint64_t kBulk = 48ull << 20;
+    constexpr int kSmall = 70000;
+    std::uint64_t total = kBulk;
+    for (int i = 0; i < kSmall; ++i) {
+        total += 1 + std::uint64_t(i) * 7919 % 150;
+    }
+    // The reader reads everything even after a difference, so that the writer never stalls.
+    auto reading = std::async(std::launch::async, [&receiving, total] {
+        std::string verdict = "all in order";
+        std::vector<unsigned char> chunk(100003), expected(chunk.size());
+        for (std::uint64_t done = 0; done < total; done += chunk.size()) {
+            chunk.resize(std::size_t(std::min<std::uint64_t>(chunk.size(), total - done)));
+            expected.resize(chunk.size());
+            receiving.getBytes(chunk.data(), chunk.size());
+            fill(expected, done);
+            if (chunk != expected && verdict == "all in order") {
+                const auto at = std::mismatch(chunk.begin(), chunk.end(), expected.begin());
+                verdict = "byte " + std::to_string(done + std::uint64_t(at.first - chunk.begin())) +
+                          " differs";
+            }
+        }
+        return verdict;
+    });
+    auto writing = std::async(std::launch::async, [&sending] {
+        std::uint64_t written = 0;
+        std::vector<unsigned char> chunk;
+        for (std::size_t size = 1; written < kBulk; size = size * 3 % 300007 + 1) {
+            chunk.resize(std::size_t(std::min<std::uint64_t>(size, kBulk - written)));
+            fill(chunk, written);
+            sending.putBytes(chunk.data(), chunk.size());
+            written += chunk.size();
+        }
+        for (int i = 0; i < kSmall; ++i) {
+            chunk.resize(1 + std::size_t(i) * 7919 % 150);
+            fill(chunk, written);
+            sending.putBytes(chunk.data(), chunk.size());
+            sending.flush();
+            written += chunk.size();
+        }
+        sending.waitAllDataTransfered();
+        return written;
+    });
+    const auto deadline = std::chrono::steady_clock::now() + kBound;
+    if (writing.wait_until(deadline) != std::future_status::ready ||
+        reading.wait_until(deadline) != std::future_status::ready) {
+        ADD_FAILURE() << "the transfer did not end within the bound";
+        sending.shutdown();
+        receiving.shutdown();
+    }
+    EXPECT_EQ(total, writing.get());
+    EXPECT_EQ("all in order", reading.get());
+    // Round robin over buffered senders gives each link about half of the bytes.
+    for (const auto& far : farSockets) {
+        EXPECT_GT(bytesReceived(*far), total / 3) << "a link carried too little";
+    }
+    sending.shutdown();
+}
