@@ -1,4 +1,5 @@
-# Script run by CTest: install, build the consumer two ways, run both.
+# Script run by CTest: install, build the consumer two ways, run both; build and run the codecs
+# consumer through the CMake package's codecs component.
 
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE out)
@@ -12,7 +13,7 @@ set(prefix ${WORK_DIR}/prefix)
 file(REMOVE_RECURSE ${WORK_DIR})
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
-foreach(header klNetBase.h core/klNetBuffer.h serial/klNetSerializer.h)
+foreach(header klNetBase.h core/klNetBuffer.h serial/klNetSerializer.h codecs/klNetCodecs.h)
   if(NOT EXISTS ${prefix}/include/klNetBase/${header})
     message(FATAL_ERROR "not installed: include/klNetBase/${header}")
   endif()
@@ -23,6 +24,7 @@ run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/cmake-build -G ${GENERATOR}
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-build)
 run(${WORK_DIR}/cmake-build/consumer)
+run(${WORK_DIR}/cmake-build/consumer-codecs)
 
 # Through pkg-config.
 find_program(PKG_CONFIG pkg-config REQUIRED)

@@ -15,7 +15,10 @@
 
 #include <klNetBase/serial/klNetMessage.h>
 #include <klNetBase/serial/klNetSerializer.h>
+#include <klNetBase/serial/klNetStdIStream.h>
+#include <klNetBase/serial/klNetStdOStream.h>
 #include <klNetBase/serial/klNetStream.h>
+#include <klNetBase/serial/klNetStreamBuf.h>
 
 #include <klNetBase/link/klBoundSocketLink.h>
 #include <klNetBase/link/klNetCipherBase.h>
@@ -27,12 +30,16 @@
 
 #include <klNetBase/send/klNetBalancedSender.h>
 #include <klNetBase/send/klNetBufferedSender.h>
+#include <klNetBase/send/klNetCompressSender.h>
+#include <klNetBase/send/klNetCompressorBase.h>
 #include <klNetBase/send/klNetLinkSender.h>
 #include <klNetBase/send/klNetLockedSender.h>
 #include <klNetBase/send/klNetMultiSender.h>
 #include <klNetBase/send/klNetSender.h>
 #include <klNetBase/send/klNetSwitchSender.h>
 
+#include <klNetBase/recv/klNetBufferedReceiver.h>
+#include <klNetBase/recv/klNetDecompressReceiver.h>
 #include <klNetBase/recv/klNetForwardReceiver.h>
 #include <klNetBase/recv/klNetLinkReceiver.h>
 #include <klNetBase/recv/klNetMultiLinkReceiver.h>
@@ -44,6 +51,7 @@
 #include <klNetBase/runtime/klNetAffinityManager.h>
 #include <klNetBase/runtime/klNetMem.h>
 #include <klNetBase/runtime/klNetProgress.h>
+#include <klNetBase/runtime/klNetRuntimeBase.h>
 
 #include <klNetBase/service/klNetPeerFilter.h>
 #include <klNetBase/service/klNetServerProcess.h>

@@ -7,6 +7,7 @@ packages=(
   g++ cmake ninja-build pkg-config git
   libtbb-dev qtbase5-dev
   libgtest-dev libgmock-dev libbenchmark-dev libzmq3-dev libpng-dev systemd
+  liblz4-dev libzstd-dev libsodium-dev
   clang-format
   iproute2 iperf3 dpkg-dev
 )

@@ -1,0 +1,167 @@
+// The ChaCha20 link cipher: its keystream pinned byte by byte, one keystream per direction, and
+// socket links that cipher in both directions at once.
+#include <support/klNetPipelineSupport.h>
+#include <support/klNetSocketTestSupport.h>
+
+#include <klNetBase/codecs/klNetChaChaCipher.h>
+
+using kltest::Buffer;
+using kltest::Bytes;
+using kltest::hex;
+using Role = klNetChaChaCipher::Role;
+
+namespace {
+
+const Bytes kZeroKey(32, 0);
+// ChaCha20 keystream block 0 under the all-zero key for nonces (little-endian) 0, 1 and 2.
+const Bytes kStream0 =
+    hex("76b8e0ada0f13d90405d6ae55386bd28bdd219b8a08ded1aa836efcc8b770dc7"
+        "da41597c5157488d7724e03fb8d84a376a43b8f41518a11cc387b669b2ee6586");
+const Bytes kStream1 = hex("ef3fdfd6c61578fbf5cf35bd3dd33b80");
+const Bytes kStream2 = hex("d0c5b9b7442870728d812f034c635e81");
+
+std::shared_ptr<klNetChaChaCipher> cipher(Role role, const Bytes& key = kZeroKey,
+                                          std::uint64_t session = 0) {
+    return klNetChaChaCipher::create(key.data(), key.size(), role, session);
+}
+
+Bytes head(const Bytes& bytes, std::size_t n) {
+    return Bytes(bytes.begin(), bytes.begin() + std::ptrdiff_t(n));
+}
+
+// Zeros enciphered in place in pieces of the given sizes: the keystream the pieces add up to.
+Bytes encipheredZeros(klNetChaChaCipher& cipher, const std::vector<std::size_t>& pieces) {
+    Bytes bytes;
+    for (std::size_t piece : pieces) {
+        bytes.resize(bytes.size() + piece);
+        unsigned char* at = bytes.data() + bytes.size() - piece;
+        cipher.encrypt(at, at, piece);
+    }
+    return bytes;
+}
+
+TEST(klNetChaChaCipher, KeystreamRunsOnAcrossCallsOfAnyLength) {
+    const std::vector<std::vector<std::size_t>> piecings = {
+        {200}, {1, 63, 64, 72}, {5, 70, 1, 124}, {0, 13, 0, 51, 0, 136}, {130, 70}};
+    Bytes whole(200, 0), once(200);
+    cipher(Role::Connecting)->encrypt(once.data(), whole.data(), whole.size());
+    EXPECT_EQ(kStream0, head(once, 64));
+    for (const auto& pieces : piecings) {
+        EXPECT_EQ(once, encipheredZeros(*cipher(Role::Connecting), pieces)) << pieces.size();
+    }
+}
+
+TEST(klNetChaChaCipher, EachDirectionAndSessionHasAKeystreamOfItsOwn) {
+    // Nonce session * 2 for what the connecting end sends, session * 2 + 1 for the accepting end.
+    EXPECT_EQ(kStream1, head(encipheredZeros(*cipher(Role::Accepting), {16}), 16));
+    EXPECT_EQ(kStream2, head(encipheredZeros(*cipher(Role::Connecting, kZeroKey, 1), {16}), 16));
+
+    const Bytes key = kltest::pattern(32);
+    auto connecting = cipher(Role::Connecting, key, 5);
+    auto accepting = cipher(Role::Accepting, key, 5);
+    const Bytes text = kltest::pattern(300);
+    for (auto [from, to] : {std::pair(connecting, accepting), std::pair(accepting, connecting)}) {
+        Bytes wire(text.size());
+        from->encrypt(wire.data(), text.data(), text.size());
+        EXPECT_NE(text, wire);
+        to->decrypt(wire.data(), wire.data(), wire.size());
+        EXPECT_EQ(text, wire);
+    }
+}
+
+TEST(klNetChaChaCipher, RefusesABadKeyOrSession) {
+    const Bytes shortKey(16, 1), longKey(33, 1);
+    KL_EXPECT_THROW_TEXT(cipher(Role::Connecting, shortKey), klNetError,
+                         "ChaCha20 key must be 32 bytes, not 16");
+    KL_EXPECT_THROW_TEXT(cipher(Role::Accepting, longKey), klNetError,
+                         "ChaCha20 key must be 32 bytes, not 33");
+    KL_EXPECT_THROW_TEXT(cipher(Role::Connecting, kZeroKey, std::uint64_t(1) << 63), klNetError,
+                         "ChaCha20 session number must be below 2^63");
+}
+
+// What travels: the size field in clear, header bytes 4..23 and the payload XORed with the
+// connecting end's keystream.
+TEST(klNetChaChaCipherLink, CiphersAllButTheSizeField) {
+    auto [near, far] = kltest::connectedPair();
+    far->setRecvTimeout(10.0);
+    near->setCipher(cipher(Role::Connecting));
+    Buffer sent = kltest::bufferWith(Bytes(44, 0));
+    sent->setCompression(klNetCompression(0), 44);
+    sent->setSequence(0x0201);
+    Buffer got;
+    near->send(sent);
+    far->recv(got);
+    Bytes expected = kltest::wireOf(*sent);
+    for (std::size_t i = 4; i < expected.size(); ++i) {
+        expected[i] ^= kStream0[i - 4];
+    }
+    EXPECT_EQ(expected, kltest::wireOf(*got));
+    EXPECT_EQ(Bytes(44, 0), kltest::payloadOf(*sent)) << "the sender's buffer is left in clear";
+}
+
+// Both ends send and receive at the same time, each on two threads; with equal keys every byte
+// arrives as sent, with another key the bytes arrive in the right frames but scrambled.
+TEST(klNetChaChaCipherLink, BothDirectionsAtOnceAndAWrongKey) {
+    constexpr std::size_t kBuffers = 200;
+    std::vector<Buffer> buffers;
+    for (std::size_t i = 0; i < 2 * kBuffers; ++i) {
+        const std::size_t size = i * 613 % 131073;
+        buffers.push_back(kltest::bufferWith(kltest::pattern(size)));
+        buffers.back()->setCompression(klNetCompression(i % 3), size);
+        buffers.back()->setSequence(i);
+        buffers.back()->setType(klNetMessageType(i % 4));
+        buffers.back()->setSource(i * 5);
+        buffers.back()->setDestination(i * 7);
+        buffers.back()->setMessageId(i * 3);
+        buffers.back()->setMessageBufferCount(i);
+    }
+    const Bytes key = kltest::pattern(32);
+    const Bytes wrongKey = [&] {
+        Bytes bytes = key;
+        bytes[31] ^= 1;
+        return bytes;
+    }();
+    for (const Bytes* farKey : {&key, &wrongKey}) {
+        auto [near, far] = kltest::connectedPair();
+        near->setRecvTimeout(10.0);
+        far->setRecvTimeout(10.0);
+        near->setCipher(cipher(Role::Connecting, key, 3));
+        far->setCipher(cipher(Role::Accepting, *farKey, 3));
+        // Link end, first buffer it sends, what it received.
+        struct End {
+            std::shared_ptr<klSocketLink> link;
+            std::size_t first;
+            std::vector<Buffer> received;
+        } ends[] = {{near, 0, {}}, {far, kBuffers, {}}};
+        std::vector<std::unique_ptr<kltest::Task>> tasks;
+        for (End& end : ends) {
+            tasks.push_back(std::make_unique<kltest::Task>([&end, &buffers] {
+                for (std::size_t i = 0; i < kBuffers; ++i) {
+                    end.link->send(buffers[end.first + i]);
+                }
+            }));
+            tasks.push_back(std::make_unique<kltest::Task>([&end] {
+                for (std::size_t i = 0; i < kBuffers; ++i) {
+                    end.received.emplace_back();
+                    end.link->recv(end.received.back());
+                }
+            }));
+        }
+        for (const auto& task : tasks) {
+            ASSERT_TRUE(task->finishedWithin(kltest::kBound));
+            task->get();
+        }
+        std::size_t intact = 0;
+        for (std::size_t i = 0; i < kBuffers; ++i) {
+            for (std::size_t at : {0, 1}) {
+                const Buffer& sent = buffers[ends[1 - at].first + i];
+                const Buffer& got = ends[at].received[i];
+                ASSERT_EQ(sent->getDataSize(), got->getDataSize());
+                intact += kltest::wireOf(*sent) == kltest::wireOf(*got);
+            }
+        }
+        EXPECT_EQ(farKey == &key ? 2 * kBuffers : 0, intact);
+    }
+}
+
+}  // namespace
