@@ -1,18 +1,16 @@
 #include <support/klNetTestSupport.h>
 
-#include <gtest/gtest.h>
-
 #include <mutex>
 #include <thread>
 #include <unordered_set>
 
-using BufferList = std::vector<std::shared_ptr<klNetBuffer>>;
+using kltest::Buffers;
 
 TEST(klNetBufferPool, CreatedBuffersAreZeroEvenOnReusedMemory) {
     constexpr std::size_t kRecordSize = klNetBuffer::getHeaderSize() + klNetBuffer::getCapacity();
     {  // Leaves freed, dirty buffer memory behind for the allocator to hand out again.
         klNetBufferPool dirty;
-        BufferList held;
+        Buffers held;
         dirty.getMany(4, held);
         for (const auto& buffer : held) {
             std::memset(buffer->getBuffer(), 0xA5, kRecordSize);
@@ -20,7 +18,7 @@ TEST(klNetBufferPool, CreatedBuffersAreZeroEvenOnReusedMemory) {
         }
     }
     klNetBufferPool pool;
-    BufferList held;  // held at once, so every one is newly created
+    Buffers held;  // held at once, so every one is newly created
     pool.getMany(4, held);
     for (const auto& buffer : held) {
         const unsigned char* bytes = buffer->getBuffer();
@@ -32,7 +30,7 @@ TEST(klNetBufferPool, CreatedBuffersAreZeroEvenOnReusedMemory) {
 
 TEST(klNetBufferPool, ReleasedBuffersComeBackFirstInFirstOutWithOldContents) {
     klNetBufferPool pool;
-    BufferList out;
+    Buffers out;
     pool.getMany(-3, out);
     pool.getMany(3, out);
     ASSERT_EQ(3u, out.size());
@@ -60,7 +58,7 @@ TEST(klNetBufferPool, ConcurrentUsersNeverShareABuffer) {
     for (int id = 0; id < 6; ++id) {
         threads.emplace_back([&, id] {
             for (int round = 0; round < 4000; ++round) {
-                BufferList held;  // released at the end of the round, racing with the others
+                Buffers held;  // released at the end of the round, racing with the others
                 klNetBufferPool::popMany(1 + (round + id) % 3, held);
                 std::unique_lock<std::mutex> lock(mutex);
                 for (const auto& buffer : held) {

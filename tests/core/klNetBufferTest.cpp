@@ -1,15 +1,53 @@
-#include <support/klNetTestSupport.h>
-
-#include <gtest/gtest.h>
+// The buffer record: its wire header, and bundling small buffers into one and splitting them again.
+#include <support/klNetPipelineSupport.h>
 
 using namespace kltest;
+
+namespace {
+
+Bytes headerOf(const klNetBuffer& buffer) {
+    return Bytes(buffer.getBuffer(), buffer.getBuffer() + klNetBuffer::getHeaderSize());
+}
+
+// A buffer with every header field set from tag, so a restored header can be compared whole.
+Buffer stamped(std::size_t size, unsigned int destination, unsigned int tag) {
+    auto buffer = taggedBuffer(size, destination, static_cast<unsigned char>(tag));
+    buffer->setType(tag % 2 != 0 ? klNetMessageTypeMessage : klNetMessageTypeImage);
+    buffer->setCompression(klNetCompression(tag % 3), size + tag);
+    buffer->setSequence(0x100 + tag);
+    buffer->setSource(0x1000 + tag);
+    buffer->setMessageId(0x200 + tag);
+    buffer->setMessageBufferCount(tag);
+    return buffer;
+}
+
+// Every buffer tryBundle makes of the given queue, in order.
+Buffers drain(std::initializer_list<Buffer> buffers) {
+    std::queue<Buffer> queue(buffers);
+    Buffers outs;
+    for (Buffer out; klNetBuffer::tryBundle(queue, out);) {
+        outs.push_back(out);
+    }
+    return outs;
+}
+
+// The wire images of the records of a bundle.
+std::vector<Bytes> recordsOf(const Buffer& bundle) {
+    std::queue<Buffer> records;
+    bundle->split(records);
+    std::vector<Bytes> wires;
+    for (; !records.empty(); records.pop()) {
+        wires.push_back(wireOf(*records.front()));
+    }
+    return wires;
+}
+
+}  // namespace
 
 TEST(klNetBuffer, HeaderFieldsSitAtTheirWireOffsetsAndSettersTruncateToTheFieldWidth) {
     auto buffer = std::make_unique<klNetBuffer>();
     EXPECT_EQ(Bytes(24, 0), headerOf(*buffer));
     EXPECT_TRUE(buffer->isMulticast());
-    EXPECT_EQ(buffer->getBuffer() + 24, buffer->getData());
-    EXPECT_EQ(std::size_t(klNetOptions::getBufferSize()), klNetBuffer::getCapacity());
 
     // Every value has one bit more than its field holds.
     buffer->setDataSize(0x1'FFFF'FFF0);
@@ -29,24 +67,98 @@ TEST(klNetBuffer, HeaderFieldsSitAtTheirWireOffsetsAndSettersTruncateToTheFieldW
     EXPECT_TRUE(buffer->isMulticast());
     buffer->setCompression(klNetCompressionNone, 300);  // uncompressed: originalDataSize
     EXPECT_EQ(300u, buffer->getCompressedDataSize());
+
+    // Sequence order is plain unsigned 16-bit order, without wrap-around.
+    const Buffer low = bufferWith({}), high = bufferWith({});
+    low->setSequence(0);
+    high->setSequence(65535);
+    EXPECT_TRUE(low->isSequenceLess(high) && !high->isSequenceLess(low));
+    EXPECT_FALSE(low->isSequenceLess(low));
 }
 
-TEST(klNetBuffer, CopyTakesTheWholeRecordAndCopyHeaderOnlyTheHeader) {
-    auto source = std::make_unique<klNetBuffer>();
-    auto target = std::make_unique<klNetBuffer>();
-    std::memset(source->getData(), 0x11, klNetBuffer::getCapacity());
-    std::memset(target->getData(), 0x22, klNetBuffer::getCapacity());
-    source->setDataSize(3);
-    source->setMessageId(42);
-    source->setSendMode(klNetSendModeFirstStage);
-    target->setSendMode(klNetSendModeSecondStage);
+TEST(klNetBundle, TryBundleTakesOnlyTheConsecutiveRunForTheFirstDestination) {
+    const Buffer a = stamped(10, 2, 1), b = stamped(11, 2, 2), c = stamped(12, 3, 3),
+                 d = stamped(13, 2, 4), zero = stamped(0, 2, 5);
+    std::queue<Buffer> empty;
+    Buffer out = a;
+    EXPECT_FALSE(klNetBuffer::tryBundle(empty, out));
+    EXPECT_EQ(a, out);
+    const auto outs = drain({a, b, c, d});  // 2, 2, 3, 2: the run ends at 3, the last 2 stays apart
+    ASSERT_EQ(3u, outs.size());
+    EXPECT_EQ((std::vector<Bytes>{wireOf(*a), wireOf(*b)}), recordsOf(outs[0]));
+    EXPECT_EQ((Buffers{c, d}), Buffers(outs.begin() + 1, outs.end()));
+    // Empty buffers are never packed and end a run, in front and behind.
+    EXPECT_EQ((Buffers{a, zero, b}), drain({a, zero, b}));
+    EXPECT_EQ((Buffers{zero, a}), drain({zero, a}));
+}
 
-    target->copyHeaderFrom(*source);
-    EXPECT_EQ(headerOf(*source), headerOf(*target));
-    EXPECT_EQ(klNetSendModeSecondStage, target->getSendMode());
-    EXPECT_EQ(0x22, target->getData()[0]);
+TEST(klNetBundle, ABundleHeadsWithTheFirstHeaderAndPacksWireImagesAndOtherBundlesFlat) {
+    dirtyFreeBuffers();  // the bundle's pool buffer must have every field reset
+    const Buffer a = stamped(3, 2, 1), b = stamped(2, 2, 2), c = stamped(300, 2, 3);
+    const Buffer ab = drain({a, b}).at(0);
+    EXPECT_EQ(hex("35000000 00000000 0000 03 00 01100000 02000000 0102 0100"
+                  "03000000 04000000 0101 01 01 01100000 02000000 0102 0100 01070E"
+                  "02000000 04000000 0201 02 02 02100000 02000000 0202 0200 0207"),
+              wireOf(*ab));
+    const Buffer abc = drain({ab, c}).at(0), cab = drain({c, ab}).at(0);
+    EXPECT_EQ(3 * 24 + 305u, abc->getDataSize());
+    EXPECT_EQ(a->getSource(), abc->getSource());
+    EXPECT_EQ((std::vector<Bytes>{wireOf(*a), wireOf(*b), wireOf(*c)}), recordsOf(abc));
+    EXPECT_EQ((std::vector<Bytes>{wireOf(*c), wireOf(*a), wireOf(*b)}), recordsOf(cab));
+}
 
-    *target = *source;  // every payload byte, not only the first dataSize ones
-    EXPECT_EQ(klNetSendModeFirstStage, target->getSendMode());
-    EXPECT_EQ(0x11, target->getData()[klNetBuffer::getCapacity() - 1]);
+TEST(klNetBundle, PacksOnlyWhileTheRunStaysBelowTheCapacity) {
+    const auto takesAll = [](std::initializer_list<Buffer> buffers) {
+        std::queue<Buffer> queue(buffers);
+        Buffer out;
+        return klNetBuffer::tryBundle(queue, out) && queue.empty();
+    };
+    const auto sized = [](std::size_t size) { return stamped(size, 1, 0); };
+    EXPECT_TRUE(takesAll({sized(65000), sized(66553)}));
+    EXPECT_FALSE(takesAll({sized(65000), sized(66554)}));
+    EXPECT_TRUE(takesAll({sized(40000), sized(40000), sized(51529)}));
+    EXPECT_FALSE(takesAll({sized(40000), sized(40000), sized(51530)}));
+    // A bundle in front still counts its own 24 header bytes.
+    const Buffer bundle = drain({sized(30000), sized(30000)}).at(0);
+    EXPECT_TRUE(takesAll({bundle, sized(71505)}));
+    EXPECT_FALSE(takesAll({bundle, sized(71506)}));
+}
+
+// Run under AddressSanitizer: each crafted bundle is a heap object of its own, so any read or
+// write past its payload area lands in a red zone.
+TEST(klNetBundle, SplitStaysInsideTheBufferWhateverTheSizesSay) {
+    constexpr std::uint32_t kCap = klNetBuffer::kCapacity;
+    const struct {
+        std::uint32_t bundleSize;
+        std::vector<std::uint32_t> declared;  // records chained from offset 0
+        std::vector<std::size_t> restored;
+    } cases[] = {{kCap, {1000, kCap - 1048}, {1000, kCap - 1048}},  // well formed and full
+                 {0xFFFFFFFF, {kCap - 64, 5000}, {kCap - 64, 16}},  // last record past the edge
+                 {kCap + 5000, {kCap - 24}, {kCap - 24}},           // bundle size past the area
+                 {0x7FFFFFFF, {kCap - 34, 3}, {kCap - 34}},         // partial header: dropped
+                 {kCap, {0xFFFFFFFF}, {kCap - 24}},                 // record size all ones
+                 {0, {5}, {}},                                      // empty bundle
+                 {24 + 10 + 24 + 5, {10, 20}, {10, 20}}};  // past the bundle's end, not the area
+    for (const auto& crafted : cases) {
+        auto bundle = std::make_unique<klNetBuffer>();
+        const Bytes filler = pattern(kCap);
+        std::copy(filler.begin(), filler.end(), bundle->getData());
+        std::vector<std::size_t> starts;
+        for (std::size_t at = 0, i = 0; i < crafted.declared.size(); ++i) {
+            klNetHeader header{crafted.declared[i], 7, 0, 1, 0, 0x600 + unsigned(i), 9, 0, 0};
+            std::memcpy(bundle->getData() + at, &header, std::min(sizeof(header), kCap - at));
+            starts.push_back(at);
+            at += 24 + std::size_t(crafted.declared[i]);
+        }
+        bundle->setType(klNetMessageTypeBundle);
+        bundle->setDataSize(crafted.bundleSize);
+        std::queue<Buffer> out;
+        bundle->split(out);
+        ASSERT_EQ(crafted.restored.size(), out.size()) << crafted.bundleSize;
+        for (std::size_t i = 0; i < crafted.restored.size(); ++i, out.pop()) {
+            const unsigned char* payload = bundle->getData() + starts[i] + 24;
+            EXPECT_EQ(0x600 + i, out.front()->getSource());
+            EXPECT_EQ(Bytes(payload, payload + crafted.restored[i]), payloadOf(*out.front()));
+        }
+    }
 }

@@ -1,7 +1,5 @@
 #include <support/klNetTestSupport.h>
 
-#include <gtest/gtest.h>
-
 #include <sstream>
 
 using namespace kltest;

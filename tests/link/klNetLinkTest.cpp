@@ -1,5 +1,7 @@
 #include <support/klNetSocketTestSupport.h>
 
+using namespace kltest;
+
 namespace {
 
 // Shows what the base hands a concrete send.
@@ -33,7 +35,7 @@ struct XorCipher final : klNetCipherBase {
 TEST(klNetLink, BaseSendsTheCallersBufferRefusesATimeoutAndCopiesKeepIdentifiersAndCipher) {
     FakeLink link;
     KL_EXPECT_THROW_TEXT(link.setRecvTimeout(2.5), klNetError, "Unable to set recv timeout");
-    const auto buffer = kltest::bufferWith(kltest::pattern(10));
+    const auto buffer = bufferWith(pattern(10));
     link.send(buffer);
     EXPECT_EQ(buffer, link.sent) << "without a cipher the caller's own buffer goes out";
     link.setId(7);
@@ -51,25 +53,25 @@ TEST(klNetLink, BaseSendsTheCallersBufferRefusesATimeoutAndCopiesKeepIdentifiers
 }
 
 TEST(klNetLink, CipherCoversHeaderBytesFourOnAndThePayloadWithTheSizeInClear) {
-    kltest::RawPeer peer;
+    RawPeer peer;
     auto cipher = std::make_shared<XorCipher>();
     peer.link.setCipher(cipher);
     for (std::size_t size : {300u, 0u}) {
-        const auto buffer = kltest::bufferWith(kltest::pattern(size));
-        std::memcpy(buffer->getBuffer() + 4, kltest::pattern(40).data() + 20, 20);
-        const kltest::Bytes clear = kltest::wireOf(*buffer);
-        kltest::Bytes ciphered = clear;
+        const auto buffer = bufferWith(pattern(size));
+        std::memcpy(buffer->getBuffer() + 4, pattern(40).data() + 20, 20);
+        const Bytes clear = wireOf(*buffer);
+        Bytes ciphered = clear;
         for (std::size_t i = 4; i < ciphered.size(); ++i) {
             ciphered[i] ^= XorCipher::key(i - 4);
         }
         peer.link.send(buffer);
-        EXPECT_EQ(clear, kltest::wireOf(*buffer)) << "the caller's buffer was changed";
-        EXPECT_EQ(ciphered, kltest::readExactly(peer.raw, 24 + size)) << size;
+        EXPECT_EQ(clear, wireOf(*buffer)) << "the caller's buffer was changed";
+        EXPECT_EQ(ciphered, readExactly(peer.raw, 24 + size)) << size;
         // Echoed back, the bytes are framed by the clear size and deciphered in place.
-        kltest::writeAll(peer.raw, ciphered);
+        writeAll(peer.raw, ciphered);
         std::shared_ptr<klNetBuffer> received;
         peer.link.recv(received);
-        EXPECT_EQ(clear, kltest::wireOf(*received));
+        EXPECT_EQ(clear, wireOf(*received));
         EXPECT_EQ("e" + std::to_string(20 + size) + " d" + std::to_string(20 + size) + " ",
                   cipher->calls);
         cipher->calls.clear();

@@ -10,10 +10,7 @@
 
 #include <random>
 
-using kltest::Bytes;
-using kltest::hex;
-using kltest::outcome;
-using kltest::wireOf;
+using namespace kltest;
 
 namespace {
 
@@ -38,16 +35,6 @@ long recvTimeoutMs(klSocketLink& link) {
     return value.tv_sec * 1000 + value.tv_usec / 1000;
 }
 
-// A plain socket bound to an ephemeral port of 127.0.0.1, listening when backlog >= 0.
-int portSocket(int& port, int backlog) {
-    const klSocketAddress any = loopback(0);
-    klSocketLink socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    EXPECT_EQ(0, ::bind(socket.getDescriptor(), any.getSockAddr(), any.getSockAddrSize()));
-    EXPECT_EQ(0, backlog < 0 ? 0 : ::listen(socket.getDescriptor(), backlog));
-    port = socket.getAddress().getPort();
-    return socket.takeDescriptor();
-}
-
 // Buffer i of the exchange, the same each time: random header fields and a random size, mostly
 // small, now and then up to the capacity, both extremes included.
 std::shared_ptr<klNetBuffer> exchangeBuffer(int i) {
@@ -64,24 +51,24 @@ std::shared_ptr<klNetBuffer> exchangeBuffer(int i) {
 }  // namespace
 
 TEST(klSocketLink, NormalFramingIsOneWriteCompatibilityFramingTwentyHeaderBytesThenPayload) {
-    kltest::RawPeer peer(SOCK_SEQPACKET);  // keeps the boundaries of the writes
-    const auto sample = kltest::bufferWith(hex("6162636465"));
+    RawPeer peer(SOCK_SEQPACKET);  // keeps the boundaries of the writes
+    const auto sample = bufferWith(hex("6162636465"));
     std::memcpy(sample->getBuffer() + 4, kFrame.data() + 4, 20);
     peer.link.send(sample);
-    EXPECT_EQ(kFrame, kltest::readExactly(peer.raw, 64));
+    EXPECT_EQ(kFrame, readExactly(peer.raw, 64));
     peer.link.setCompatibilityMode(true);
     peer.link.send(sample);
-    EXPECT_EQ(hex(kHeader), kltest::readExactly(peer.raw, 64));
-    EXPECT_EQ(hex("6162636465"), kltest::readExactly(peer.raw, 64));
+    EXPECT_EQ(hex(kHeader), readExactly(peer.raw, 64));
+    EXPECT_EQ(hex("6162636465"), readExactly(peer.raw, 64));
 }
 
 TEST(klSocketLink, ReceiveTakesTheCapacityAndRefusesOneMoreAsOutOfSync) {
-    kltest::RawPeer peer;
-    Bytes full = kltest::pattern(24 + 131602);
+    RawPeer peer;
+    Bytes full = pattern(24 + 131602);
     std::memcpy(full.data(), hex("12020200").data(), 4);
     std::thread writer([&] {
-        kltest::writeAll(peer.raw, full);
-        kltest::writeAll(peer.raw, hex("13020200" + std::string(40, '0')));
+        writeAll(peer.raw, full);
+        writeAll(peer.raw, hex("13020200" + std::string(40, '0')));
     });
     std::shared_ptr<klNetBuffer> received;
     peer.link.recv(received);
@@ -105,31 +92,30 @@ TEST(klSocketLink, AcceptingSideLeavesAClientThatDoesNotGreetWithItsBytesUnread)
         const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - start;
         EXPECT_TRUE(waited.count() < 10 && (request.size() >= 4 || waited.count() >= 1.9))
             << waited.count();
-        EXPECT_EQ(Bytes(request.begin(), request.end()),
-                  kltest::readExactly(accepted, request.size()));
+        EXPECT_EQ(Bytes(request.begin(), request.end()), readExactly(accepted, request.size()));
         ::close(accepted);
     }
 }
 
 TEST(klSocketLink, ConnectingSideGreetsAndRefusesAWrongAnswer) {
     for (const char* answer : {"B64A0506", "B54A0506"}) {  // 101010102, 101010101
-        kltest::RawPeer peer;
-        kltest::writeAll(peer.raw, hex(answer));
+        RawPeer peer;
+        writeAll(peer.raw, hex(answer));
         const bool right = answer[1] == '6';
         EXPECT_EQ(right ? "returned" : "Unexpected respnse from server",
                   outcome([&] { peer.link.signalHPCNetSocket(); }));
-        EXPECT_EQ(hex("B64A0506"), kltest::readExactly(peer.raw, 4));
+        EXPECT_EQ(hex("B64A0506"), readExactly(peer.raw, 4));
         // The time-out for the answer is lifted after a right one and stays after a wrong one.
         EXPECT_EQ(right ? 0 : 30000, recvTimeoutMs(peer.link));
     }
 }
 
 TEST(klSocketLink, ShutdownFromAnotherThreadWakesBlockedRecvSendAndAccept) {
-    kltest::RawPeer peer;  // the far end neither sends nor reads
+    RawPeer peer;  // the far end neither sends nor reads
     std::shared_ptr<klNetBuffer> in;
-    const auto out = kltest::bufferWith(kltest::pattern(klNetBuffer::kCapacity));
-    auto receiving = kltest::startBlocked([&] { peer.link.recv(in); }, {SYS_recvfrom});
-    auto sending = kltest::startBlocked(
+    const auto out = bufferWith(pattern(klNetBuffer::kCapacity));
+    auto receiving = startBlocked([&] { peer.link.recv(in); }, {SYS_recvfrom});
+    auto sending = startBlocked(
         [&] {
             for (int i = 0; i < 100000; ++i) {  // until the socket buffers are full
                 peer.link.send(out);
@@ -144,26 +130,25 @@ TEST(klSocketLink, ShutdownFromAnotherThreadWakesBlockedRecvSendAndAccept) {
     EXPECT_EQ("closed", outcome([&] { peer.link.checkAlive(); }));
 
     klBoundSocketLink listener(0);
-    auto accepting =
-        kltest::startBlocked([&] { klSocketLink next(listener); }, {SYS_poll, SYS_ppoll});
-    const std::size_t open = kltest::openDescriptors().size();
+    auto accepting = startBlocked([&] { klSocketLink next(listener); }, {SYS_poll, SYS_ppoll});
+    const std::size_t open = openDescriptors().size();
     listener.shutdown();
     EXPECT_EQ("closed", accepting.get());
     EXPECT_EQ("closed", outcome([&] { klSocketLink next(listener); }));
-    EXPECT_EQ(open - 1, kltest::openDescriptors().size()) << "the port is freed at once";
+    EXPECT_EQ(open - 1, openDescriptors().size()) << "the port is freed at once";
 }
 
 TEST(klSocketLink, ATimeoutKeepsTheLinkAPeerLeavingShutsItAndNothingRaisesSigpipe) {
-    kltest::RawPeer peer;
+    RawPeer peer;
     std::shared_ptr<klNetBuffer> received;
     peer.link.setRecvTimeout(0.2);
     ASSERT_EQ(200, recvTimeoutMs(peer.link));
     EXPECT_EQ("timeout", outcome([&] { peer.link.recv(received); }));
-    kltest::writeAll(peer.raw, kFrame);
+    writeAll(peer.raw, kFrame);
     EXPECT_EQ("returned", outcome([&] { peer.link.recv(received); }));
     EXPECT_EQ(kFrame, wireOf(*received));
     // The peer leaves after 10 of 1000 payload bytes.
-    kltest::writeAll(peer.raw, hex("E8030000" + std::string(40, '0') + std::string(20, '1')));
+    writeAll(peer.raw, hex("E8030000" + std::string(40, '0') + std::string(20, '1')));
     ::close(peer.raw);
     peer.raw = -1;
     EXPECT_EQ("closed", outcome([&] { peer.link.recv(received); }));
@@ -171,24 +156,22 @@ TEST(klSocketLink, ATimeoutKeepsTheLinkAPeerLeavingShutsItAndNothingRaisesSigpip
 
     // SIGPIPE's default action ends the process: a signal would end this test.
     ASSERT_NE(SIG_ERR, ::signal(SIGPIPE, SIG_DFL));
-    kltest::RawPeer gone;
+    RawPeer gone;
     ::close(gone.raw);
     gone.raw = -1;
-    EXPECT_EQ("closed", outcome([&] { gone.link.send(kltest::bufferWith(kFrame)); }));
+    EXPECT_EQ("closed", outcome([&] { gone.link.send(bufferWith(kFrame)); }));
     EXPECT_EQ("closed", outcome([&] { gone.link.send("x", 1); }));
 }
 
 // Every descriptor is close-on-exec; links are blocking, undelayed and linger a second; failures
 // name their cause; nothing stays open afterwards.
 TEST(klSocketLink, ThousandCyclesOfConnectsAcceptsAndFailuresLeakNoDescriptors) {
-    const std::set<int> before = kltest::openDescriptors();
+    const std::set<int> before = openDescriptors();
     {
         klBoundSocketLink listener(0);
         const int port = listener.getAddress().getPort();
-        int refusedPort = 0;
-        int fullPort = 0;
-        const int refusing = portSocket(refusedPort, -1);  // bound, not listening
-        const int full = portSocket(fullPort, 1);          // never accepts
+        const PortSocket refusing, full(1);  // bound, not listening; listening, never accepting
+        const int refusedPort = refusing.port, fullPort = full.port;
         const std::string prefix = "Unable to connect to '127.0.0.1' port:";
         std::vector<std::unique_ptr<klSocketLink>> kept;
         const auto connect = [&](int to, double timeout) {
@@ -213,7 +196,7 @@ TEST(klSocketLink, ThousandCyclesOfConnectsAcceptsAndFailuresLeakNoDescriptors) 
             } else {
                 klSocketLink connected(loopback(port), 5.0);
                 klSocketLink accepted(listener);
-                for (int fd : kltest::openDescriptors()) {  // F_GETFD fails for the closed one
+                for (int fd : openDescriptors()) {  // F_GETFD fails for the closed one
                     ASSERT_TRUE(before.count(fd) || ::fcntl(fd, F_GETFD) != 0) << fd;
                 }
                 for (const int fd : {connected.getDescriptor(), accepted.getDescriptor()}) {
@@ -227,11 +210,8 @@ TEST(klSocketLink, ThousandCyclesOfConnectsAcceptsAndFailuresLeakNoDescriptors) 
                 }
             }
         }
-        kept.clear();
-        ::close(refusing);
-        ::close(full);
     }
-    EXPECT_EQ(before, kltest::openDescriptors());
+    EXPECT_EQ(before, openDescriptors());
 }
 
 // The far end is another process that echoes; every byte and header field must come back as

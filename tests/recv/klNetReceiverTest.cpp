@@ -1,18 +1,9 @@
 #include <support/klNetPipelineSupport.h>
-
-#include <klNetBase/core/klNetError.h>
-#include <klNetBase/recv/klNetLinkReceiver.h>
-#include <klNetBase/recv/klNetMultiLinkReceiver.h>
-
-#include <gtest/gtest.h>
+#include <support/klNetSocketTestSupport.h>
 
 #include <poll.h>
 
-using kltest::Buffer;
-using kltest::kBound;
-using kltest::taggedBuffer;
-using kltest::Task;
-using kltest::TestLink;
+using namespace kltest;
 using Links = std::vector<std::shared_ptr<klNetLink>>;
 
 namespace {
@@ -58,7 +49,7 @@ TEST(klNetMultiLinkReceiver, HandsOutWhatAnyLinkBringsAndKeepsItAcrossAVanishedP
     std::shared_ptr<klNetLink> nears[3];
     Links fars(3);
     for (int i = 0; i < 3; ++i) {
-        std::tie(nears[i], fars[i]) = kltest::connectedPair();
+        std::tie(nears[i], fars[i]) = connectedPair();
     }
     const auto receiver = klNetMultiLinkReceiver::create(fars);
     // Runs body on a thread of its own; a body still blocked after the bound has the links shut,
@@ -88,7 +79,7 @@ TEST(klNetMultiLinkReceiver, HandsOutWhatAnyLinkBringsAndKeepsItAcrossAVanishedP
     receiveWithin(std::chrono::seconds(3), [&] { receiver->recvAvailable(queue); });
     ASSERT_EQ(1u, queue.size());
     EXPECT_EQ(5u, queue.front()->getSequence());
-    EXPECT_EQ(kltest::payloadOf(*lone), kltest::payloadOf(*queue.front()));
+    EXPECT_EQ(payloadOf(*lone), payloadOf(*queue.front()));
     queue.pop();
 
     // One pass over two ready links hands over both, in link order.
@@ -114,17 +105,17 @@ TEST(klNetMultiLinkReceiver, HandsOutWhatAnyLinkBringsAndKeepsItAcrossAVanishedP
 }
 
 TEST(klNetMultiLinkReceiver, ASilentlyVanishedPeerIsFoundByTheAliveCheckOfAQuietPass) {
-    const auto healthy = kltest::connectedPair();
+    const auto healthy = connectedPair();
     auto vanished = std::make_shared<TestLink>();  // never readable
     vanished->vanished = true;
     Links links{healthy.second, vanished};
     const auto receiver = klNetMultiLinkReceiver::create(links);
-    const auto start = kltest::Clock::now();
+    const auto start = Clock::now();
     Task recv([receiver] {
         Buffer got;
         receiver->recv(got);
     });
     ASSERT_TRUE(recv.finishedWithin(kBound));
-    EXPECT_GE(kltest::Clock::now() - start, std::chrono::milliseconds(3500));
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(3500));
     KL_EXPECT_THROW_TEXT(recv.get(), klConnectionClosed, "Connection closed");
 }

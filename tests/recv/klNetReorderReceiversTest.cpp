@@ -1,20 +1,9 @@
 // The receivers that reshape what arrives before the reader sees it: the unbundle receiver splits
 // bundles, the sort receiver restores the multicast sequence order, and the forward receiver keeps
 // what is for its node and relays the rest. Each runs over a scripted child.
-#include <support/klNetStreamTestStages.h>
+#include <support/klNetPipelineSupport.h>
 
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <queue>
-#include <set>
-
-using kltest::Buffers;
-using kltest::hex;
-using kltest::makeBuffer;
-using kltest::RecordingSender;
-using kltest::ScriptedReceiver;
-using Buffer = std::shared_ptr<klNetBuffer>;
+using namespace kltest;
 
 namespace {
 
@@ -28,11 +17,6 @@ Buffer bundleOf(const Buffers& parts) {
     klNetBuffer::tryBundle(queue, bundle);
     EXPECT_TRUE(queue.empty() && bundle->getType() == klNetMessageTypeBundle);
     return bundle;
-}
-
-// The bytes that travel: header and payload.
-kltest::Bytes wireOf(const Buffer& buffer) {
-    return kltest::Bytes(buffer->getBuffer(), buffer->getBuffer() + buffer->getBufferSize());
 }
 
 Buffer next(klNetReceiver& receiver) {
@@ -81,7 +65,7 @@ TEST(klNetReorderReceivers, SortHandsOutMulticastBuffersInSequenceOrder) {
 }
 
 TEST(klNetReorderReceivers, ForwardKeepsWhatIsForItsNodeRelaysTheRestAndUnbundlesOnTop) {
-    auto sender = std::make_shared<RecordingSender>(std::set<unsigned int>{7});
+    auto sender = std::make_shared<ProbeSender>(std::set<unsigned int>{7});
     const auto forA = stream("A1", 7, 0), forC = stream("C1 C2", 7, 1), toAll = stream("D1", 0, 0),
                forUs = stream("B1", 5, 2), forE = stream("E1", 7, 3),
                forUsLater = stream("F1", 5, 4), forUsBundled = stream("F2", 5, 5);
@@ -92,20 +76,20 @@ TEST(klNetReorderReceivers, ForwardKeepsWhatIsForItsNodeRelaysTheRestAndUnbundle
 
     // One batch: the two buffers for 7 leave as one bundle, the multicast one after it.
     EXPECT_EQ(toAll, next(*forward));
-    ASSERT_EQ(2u, sender->sent.size());
-    EXPECT_EQ(wireOf(bundleOf({forA, forC})), wireOf(sender->sent[0]));
-    EXPECT_EQ(toAll, sender->sent[1]);
+    ASSERT_EQ(2u, sender->sent().size());
+    EXPECT_EQ(wireOf(*bundleOf({forA, forC})), wireOf(*sender->sent()[0]));
+    EXPECT_EQ(toAll, sender->sent()[1]);
     EXPECT_EQ(forUs, next(*forward));
     EXPECT_EQ(1, child->calls);
 
     // A batch with nothing to keep is relayed, and the next batch is read.
     EXPECT_EQ(forUsLater, next(*forward));
     EXPECT_EQ(3, child->calls);
-    ASSERT_EQ(3u, sender->sent.size());
-    EXPECT_EQ(forE, sender->sent[2]);
+    ASSERT_EQ(3u, sender->sent().size());
+    EXPECT_EQ(forE, sender->sent()[2]);
     // A bundle for this node is kept whole and split by the unbundle receiver on top.
-    EXPECT_EQ(wireOf(forUsBundled), wireOf(next(*forward)));
-    EXPECT_EQ(3u, sender->sent.size());
+    EXPECT_EQ(wireOf(*forUsBundled), wireOf(*next(*forward)));
+    EXPECT_EQ(3u, sender->sent().size());
 
     // Without a sender: an unbundle receiver right over the child, which hands out the parts of a
     // bundle in order, reading the child once, and other buffers as they are.
@@ -113,8 +97,8 @@ TEST(klNetReorderReceivers, ForwardKeepsWhatIsForItsNodeRelaysTheRestAndUnbundle
     child->script = {bundleOf({forA, forC}), forUs};
     const auto plain = klNetForwardReceiver::create(child, nullptr, 5);
     EXPECT_NE(nullptr, std::dynamic_pointer_cast<klNetUnbundleReceiver>(plain));
-    EXPECT_EQ(wireOf(forA), wireOf(next(*plain)));
-    EXPECT_EQ(wireOf(forC), wireOf(next(*plain)));
+    EXPECT_EQ(wireOf(*forA), wireOf(*next(*plain)));
+    EXPECT_EQ(wireOf(*forC), wireOf(*next(*plain)));
     EXPECT_EQ(1, child->calls);
     EXPECT_EQ(forUs, next(*plain));
 }

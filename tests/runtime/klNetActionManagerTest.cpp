@@ -1,15 +1,6 @@
 #include <support/klNetPipelineSupport.h>
 
-#include <klNetBase/runtime/klNetActionManager.h>
-
-#include <gtest/gtest.h>
-
-#include <stdexcept>
-
-using kltest::Gate;
-using kltest::kBound;
-using kltest::kQuiet;
-using kltest::Task;
+using namespace kltest;
 
 TEST(klNetActionManager, RunBlocksOnlyWhileTheBoundIsReached) {
     // {max, reduceMaxRunning() calls, resulting bound (0: none: four run together)}

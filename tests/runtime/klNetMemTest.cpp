@@ -1,14 +1,7 @@
 #include <support/klNetTestSupport.h>
 
-#include <klNetBase/runtime/klNetAffinityManager.h>
-#include <klNetBase/runtime/klNetMem.h>
-
-#include <gtest/gtest.h>
-
 #include <sched.h>
 #include <unistd.h>
-
-#include <thread>
 
 using kltest::Bytes;
 

@@ -1,16 +1,6 @@
 #include <support/klNetPipelineSupport.h>
 
-#include <klNetBase/send/klNetBufferedSender.h>
-
-#include <gtest/gtest.h>
-
-using kltest::Buffer;
-using kltest::Gate;
-using kltest::kBound;
-using kltest::kQuiet;
-using kltest::taggedBuffer;
-using kltest::Task;
-using kltest::waitUntil;
+using namespace kltest;
 
 namespace {
 
@@ -27,7 +17,7 @@ struct Rig {
         };
         std::vector<std::shared_ptr<klNetSender>> senders;
         for (int i = 0; i < children; ++i) {
-            probes.push_back(std::make_shared<kltest::ProbeSender>(std::set<unsigned int>{1}));
+            probes.push_back(std::make_shared<ProbeSender>(std::set<unsigned int>{1}));
             probes.back()->recorder = recorder;
             senders.push_back(probes.back());
         }
@@ -47,9 +37,9 @@ struct Rig {
         EXPECT_NO_THROW(wait.get());
     }
 
-    std::shared_ptr<kltest::Recorder> recorder = std::make_shared<kltest::Recorder>();
+    std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
     std::shared_ptr<Gate> gate = std::make_shared<Gate>();
-    std::vector<std::shared_ptr<kltest::ProbeSender>> probes;
+    std::vector<std::shared_ptr<ProbeSender>> probes;
     std::shared_ptr<klNetSender> sender;
 };
 

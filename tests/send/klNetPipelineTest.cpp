@@ -1,13 +1,7 @@
 #include <support/klNetPipelineSupport.h>
+#include <support/klNetSocketTestSupport.h>
 
-#include <klNetBase/recv/klNetMultiLinkReceiver.h>
-#include <klNetBase/recv/klNetUnbundleReceiver.h>
-
-#include <gtest/gtest.h>
-
-using kltest::Buffer;
-using kltest::kBound;
-using kltest::Task;
+using namespace kltest;
 
 namespace {
 
@@ -16,7 +10,7 @@ namespace {
 Buffer bufferFor(std::uint32_t id) {
     const std::uint32_t limit = id % 10 == 0 ? 131072 : id % 10 < 3 ? 40000 : 1500;
     const std::size_t size = id == 0 ? 131072 : 1 + id * 2654435761u % limit;
-    Buffer buffer = kltest::taggedBuffer(size, 1, static_cast<unsigned char>(id));
+    Buffer buffer = taggedBuffer(size, 1, static_cast<unsigned char>(id));
     buffer->setSource(id);
     return buffer;
 }
@@ -27,7 +21,7 @@ TEST(klNetPipeline, ABufferedSenderOverThreeLinksDeliversEveryBufferOnceToAMulti
     constexpr std::uint32_t kCount = 3000;
     std::vector<std::shared_ptr<klNetLink>> nears, fars;
     for (int i = 0; i < 3; ++i) {
-        const auto [near, far] = kltest::connectedPair();
+        const auto [near, far] = connectedPair();
         nears.push_back(near);
         fars.push_back(far);
     }
@@ -41,8 +35,7 @@ TEST(klNetPipeline, ABufferedSenderOverThreeLinksDeliversEveryBufferOnceToAMulti
             const std::size_t id = got->getSource();
             if (id == kCount) {
                 ++ends;
-            } else if (id < kCount &&
-                       kltest::payloadOf(*got) == kltest::payloadOf(*bufferFor(id))) {
+            } else if (id < kCount && payloadOf(*got) == payloadOf(*bufferFor(id))) {
                 ++(*seen)[id];
             } else {
                 ++*garbled;

@@ -1,30 +1,13 @@
 #include <support/klNetPipelineSupport.h>
 
-#include <klNetBase/core/klNetError.h>
-#include <klNetBase/send/klNetBalancedSender.h>
-#include <klNetBase/send/klNetBufferedSender.h>
-#include <klNetBase/send/klNetLinkSender.h>
-#include <klNetBase/send/klNetLockedSender.h>
-#include <klNetBase/send/klNetMultiSender.h>
-#include <klNetBase/send/klNetSwitchSender.h>
-
-#include <gtest/gtest.h>
-
-using kltest::Buffer;
-using kltest::taggedBuffer;
-using kltest::TestLink;
-using Buffers = std::vector<Buffer>;
+using namespace kltest;
 using Destinations = std::set<unsigned int>;
-using Probe = std::shared_ptr<kltest::ProbeSender>;
+using Probe = std::shared_ptr<ProbeSender>;
 
 namespace {
 
 Probe probe(const Destinations& destinations) {
-    return std::make_shared<kltest::ProbeSender>(destinations);
-}
-
-Buffers takenBy(const Probe& probe) {
-    return probe->recorder->taken();
+    return std::make_shared<ProbeSender>(destinations);
 }
 
 template <class Stage>
@@ -74,9 +57,9 @@ TEST(klNetMultiSender, RotatesUnicastsAndNeverSendsAMulticastBackTowardsItsSourc
     }
     // The first unicast goes to position 1, the next in turn skips those that do not reach the
     // destination; 9 is nobody's and is dropped.
-    EXPECT_EQ((Buffers{sent[1], sent[3]}), takenBy(c0));
-    EXPECT_EQ((Buffers{sent[0], sent[4]}), takenBy(c1));
-    EXPECT_EQ((Buffers{sent[2], sent[5]}), takenBy(c2));
+    EXPECT_EQ((Buffers{sent[1], sent[3]}), c0->sent());
+    EXPECT_EQ((Buffers{sent[0], sent[4]}), c1->sent());
+    EXPECT_EQ((Buffers{sent[2], sent[5]}), c2->sent());
 
     // Each stage edits only its own set of destinations.
     multi->removeDestination(2);
@@ -87,9 +70,9 @@ TEST(klNetMultiSender, RotatesUnicastsAndNeverSendsAMulticastBackTowardsItsSourc
     const Buffer fromThree = multicastFrom(3), fromNobody = multicastFrom(0);
     multi->send(fromThree);
     multi->send(fromNobody);
-    EXPECT_EQ((Buffers{sent[1], sent[3], fromThree, fromNobody}), takenBy(c0));
-    EXPECT_EQ((Buffers{sent[0], sent[4], fromThree, fromNobody}), takenBy(c1));
-    EXPECT_EQ((Buffers{sent[2], sent[5], fromNobody}), takenBy(c2));
+    EXPECT_EQ((Buffers{sent[1], sent[3], fromThree, fromNobody}), c0->sent());
+    EXPECT_EQ((Buffers{sent[0], sent[4], fromThree, fromNobody}), c1->sent());
+    EXPECT_EQ((Buffers{sent[2], sent[5], fromNobody}), c2->sent());
 }
 
 TEST(klNetBalancedSender, CyclesThroughItsChildrenWhateverTheDestination) {
@@ -101,11 +84,10 @@ TEST(klNetBalancedSender, CyclesThroughItsChildrenWhateverTheDestination) {
     }
     // Where the rotation starts is the stage's own affair.
     const long first =
-        std::find(sent.begin(), sent.end(), takenBy(children[0]).at(0)) - sent.begin();
+        std::find(sent.begin(), sent.end(), children[0]->sent().at(0)) - sent.begin();
     ASSERT_LT(first, 3);
     for (std::size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ((Buffers{sent[(first + i) % 3], sent[(first + i) % 3 + 3]}),
-                  takenBy(children[i]));
+        EXPECT_EQ((Buffers{sent[(first + i) % 3], sent[(first + i) % 3 + 3]}), children[i]->sent());
     }
 }
 
@@ -127,8 +109,8 @@ TEST(klNetSwitchSender, ChoosesByModeThenBySizeAboveTheThreshold) {
         sender->send(buffer);
         expected[c.first ? 0 : 1].push_back(buffer);
     }
-    EXPECT_EQ(expected[0], takenBy(first));
-    EXPECT_EQ(expected[1], takenBy(second));
+    EXPECT_EQ(expected[0], first->sent());
+    EXPECT_EQ(expected[1], second->sent());
 }
 
 TEST(klNetSender, InnerStagesAskEveryChildInOrderAndShutdownReachesEveryLink) {
@@ -189,6 +171,6 @@ TEST(klNetLockedSender, SerialisesConcurrentCallersAndUnlocksWhenTheTargetThrows
     EXPECT_EQ(0, overlaps);
     EXPECT_EQ(1000u, link->recorder.taken().size());
     KL_EXPECT_THROW_TEXT(locked->send(taggedBuffer(16, 13)), klNetError, "refused");
-    kltest::Task next([locked] { locked->send(taggedBuffer(16, 1)); });
-    EXPECT_TRUE(next.finishedWithin(kltest::kBound)) << "the lock was kept after the throw";
+    Task next([locked] { locked->send(taggedBuffer(16, 1)); });
+    EXPECT_TRUE(next.finishedWithin(kBound)) << "the lock was kept after the throw";
 }

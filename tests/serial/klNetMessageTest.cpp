@@ -1,13 +1,10 @@
 #include <support/klNetTestSupport.h>
 
-#include <gtest/gtest.h>
-
 using namespace kltest;
-using BufferList = std::vector<std::shared_ptr<klNetBuffer>>;
 
 namespace {
 
-BufferList takeWritten(klNetMessage& message, std::size_t bytes) {
+Buffers takeWritten(klNetMessage& message, std::size_t bytes) {
     const Bytes data(bytes, 0x3C);
     message.putBytes(data.data(), data.size());
     return message.takeSendBuffers();
@@ -18,8 +15,8 @@ BufferList takeWritten(klNetMessage& message, std::size_t bytes) {
 TEST(klNetMessage, TakenBuffersShareOneIdAndTheBufferCountAndEveryTakeDrawsAnId) {
     dirtyFreeBuffers();
     klNetMessage message;
-    const BufferList one = takeWritten(message, 131072);
-    const BufferList two = takeWritten(message, 131073);
+    const Buffers one = takeWritten(message, 131072);
+    const Buffers two = takeWritten(message, 131073);
     ASSERT_EQ(1u, one.size());
     ASSERT_EQ(2u, two.size());
     EXPECT_EQ(1u, one[0]->getMessageBufferCount());
@@ -37,7 +34,7 @@ TEST(klNetMessage, TakenBuffersShareOneIdAndTheBufferCountAndEveryTakeDrawsAnId)
     for (int i = 0; i < 65535; ++i) {
         EXPECT_TRUE(message.takeSendBuffers().empty());
     }
-    const BufferList again = takeWritten(message, 1);
+    const Buffers again = takeWritten(message, 1);
     ASSERT_EQ(1u, again.size());
     EXPECT_EQ(id, again[0]->getMessageId());
     EXPECT_EQ(1u, again[0]->getDataSize());
@@ -45,9 +42,9 @@ TEST(klNetMessage, TakenBuffersShareOneIdAndTheBufferCountAndEveryTakeDrawsAnId)
 
 TEST(klNetMessage, ReadsItsBuffersInOrderAndStopsAtTheEnd) {
     const Bytes data = pattern(15);
-    const BufferList buffers = {bufferWith(Bytes(&data[0], &data[5])),
-                                bufferWith(Bytes(&data[5], &data[8])),
-                                bufferWith(Bytes(&data[8], &data[15]))};
+    const Buffers buffers = {bufferWith(Bytes(&data[0], &data[5])),
+                             bufferWith(Bytes(&data[5], &data[8])),
+                             bufferWith(Bytes(&data[8], &data[15]))};
     klNetMessage message;
     message.setRecvBuffers(buffers);
     Bytes read(15);
@@ -72,7 +69,7 @@ TEST(klNetMessage, MoveTakesTheWrittenBuffersAlong) {
     assigned = std::move(moved);
     EXPECT_TRUE(source.takeSendBuffers().empty());  // NOLINT(bugprone-use-after-move)
     EXPECT_TRUE(moved.takeSendBuffers().empty());   // NOLINT(bugprone-use-after-move)
-    const BufferList buffers = assigned.takeSendBuffers();
+    const Buffers buffers = assigned.takeSendBuffers();
     ASSERT_EQ(2u, buffers.size());
     EXPECT_EQ(data, concatPayloads(buffers));
 }

@@ -1,12 +1,7 @@
 // klNetStream in one process over in-memory chains: how it stamps what it sends, delivers to its
 // own rank, reads the byte stream, reassembles messages, carries results and sync points, counts
 // bytes, and what it reports when a chain is missing or a buffer of the wrong type arrives.
-#include <support/klNetStreamTestStages.h>
-
-#include <gtest/gtest.h>
-
-#include <set>
-#include <stdexcept>
+#include <support/klNetPipelineSupport.h>
 
 using namespace kltest;
 
@@ -18,21 +13,21 @@ const char* const kClosed = "Connection closed";
 struct TestStream : klNetStream {
     explicit TestStream(int rank, const std::set<unsigned int>& destinations = {},
                         const Buffers& script = {})
-        : out(std::make_shared<RecordingSender>(destinations)),
+        : out(std::make_shared<ProbeSender>(destinations)),
           in(std::make_shared<ScriptedReceiver>(script)) {
         setSender(out);
         setReceiver(in);
         setRank(rank);
     }
-    std::shared_ptr<RecordingSender> out;
+    std::shared_ptr<ProbeSender> out;
     std::shared_ptr<ScriptedReceiver> in;
 };
 
 std::shared_ptr<klNetBuffer> syncFrom(int rank, int value) {
     TestStream peer(rank);
     peer.sendSync(value);
-    EXPECT_EQ(1u, peer.out->sent.size());
-    return peer.out->sent.at(0);
+    EXPECT_EQ(1u, peer.out->sent().size());
+    return peer.out->sent().at(0);
 }
 
 // Header bytes 8 to 20 of each buffer: sequence, type, compression, source, destination.
@@ -66,10 +61,10 @@ TEST(klNetStream, StampsRankAndNumbersMulticastAndDirectedBuffersApartKeepingIts
     sendTo(2, klNetSendModeSecondStage);
     sendTo(3);  // its own rank: to its own receiver, numbered as directed
     sendTo(4);
-    EXPECT_EQ(3u, stream.out->sent.size());  // sending a message does not flush the byte stream
+    EXPECT_EQ(3u, stream.out->sent().size());  // sending a message does not flush the byte stream
     stream << klNetStream::flush;
     ASSERT_EQ(1u, stream.in->script.size());
-    Buffers all = stream.out->sent;
+    Buffers all = stream.out->sent();
     all.push_back(stream.in->script[0]);
     EXPECT_EQ((std::vector<Bytes>{
                   hex("0000 01 00 03000000 00000000"), hex("0000 01 00 03000000 02000000"),
@@ -88,17 +83,17 @@ TEST(klNetStream, StampsRankAndNumbersMulticastAndDirectedBuffersApartKeepingIts
     EXPECT_EQ(1, stream.out->resets);
 
     // A new sender restarts both counters and drops what was written but not yet flushed.
-    auto second = std::make_shared<RecordingSender>(std::set<unsigned int>{2});
+    auto second = std::make_shared<ProbeSender>(std::set<unsigned int>{2});
     stream << std::uint8_t(0xDD);
     stream.setSender(second);
     stream.flush();
-    EXPECT_TRUE(second->sent.empty());
+    EXPECT_TRUE(second->sent().empty());
     sendTo(2);
     stream << std::uint8_t(0x09) << klNetStream::flush;
     EXPECT_EQ((std::vector<Bytes>{hex("0000 01 00 03000000 02000000"),
                                   hex("0000 00 00 03000000 00000000")}),
-              stampsOf(second->sent));
-    EXPECT_EQ(hex("09"), payloadOf(*second->sent.at(1)));
+              stampsOf(second->sent()));
+    EXPECT_EQ(hex("09"), payloadOf(*second->sent().at(1)));
 }
 
 TEST(klNetStream, ReadsDropABufferOfTheWrongTypeAndGoOn) {
@@ -134,7 +129,7 @@ TEST(klNetStream, ReassemblesMessagesByTheLow16BitsOfSourceAndTheMessageId) {
     klNetMessage sent(4);
     sent.putBytes(data.data(), data.size());
     peer.sendMessage(sent, 2);
-    const Buffers parts = peer.out->sent;
+    const Buffers parts = peer.out->sent();
     ASSERT_EQ(3u, parts.size());
     TestStream stream(2, {4}, {parts[2], parts[0], parts[1]});
     klNetMessage message;
@@ -166,12 +161,12 @@ TEST(klNetStream, ResultsTravelAsOneByteAndRemoteTextsComeBackAsklNetError) {
     TestStream callee(2, {1});
     callee.sendSuccess().sendException(std::runtime_error("disk full")) << klNetStream::flush;
     callee.sendException(std::invalid_argument("")) << klNetStream::flush;
-    ASSERT_EQ(2u, callee.out->sent.size());
+    ASSERT_EQ(2u, callee.out->sent().size());
     EXPECT_EQ(hex("01 00 0A000000 6469736B2066756C6C 00"),  // "disk full" and its zero byte
-              payloadOf(*callee.out->sent[0]));
-    EXPECT_EQ(hex("00 01000000 00"), payloadOf(*callee.out->sent[1]));
+              payloadOf(*callee.out->sent()[0]));
+    EXPECT_EQ(hex("00 01000000 00"), payloadOf(*callee.out->sent()[1]));
 
-    TestStream caller(1, {2}, callee.out->sent);
+    TestStream caller(1, {2}, callee.out->sent());
     EXPECT_EQ(&caller, &caller.recvResult());
     KL_EXPECT_THROW_TEXT(caller.recvResult(), klNetError, "disk full");
     KL_EXPECT_THROW_TEXT(caller.recvResult(), klNetError, "");
@@ -216,12 +211,12 @@ TEST(klNetStream, WithoutItsChainAStreamThrowsConnectionClosedAndShutdownReaches
     KL_EXPECT_THROW_TEXT(stream << byte << klNetStream::flush, klConnectionClosed, kClosed);
     KL_EXPECT_THROW_TEXT(stream.sendMessage(message, 1), klConnectionClosed, kClosed);
     stream.setReceiver(nullptr);
-    stream.setSender(std::make_shared<RecordingSender>());
+    stream.setSender(std::make_shared<ProbeSender>());
     KL_EXPECT_THROW_TEXT(stream >> byte, klConnectionClosed, kClosed);
     KL_EXPECT_THROW_TEXT(stream.recvMessage(message), klConnectionClosed, kClosed);
 
-    auto outLink = std::make_shared<CountingLink>();
-    auto inLink = std::make_shared<CountingLink>();
+    auto outLink = std::make_shared<TestLink>();
+    auto inLink = std::make_shared<TestLink>();
     stream.setSender(klNetLinkSender::create(outLink));
     stream.setReceiver(klNetSortReceiver::create(klNetLinkReceiver::create(inLink)));
     klNetInterfaceOptions options;
@@ -230,4 +225,17 @@ TEST(klNetStream, WithoutItsChainAStreamThrowsConnectionClosedAndShutdownReaches
     EXPECT_EQ(1, outLink->shutdowns);
     EXPECT_EQ(1, inLink->shutdowns);
     EXPECT_TRUE(stream.getSender() && stream.getReceiver());  // the chains stay set
+}
+
+TEST(klNetStream, WaitingForDataEndsWithAbortedWhenTheUserAbortsAndOnceDataIsThere) {
+    TestStream stream(2);
+    klNetProgress::abort();
+    EXPECT_EQ("Aborted", outcome([&] { stream.waitReadableOrAbort(); }));
+    klNetProgress::reset();
+    Task user([] { klNetProgress::abort(); });  // before or while the stream waits
+    EXPECT_EQ("Aborted", outcome([&] { stream.waitReadableOrAbort(); }));
+    ASSERT_TRUE(user.finishedWithin(kBound));
+    klNetProgress::reset();
+    stream.in->script.push_back(bufferWith({1}));
+    EXPECT_EQ("returned", outcome([&] { stream.waitReadableOrAbort(); }));
 }

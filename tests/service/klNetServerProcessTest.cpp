@@ -1,66 +1,21 @@
 // The server launcher and the executable lookup. This test is built into a directory of its own
 // beside a stand-in "KALDClusterServer" (klNetFakeClusterServer.cpp), which the lookup finds there
 // and which prints the command line, environment and descriptors it was started with.
-#include <support/klNetTestSupport.h>
-
-#include <klNetBase/service/klNetServerProcess.h>
-#include <klNetBase/service/klNetUtils.h>
-
-#include <gtest/gtest.h>
+#include <support/klNetProcessTestSupport.h>
 
 #include <QCoreApplication>
-#include <QProcess>
 #include <QThread>
 
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <future>
-#include <string>
-#include <thread>
-#include <vector>
+using namespace kltest;
 
 namespace {
 
-namespace fs = std::filesystem;
-
 const std::string kServer = "KALDClusterServer";
 
-std::string programDir() {
-    return fs::read_symlink("/proc/self/exe").parent_path();
-}
-
-// A directory of its own under the system's temporary directory, removed with everything in it.
-class TempDir {
-public:
-    explicit TempDir(const std::string& name)
-        : m_path(fs::temp_directory_path() / (name + "-" + std::to_string(::getpid()))) {
-        fs::remove_all(m_path);
-        fs::create_directories(m_path);
-    }
-    ~TempDir() { fs::remove_all(m_path); }
-    // Creates an executable file at the relative path and returns its full path.
-    std::string addProgram(const std::string& relative) const {
-        const fs::path file = m_path / relative;
-        fs::create_directories(file.parent_path());
-        std::ofstream(file) << "#!/bin/sh\n";
-        fs::permissions(file, fs::perms::owner_all);
-        return file;
-    }
-    std::string path(const std::string& relative = "") const { return m_path / relative; }
-
-private:
-    fs::path m_path;
-};
-
-// What this process writes to one of its descriptors (1 or 2) while in scope, kept in memory.
+// What this process writes to one of its descriptors (1 or 2), from construction to restore(),
+// kept in memory.
 class Capture {
 public:
     explicit Capture(int fd)
@@ -74,34 +29,29 @@ public:
         restore();
         ::close(m_file);
     }
+    void restore() {
+        std::fflush(nullptr);
+        if (m_saved >= 0) {
+            ::dup2(m_saved, m_fd);
+            ::close(std::exchange(m_saved, -1));
+        }
+    }
     std::string text() const {
         std::fflush(nullptr);
-        struct stat info {};
-        ::fstat(m_file, &info);
-        std::string text(std::size_t(info.st_size), '\0');
-        const ssize_t n = ::pread(m_file, text.data(), text.size(), 0);
-        text.resize(n > 0 ? std::size_t(n) : 0);
+        std::string text(1 << 16, '\0');
+        text.resize(
+            std::size_t(std::max<ssize_t>(0, ::pread(m_file, text.data(), text.size(), 0))));
         return text;
     }
-    // Waits, for 10 s at most, until the text holds `part`; meanwhile this thread's Qt events
-    // are processed, which copies a started server's console output.
+    // Waits until the text holds part, processing this thread's Qt events meanwhile (they copy a
+    // started server's console output).
     std::string waitFor(const std::string& part) const {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         std::string now;
-        while ((now = text()).find(part) == std::string::npos &&
-               std::chrono::steady_clock::now() < deadline) {
+        waitUntil([&] {
             QCoreApplication::processEvents();
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+            return (now = text()).find(part) != std::string::npos;
+        });
         return now;
-    }
-    void restore() {
-        if (m_saved >= 0) {
-            std::fflush(nullptr);
-            ::dup2(m_saved, m_fd);
-            ::close(m_saved);
-            m_saved = -1;
-        }
     }
 
 private:
@@ -120,12 +70,12 @@ std::shared_ptr<klNetServerProcess> server(const std::string& version, bool disp
 TEST(klNetUtilsTest, FindsTheRequestedVersionAcrossEditions) {
     TempDir root("klNetUtilsTest");
     const std::string farm = root.path("KALDFarm-10.0/bin");
-    root.addProgram("KALDFarm-10.0/bin/" + kServer);
-    root.addProgram("KALDFarm-10.0/bin/Render.EXE");
-    root.addProgram("KALDStudio-9.2/bin/" + kServer);
-    root.addProgram("KALDMain-9.2/bin/" + kServer);
-    root.addProgram("KALDBase-8.5/bin/" + kServer);
-    root.addProgram("plain/" + kServer);
+    for (const char* program :
+         {"KALDFarm-10.0/bin/KALDClusterServer", "KALDFarm-10.0/bin/Render.EXE",
+          "KALDStudio-9.2/bin/KALDClusterServer", "KALDMain-9.2/bin/KALDClusterServer",
+          "KALDBase-8.5/bin/KALDClusterServer", "plain/KALDClusterServer"}) {
+        root.addProgram(program);
+    }
     const std::string here = programDir() + "/" + kServer;
     struct Case {
         const char* why;
@@ -205,13 +155,8 @@ TEST(klNetServerProcessTest, RunningServerIsWaitedForKilledAndEndedByDestruction
         EXPECT_FALSE(launched->wait(0.0));
 
         // Another thread asks whether it runs while this one handles its end.
-        auto watcher = std::async(std::launch::async, [&] {
-            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-            while (launched->isRunning() && std::chrono::steady_clock::now() < deadline) {
-                std::this_thread::yield();
-            }
-            return !launched->isRunning();
-        });
+        auto watcher = std::async(
+            std::launch::async, [&] { return waitUntil([&] { return !launched->isRunning(); }); });
         launched->tryKill();
         EXPECT_TRUE(launched->wait(10.0));
         EXPECT_TRUE(watcher.get());
@@ -234,16 +179,13 @@ TEST(klNetServerProcessTest, RunningServerIsWaitedForKilledAndEndedByDestruction
 
 TEST(klNetServerProcessTest, MissingProgramFailsWithTheExactText) {
     // A copy of this test, alone in a directory, finds no server beside itself.
-    TempDir alone("klNetServerProcessTest");
+    const TempDir alone("klNetServerProcessTest");
     const std::string copy = alone.path("klNetServerProcessTest");
-    fs::copy_file("/proc/self/exe", copy);
-    fs::permissions(copy, fs::perms::owner_all);
-    QProcess child;
-    child.start(QString::fromStdString(copy), {"--start-missing"});
-    ASSERT_TRUE(child.waitForFinished(60000));
+    std::filesystem::copy_file("/proc/self/exe", copy);
+    ChildProcess child(copy, {"--start-missing"});
     EXPECT_EQ("Error starting process '" + alone.path(kServer) +
                   "'. File not found or insufficient permission to start.\nnot running\n",
-              child.readAllStandardOutput().toStdString());
+              child.finish(60.0).out);
 }
 
 TEST(klNetServerProcessTest, InProcessServerGetsThePipeNameAndItsFailureIsLogged) {
@@ -267,12 +209,8 @@ TEST(klNetServerProcessTest, InProcessServerGetsThePipeNameAndItsFailureIsLogged
 // Child mode of MissingProgramFailsWithTheExactText.
 int startMissing() {
     auto launched = server("10.0", true, false, false, false, false);
-    try {
-        launched->start(false);
-    } catch (const klNetError& e) {
-        std::printf("%s\n", e.what());
-    }
-    std::printf("%s\n", launched->isRunning() ? "running" : "not running");
+    const std::string how = outcome([&] { launched->start(false); });
+    std::printf("%s\n%s\n", how.c_str(), launched->isRunning() ? "running" : "not running");
     return 0;
 }
 

@@ -1,87 +1,67 @@
 // The service daemon end to end: the real KALDClusterService and the real render server, driven
-// with raw requests so that every field is the test's own, and hostile clients against it.
-#include <support/klNetServiceTestSupport.h>
+// with raw requests so that every field is the test's own, and hostile clients against it; then
+// the daemon and its command-line client klnetctl as the user meets them: exact output, exit
+// statuses, signals, and the error lines for every way a request can fail.
+#include <support/klNetProcessTestSupport.h>
 
-#include <klNetBase/service/klNetService.h>
-#include <klNetBase/service/klNetServiceStatus.h>
 #include <klRenderProtocol.h>
+#include <klServiceClient.h>
 
-#include <gtest/gtest.h>
+#include <regex>
+#include <sstream>
 
-#include <sys/stat.h>
-
-#include <future>
+using namespace kltest;
 
 namespace {
-
-using kltest::outcome;
-using kltest::ServiceDaemon;
 
 constexpr std::uint32_t kStart = klNetService::kStartServer;
 constexpr std::uint32_t kConnect = klNetService::kConnectServer;
 constexpr std::uint32_t kStopService = klNetService::kStopService;
-constexpr std::uint32_t kRelay = klNetService::kConnectService;
 constexpr std::uint32_t kStopServer = klNetService::kStopServer;
-constexpr std::uint32_t kStatus = klNetService::kGetStatus;
 constexpr std::uint32_t kStopBooking = klNetService::kStopServerByBookingId;
 
-struct StartFields {
-    std::string version = "10.0";
-    std::string bookingId;
-    std::string extraArgument;
-    // Which optional fields are written: display (9.0), booking id (9.2), stereo (10.0).
-    bool display = true, booking = true, stereo = true;
-};
-
-void writeStart(klNetStream& stream, const StartFields& f) {
-    stream << kStart << f.extraArgument << f.version << std::string();
-    if (f.display) {
+// Writes a start request with the fields a client of that version sends: the display flag from
+// 9.0 on, the booking id from 9.2 on, the stereo flag from 10.0 on.
+void writeStart(klNetStream& stream, const std::string& version, const std::string& booking = "") {
+    const double number = std::atof(version.c_str());
+    stream << kStart << std::string() << version << std::string();
+    if (number >= 9.0) {
         stream << std::uint8_t(0);
     }
     stream << std::uint8_t(0) << std::uint8_t(0) << std::uint8_t(0);
-    if (f.booking) {
-        stream << f.bookingId;
+    if (number >= 9.2) {
+        stream << booking;
     }
-    if (f.stereo) {
+    if (number >= 10.0) {
         stream << std::uint8_t(0);
     }
     stream.flush();
 }
 
 // Starts a server; returns its id and leaves the stream connected to it.
-std::uint32_t startServer(klNetStream& stream, const StartFields& fields) {
-    writeStart(stream, fields);
+std::uint32_t startServer(klNetStream& stream, const std::string& booking = "",
+                          const std::string& version = "10.0") {
+    writeStart(stream, version, booking);
     stream.recvResult();
     std::uint32_t id = 0;
     std::uint64_t freeMemory = 0;
     std::int32_t count = 0;
     stream >> id >> freeMemory >> count;
-    EXPECT_GT(freeMemory, 0u);
-    EXPECT_GT(count, 0);
+    EXPECT_TRUE(freeMemory > 0 && count > 0);
     return id;
 }
 
 // One request whose answer is a bare result: "" for success, else the error text.
-std::string request(const ServiceDaemon& service, std::uint32_t code,
-                    const std::function<void(klNetStream&)>& fields = {}) {
+template <class... Fields>
+std::string request(const ServiceDaemon& service, std::uint32_t code, const Fields&... fields) {
     auto stream = service.connect();
-    *stream << code;
-    if (fields) {
-        fields(*stream);
-    }
-    stream->flush();
+    ((*stream << code) << ... << fields) << klNetStream::flush;
     const std::string result = outcome([&] { stream->recvResult(); });
     return result == "returned" ? "" : result;
 }
 
 klNetServiceStatus status(const ServiceDaemon& service) {
-    auto stream = service.connect();
-    *stream << kStatus;
-    stream->flush();
-    stream->recvResult();
-    klNetServiceStatus record;
-    record.getValue(*stream);
-    return record;
+    return klServiceClient("127.0.0.1", service.port()).status();
 }
 
 // A region rendered through a stream handed to a server equals the same region rendered here.
@@ -94,32 +74,22 @@ void expectRenders(klNetStream& stream) {
 
 TEST(klNetServiceTest, StartHandsTheClientToANewServerForEveryVersionItReads) {
     ServiceDaemon service;
-    struct Case {
-        StartFields fields;
-        std::string error;
-    } cases[] = {
-        {{"SR1.SP3", "", "", false, false, false}, ""},
-        {{"SR2", "", "", false, false, false}, ""},  // no service pack: version 0
-        {{"9.1", "", "", true, false, false}, ""},
-        {{"9.2", "nine-two", "", true, true, false}, ""},
-        {{"10.0", "ten", "", true, true, true}, ""},
-        {{"11.0", "", "", true, true, true}, "Incompatible versions: KALDClusterService 10.0 request from 11.0"},
-    };
     std::uint32_t expectedId = 1;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.fields.version);
+    // "SR2" has no service pack: version 0.
+    for (const char* version : {"SR1.SP3", "SR2", "9.1", "9.2", "10.0"}) {
+        SCOPED_TRACE(version);
         auto stream = service.connect();
-        if (!c.error.empty()) {
-            writeStart(*stream, c.fields);
-            EXPECT_EQ(c.error, outcome([&] { stream->recvResult(); }));
-            continue;
-        }
-        EXPECT_EQ(expectedId++, startServer(*stream, c.fields));
+        EXPECT_EQ(expectedId++, startServer(*stream, version + std::string("-booking"), version));
         expectRenders(*stream);
     }
+    auto stream = service.connect();
+    writeStart(*stream, "11.0");
+    EXPECT_EQ("Incompatible versions: KALDClusterService 10.0 request from 11.0",
+              outcome([&] { stream->recvResult(); }));
     const klNetServiceStatus record = status(service);
     EXPECT_EQ(5, record.getNumberOfClusterServers());
-    EXPECT_EQ((std::vector<std::string>{"", "", "", "nine-two", "ten"}), record.getBookingIds());
+    EXPECT_EQ((std::vector<std::string>{"", "", "", "9.2-booking", "10.0-booking"}),
+              record.getBookingIds());
     EXPECT_TRUE(record.getIsRunning());
     EXPECT_EQ("10.0", record.getVersion());
 }
@@ -129,38 +99,26 @@ TEST(klNetServiceTest, StoppedServersLeaveTheTableOnlyAfterStopServerOrStart) {
     std::vector<std::unique_ptr<klNetStream>> clients;
     for (const char* booking : {"shared", "shared", "other"}) {
         clients.push_back(service.connect());
-        StartFields fields;
-        fields.bookingId = booking;
-        startServer(*clients.back(), fields);
+        startServer(*clients.back(), booking);
     }
-    const auto id = [](std::uint32_t value) {
-        return [value](klNetStream& s) { s << value; };
-    };
-    const auto text = [](std::string value) {
-        return [value](klNetStream& s) { s << value; };
-    };
-    EXPECT_EQ("", request(service, kStopBooking, text("nobody")));
+    EXPECT_EQ("", request(service, kStopBooking, "nobody"));
     EXPECT_EQ(3, status(service).getNumberOfClusterServers());
-    EXPECT_EQ("", request(service, kStopBooking, text("shared")));
+    EXPECT_EQ("", request(service, kStopBooking, "shared"));
     EXPECT_EQ(std::vector<std::string>{"other"}, status(service).getBookingIds());
     // Stopped by booking id: no longer counted, but still listed, so the id is known.
-    EXPECT_NE("Unknown server:1", request(service, kConnect, id(1)));
-    EXPECT_EQ("", request(service, kStopServer, id(3)));
-    EXPECT_EQ("Unknown server:1", request(service, kConnect, id(1)));
-    EXPECT_EQ("Unknown server:3", request(service, kStopServer, id(3)));
-    EXPECT_EQ("Unknown server:7", request(service, kStopServer, id(7)));
+    EXPECT_NE("Unknown server:1", request(service, kConnect, 1u));
+    EXPECT_EQ("", request(service, kStopServer, 3u));
+    EXPECT_EQ("Unknown server:1", request(service, kConnect, 1u));
+    EXPECT_EQ("Unknown server:3", request(service, kStopServer, 3u));
+    EXPECT_EQ("Unknown server:7", request(service, kStopServer, 7u));
     EXPECT_EQ(0, status(service).getNumberOfClusterServers());
     EXPECT_EQ("Unknown service command", request(service, 0));
     EXPECT_EQ("Unknown service command", request(service, 8));
 
     // Ids are never reused; a second connection reaches a running server.
     auto first = service.connect();
-    EXPECT_EQ(4u, startServer(*first, {}));
-    auto second = service.connect();
-    *second << kConnect << std::uint32_t(4);
-    second->flush();
-    second->recvResult();
-    expectRenders(*second);
+    EXPECT_EQ(4u, startServer(*first));
+    expectRenders(*klServiceClient("127.0.0.1", service.port()).connectServer(4));
     expectRenders(*first);
 }
 
@@ -168,16 +126,13 @@ TEST(klNetServiceTest, RelaysToAnotherListenerAndStopServiceEndsTheDaemon) {
     ServiceDaemon service;
     klBoundSocketLink listener(0);
     auto echo = std::async(std::launch::async, [&] {
-        klSocketLink accepted(listener);
-        auto link = klSocketLink::checkForHPCNetSocket(accepted.takeDescriptor());
-        std::shared_ptr<klNetBuffer> buffer;
+        auto link = klSocketLink::checkForHPCNetSocket(klSocketLink(listener).takeDescriptor());
+        Buffer buffer;
         link->recv(buffer);
         link->send(buffer);
     });
-    auto stream = service.connect();
-    *stream << kRelay << std::string("127.0.0.1") << std::uint32_t(listener.getAddress().getPort());
-    stream->flush();
-    stream->recvResult();
+    const auto stream = klServiceClient("127.0.0.1", service.port())
+                            .relay("127.0.0.1", std::uint32_t(listener.getAddress().getPort()));
     *stream << std::string("through the relay") << klNetStream::flush;
     std::string echoed;
     *stream >> echoed;
@@ -188,52 +143,33 @@ TEST(klNetServiceTest, RelaysToAnotherListenerAndStopServiceEndsTheDaemon) {
     EXPECT_EQ(0, service.exitStatus(30.0));
 }
 
-// A program directory of the test's own: the daemon (hard-linked, so that it looks for its
-// server beside itself here) and a stand-in render server script.
-class FakeServerDir {
-public:
-    explicit FakeServerDir(const std::string& script)
-        : m_dir(kltest::programDir() + "/fake-" + std::to_string(::getpid())) {
-        std::filesystem::create_directories(m_dir);
-        std::filesystem::create_hard_link(kltest::programDir() + "/KALDClusterService",
-                                          m_dir + "/KALDClusterService");
-        std::ofstream(m_dir + "/KALDClusterServer") << "#!/bin/sh\n" << script << "\n";
-        ::chmod((m_dir + "/KALDClusterServer").c_str(), 0755);
-    }
-    ~FakeServerDir() { std::filesystem::remove_all(m_dir); }
-    const std::string& path() const { return m_dir; }
-
-private:
-    std::string m_dir;
-};
-
+// The daemon in a program directory of the test's own (hard-linked, so that it looks for its
+// server beside itself there), with a stand-in render server script.
 TEST(klNetServiceTest, ServersThatNeverTakeTheirSocket) {
-    {
-        FakeServerDir dir("exit 3");
+    for (const std::string script : {"exit 3", "exec sleep 60"}) {
+        const TempDir dir("fake", programDir());
+        std::filesystem::create_hard_link(programDir() + "/KALDClusterService",
+                                          dir.path("KALDClusterService"));
+        dir.addProgram("KALDClusterServer", script);
         ServiceDaemon service({}, dir.path());
         auto stream = service.connect();
-        writeStart(*stream, {});
-        EXPECT_EQ("Failed to connect started server", outcome([&] { stream->recvResult(); }));
+        writeStart(*stream, "10.0", "slow");
+        if (script == "exit 3") {
+            EXPECT_EQ("Failed to connect started server", outcome([&] { stream->recvResult(); }));
+            continue;
+        }
+        // The start request waits for the server to open its pipe; stopping it ends the wait.
+        EXPECT_TRUE(waitUntil([&] { return status(service).getNumberOfClusterServers() != 0; }));
+        EXPECT_EQ("", request(service, kStopBooking, "slow"));
+        EXPECT_EQ("Server manually aborted", outcome([&] { stream->recvResult(); }));
     }
-    FakeServerDir dir("exec sleep 60");
-    ServiceDaemon service({}, dir.path());
-    auto stream = service.connect();
-    StartFields fields;
-    fields.bookingId = "slow";
-    writeStart(*stream, fields);
-    // The start request waits for the server to open its pipe; stopping it ends the wait.
-    for (int i = 0; i < 2000 && status(service).getNumberOfClusterServers() == 0; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    EXPECT_EQ("", request(service, kStopBooking, [](klNetStream& s) { s << std::string("slow"); }));
-    EXPECT_EQ("Server manually aborted", outcome([&] { stream->recvResult(); }));
 }
 
 TEST(klNetServiceTest, HostileClientsNeitherKnockItOverNorLeak) {
     ServiceDaemon service({"--request-timeout", "1", "--max-requests", "64"});
     status(service);
-    const std::size_t descriptors = service.openDescriptorCount();
-    const std::size_t threads = service.threadCount();
+    const std::size_t descriptors = service.procEntries("fd");
+    const std::size_t threads = service.procEntries("task");
     const std::uint64_t resident = service.residentBytes();
     const klSocketAddress address("127.0.0.1", service.port());
 
@@ -246,10 +182,10 @@ TEST(klNetServiceTest, HostileClientsNeitherKnockItOverNorLeak) {
             idle.push_back(std::make_unique<klSocketLink>(address, 10.0));
         }
     }
-    const kltest::Bytes hostile[] = {
-        kltest::pattern(5000),                                 // random bytes, no greeting
-        kltest::hex("C6 A4 05 06 ff ff ff 7f"),                // greeting, then an absurd frame
-        kltest::hex("C6 A4 05 06 10 00 00 00 00 00 00 00"),    // greeting, truncated frame
+    const Bytes hostile[] = {
+        pattern(5000),                               // random bytes, no greeting
+        hex("C6 A4 05 06 ff ff ff 7f"),              // greeting, then an absurd frame
+        hex("C6 A4 05 06 10 00 00 00 00 00 00 00"),  // greeting, truncated frame
     };
     for (const auto& bytes : hostile) {
         klSocketLink link(address, 10.0);
@@ -257,24 +193,188 @@ TEST(klNetServiceTest, HostileClientsNeitherKnockItOverNorLeak) {
     }
     // A string field that claims 4 GiB is refused before anything is allocated for it.
     EXPECT_EQ("String field too long (4294967295 bytes, at most 65536)",
-              request(service, kStopBooking, [](klNetStream& s) {
-                  s << std::uint32_t(0xFFFFFFFF) << std::string(100, 'x');
-              }));
+              request(service, kStopBooking, 0xFFFFFFFFu, std::string(100, 'x')));
 
     // Every request thread ends by the request time-out; the service answers and holds no more
     // descriptors or memory than before.
     // (The first count may still hold the closing connection of the status request.)
-    std::size_t now = 0;
-    for (int i = 0; i < 1000 && (now = service.openDescriptorCount()) > descriptors; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_LE(now, descriptors);
-    for (int i = 0; i < 1000 && (now = service.threadCount()) > threads; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_LE(now, threads);
+    EXPECT_TRUE(waitUntil([&] { return service.procEntries("fd") <= descriptors; }));
+    EXPECT_TRUE(waitUntil([&] { return service.procEntries("task") <= threads; }));
     EXPECT_EQ(0, status(service).getNumberOfClusterServers());
     EXPECT_LT(service.residentBytes(), resident + 64 * 1024 * 1024);
+}
+
+// ---- klnetctl ----------------------------------------------------------------------------------
+
+// One run of a program of the build and what it must print: out and err are regular expressions
+// matched against the whole output, with {port} standing for the port runSteps is given.
+struct Step {
+    std::vector<std::string> command;
+    int status;
+    std::string out, err;
+};
+
+// A run that ends with status and prints nothing but the error line err.
+Step fails(std::vector<std::string> command, int status, std::string err) {
+    return {std::move(command), status, "", std::move(err)};
+}
+
+// A run of klnetctl on the port that succeeds and prints out.
+Step klnetctl(std::vector<std::string> args, std::string out) {
+    args.insert(args.begin(), {"klnetctl", "--port", "{port}"});
+    return {std::move(args), 0, std::move(out), ""};
+}
+
+std::string withPort(std::string text, int port) {
+    for (std::size_t at; (at = text.find("{port}")) != std::string::npos;) {
+        text.replace(at, 6, std::to_string(port));
+    }
+    return text;
+}
+
+void runSteps(const std::vector<Step>& steps, int port) {
+    for (const Step& step : steps) {
+        std::vector<std::string> command;
+        std::string line;
+        for (const auto& arg : step.command) {
+            command.push_back(withPort(arg, port));
+            line += command.back() + " ";
+        }
+        SCOPED_TRACE(line);
+        ChildProcess program(programDir() + "/" + command[0], {command.begin() + 1, command.end()},
+                             true);
+        const auto outcome = program.finish(60.0);
+        EXPECT_EQ(step.status, outcome.status) << outcome.err;
+        EXPECT_TRUE(std::regex_match(outcome.out, std::regex(withPort(step.out, port))))
+            << outcome.out;
+        EXPECT_TRUE(std::regex_match(outcome.err, std::regex(withPort(step.err, port))))
+            << outcome.err;
+    }
+}
+
+bool isGone(pid_t pid) {
+    std::stringstream text;
+    text << std::ifstream("/proc/" + std::to_string(pid) + "/stat").rdbuf();
+    // A zombie has ended; its reaper is not ours.
+    return text.str().empty() || text.str().find(") Z ") != std::string::npos;
+}
+
+// Render servers the daemons started are killed at the end of each test, whatever happened.
+class klnetctlTest : public ::testing::Test {
+protected:
+    // Remembers the processes the daemon started that are still there.
+    void rememberServers(const ServiceDaemon& daemon) {
+        for (const auto& task : std::filesystem::directory_iterator(
+                 "/proc/" + std::to_string(daemon.pid()) + "/task")) {
+            std::ifstream list(task.path() / "children");
+            for (pid_t child; list >> child;) {
+                m_servers.push_back(child);
+            }
+        }
+    }
+    bool serversGone() const {
+        return waitUntil(
+            [this] { return std::all_of(m_servers.begin(), m_servers.end(), isGone); });
+    }
+    void TearDown() override {
+        for (pid_t server : m_servers) {
+            if (!isGone(server)) {
+                ::kill(server, SIGKILL);
+            }
+        }
+    }
+    std::vector<pid_t> m_servers;
+};
+
+const char* const kStatusIdle =
+    "version: 10.0\nrunning: yes\nservers running: 0\nfree memory: \\d+ bytes\ncpu usage: 0%\n"
+    "booking ids: \\(none\\)\n";
+
+TEST_F(klnetctlTest, DrivesTheServiceThroughEveryCommand) {
+    ServiceDaemon daemon;
+    runSteps({klnetctl({"status"}, kStatusIdle),
+              klnetctl({"start", "--booking", "b1", "-ta", "--extra", "x y"},
+                       "server id: 1\nfree memory: [1-9]\\d* bytes\nservers running: 1\n"),
+              klnetctl({"--json", "start", "--version", "9.2", "--booking", "b\"2"},
+                       "\\{\"serverId\":2,\"freeMemory\":[1-9]\\d*,\"serverCount\":2\\}\n"),
+              klnetctl({"--json", "status"},
+                       "\\{\"version\":\"10.0\",\"running\":true,\"servers\":2,\"freeMemory\":"
+                       "\\d+,\"cpuUsage\":0,\"bookingIds\":\\[\"b1\",\"b\\\\\"2\"\\]\\}\n")},
+             daemon.port());
+    rememberServers(daemon);
+    ASSERT_EQ(2u, m_servers.size());
+    runSteps({klnetctl({"stop-server", "1"}, "server 1 stopped\n"),
+              // A stopped server leaves the table at once.
+              fails({"klnetctl", "--port", "{port}", "stop-server", "1"}, 1,
+                    "klnetctl: service error: Unknown server:1\n"),
+              klnetctl({"--json", "stop-booking", "b\"2"},
+                       "\\{\"bookingId\":\"b\\\\\"2\",\"stopped\":true\\}\n"),
+              klnetctl({"stop-booking", "none"}, "servers of booking \"none\" stopped\n"),
+              klnetctl({"status"}, kStatusIdle), klnetctl({"stop-service"}, "service stopping\n")},
+             daemon.port());
+    EXPECT_EQ(0, daemon.exitStatus(30.0));
+    EXPECT_TRUE(serversGone());
+}
+
+// SIGTERM ends the daemon of every other test.
+TEST_F(klnetctlTest, SigintStopsTheServiceAndItsServers) {
+    const TempDir dir("klNetServiceTest");
+    const std::string log = dir.path("service.log");
+    {
+        // Repeated --allow ranges add up: the second one lets loopback in.
+        ServiceDaemon daemon(
+            {"--log-file", log, "--allow", "192.0.2.0/24", "--allow", "127.0.0.0/8"});
+        runSteps({klnetctl({"start"}, "server id: 1\n[\\s\\S]*")}, daemon.port());
+        rememberServers(daemon);
+        EXPECT_EQ(1u, m_servers.size());
+        ::kill(daemon.pid(), SIGINT);
+        EXPECT_EQ(0, daemon.exitStatus(30.0));
+        EXPECT_TRUE(serversGone());
+    }
+    std::stringstream text;
+    text << std::ifstream(log).rdbuf();
+    EXPECT_TRUE(std::regex_search(text.str(), std::regex("listening on port [\\s\\S]*INFO Signal 2 "
+                                                         "received: stopping\n[\\s\\S]*INFO "
+                                                         "Stopped\n")))
+        << text.str();
+}
+
+TEST_F(klnetctlTest, ReportsEveryFailureWithOneLineAndItsExitStatus) {
+    {
+        ServiceDaemon daemon({"--allow", "192.0.2.0/24"});
+        runSteps({fails({"klnetctl", "--port", "{port}", "status"}, 1,
+                        "klnetctl: cannot connect to 127.0.0.1:{port}: Connection closed\n")},
+                 daemon.port());
+    }
+    // A listener that never accepts: connections complete, but nobody answers the greeting.
+    klBoundSocketLink silent(0);
+    const std::string silentPort = std::to_string(silent.getAddress().getPort());
+    const PortSocket refused;  // bound, not listening: refuses, and the port stays taken
+    runSteps(
+        {fails({"klnetctl", "--port", "{port}", "status"}, 1,
+               "klnetctl: cannot connect to 127.0.0.1:{port}: 111:Connection refused\n"),
+         fails({"klnetctl", "--port", silentPort, "--timeout", "0.5", "stop-service"}, 1,
+               "klnetctl: no answer from 127.0.0.1:" + silentPort + " within 0.5 s\n"),
+         fails({"klnetctl", "--bogus", "status"}, 2, "klnetctl: unknown option '--bogus'\n"),
+         fails({"klnetctl", "stop-server", "-1"}, 2, "klnetctl: invalid server id '-1'\n"),
+         fails({"klnetctl", "stop-server"}, 2, "klnetctl: stop-server needs a server id\n"),
+         fails({"klnetctl", "start", "-x"}, 2, "klnetctl: unknown start option '-x'\n"),
+         fails({"klnetctl", "--timeout", "0", "status"}, 2, "klnetctl: invalid timeout '0'\n"),
+         fails({"klnetctl"}, 2, "klnetctl: no command given\n"),
+         {{"klnetctl", "--help"}, 0, "Usage: klnetctl [\\s\\S]*stop-service[\\s\\S]*", ""},
+         fails({"KALDClusterService", "--port", "{port}", "--no-console"}, 1,
+               "KALDClusterService: Unable to bind to port {port}\\. 98:Address already in use\n"),
+         fails({"KALDClusterService", "--port", "65536"}, 2,
+               "KALDClusterService: invalid value '65536' for --port \\(an integer from 0 to "
+               "65535\\)\n"),
+         fails({"KALDClusterService", "--allow", "10.0.0.0/33"}, 2,
+               "KALDClusterService: Invalid address range '10.0.0.0/33'\n"),
+         fails({"KALDClusterService", "--request-timeout"}, 2,
+               "KALDClusterService: option --request-timeout needs a value\n"),
+         fails({"KALDClusterService", "--no-console=1"}, 2,
+               "KALDClusterService: option --no-console takes no value\n"),
+         {{"KALDClusterService", "--version"}, 0, "KALDClusterService 10\\.0\n", ""}},
+        refused.port);
 }
 
 }  // namespace

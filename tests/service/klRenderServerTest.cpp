@@ -1,28 +1,18 @@
 // The render protocol and the reference render server: frames split into regions render byte for
 // byte like the whole, requests are refused with exact texts, and the real KALDClusterServer,
 // handed client sockets through a socket pipe, serves them and ends cleanly when stopped.
-#include <support/klNetPipelineSupport.h>
-#include <support/klNetServiceTestSupport.h>
-#include <support/klNetSocketTestSupport.h>
+#include <support/klNetProcessTestSupport.h>
 
 #include <klRenderProtocol.h>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <set>
+using namespace kltest;
 
 namespace {
 
-using kltest::Bytes;
-using kltest::ChildProcess;
-using kltest::hex;
-using kltest::outcome;
-
-Bytes wireOf(const klRenderRequest& request) {
+Bytes requestBytes(const klRenderRequest& request) {
     klNetMessage message;
     request.write(message);
-    return kltest::concatPayloads(message.takeSendBuffers());
+    return concatPayloads(message.takeSendBuffers());
 }
 
 // What a server makes of these request bytes: "" when it accepts them, else its refusal.
@@ -39,7 +29,7 @@ TEST(klRenderProtocolTest, RequestBytesArePinnedAndSplitFramesEqualTheWhole) {
     EXPECT_EQ(hex("4B4C524E 01000000 61000000 3D000000 00000000 00000000 61000000 3D000000"
                   "000000000000E8BF 0000000000000000 0000000000000C40 F4010000 00"
                   "9A9999999999E9BF 2B8716D9CEF7C33F"),
-              wireOf(frame));
+              requestBytes(frame));
 
     klRenderRequest julia = frame;
     julia.fractal = klRenderFractal::julia;
@@ -75,56 +65,40 @@ TEST(klRenderProtocolTest, RequestBytesArePinnedAndSplitFramesEqualTheWhole) {
     EXPECT_NE(Bytes(3, 0), Bytes(whole.begin(), whole.begin() + 3));
 }
 
-struct Refusal {
-    std::vector<std::pair<std::size_t, std::string>> patches;  // wire offset, bytes there
-    std::string text;                                          // "" when accepted
-};
-
-void PrintTo(const Refusal& refusal, std::ostream* os) {
-    *os << (refusal.text.empty() ? "accepted" : refusal.text);
-}
-
-class klRenderRefusalTest : public testing::TestWithParam<Refusal> {};
-
-TEST_P(klRenderRefusalTest, NamesTheFirstBadField) {
-    Bytes wire = wireOf(klRenderRequest::defaultFrame(97, 61));
-    for (const auto& [offset, bytes] : GetParam().patches) {
-        const Bytes patch = hex(bytes);
-        std::copy(patch.begin(), patch.end(), wire.begin() + std::ptrdiff_t(offset));
-    }
-    EXPECT_EQ(GetParam().text, verdictOn(wire));
-}
-
-const std::string kNaN = "000000000000F87F";
-const std::string kInf = "000000000000F07F";
-
-INSTANTIATE_TEST_SUITE_P(
-    Fields, klRenderRefusalTest,
-    testing::Values(
-        Refusal{{{0, "4B4C524F"}}, "Render request: not a render request (magic 0x4F524C4B)"},
-        Refusal{{{4, "02000000"}},
-                "Render request: protocol version 2 not supported (server speaks 1)"},
-        Refusal{{{12, "00000000"}, {28, "00000000"}}, "Render request: frame size 97x0 is empty"},
-        Refusal{{{24, "00000000"}}, "Render request: region 0,0 0x61 is empty"},
-        Refusal{{{20, "01000000"}},
-                "Render request: region 0,1 97x61 lies outside the 97x61 frame"},
+// Each patch (wire offset, bytes there) of a valid request, and what a server says then: "" when
+// it accepts the request, else its refusal after "Render request: ".
+TEST(klRenderProtocolTest, RefusalsNameTheFirstBadField) {
+    const std::string kNaN = "000000000000F87F", kInf = "000000000000F07F";
+    const std::pair<std::vector<std::pair<std::size_t, std::string>>, std::string> cases[] = {
+        {{{0, "4B4C524F"}}, "not a render request (magic 0x4F524C4B)"},
+        {{{4, "02000000"}}, "protocol version 2 not supported (server speaks 1)"},
+        {{{12, "00000000"}, {28, "00000000"}}, "frame size 97x0 is empty"},
+        {{{24, "00000000"}}, "region 0,0 0x61 is empty"},
+        {{{20, "01000000"}}, "region 0,1 97x61 lies outside the 97x61 frame"},
         // x0 + width wraps around in 32 bits.
-        Refusal{{{16, "FFFFFFFF"}},
-                "Render request: region 4294967295,0 97x61 lies outside the 97x61 frame"},
-        Refusal{{{8, "00200000"}, {12, "01200000"}, {24, "00200000"}, {28, "01200000"}},
-                "Render request: region of 67117056 pixels exceeds the limit of 67108864"},
-        Refusal{{{8, "00200000"}, {12, "00200000"}, {24, "00200000"}, {28, "00200000"}}, ""},
-        Refusal{{{56, "00000000"}}, "Render request: max iterations 0 not in 1..100000"},
-        Refusal{{{56, "A1860100"}}, "Render request: max iterations 100001 not in 1..100000"},
-        Refusal{{{56, "A0860100"}}, ""},
-        Refusal{{{48, "0000000000000000"}},
-                "Render request: view width must be finite and above 0"},
-        Refusal{{{48, "000000000000F0BF"}},
-                "Render request: view width must be finite and above 0"},
-        Refusal{{{48, kNaN}}, "Render request: view width must be finite and above 0"},
-        Refusal{{{40, kInf}}, "Render request: centre must be finite"},
-        Refusal{{{60, "02"}}, "Render request: fractal 2 is neither 0 (Mandelbrot) nor 1 (Julia)"},
-        Refusal{{{69, kNaN}}, "Render request: julia constant must be finite"}));
+        {{{16, "FFFFFFFF"}}, "region 4294967295,0 97x61 lies outside the 97x61 frame"},
+        {{{8, "00200000"}, {12, "01200000"}, {24, "00200000"}, {28, "01200000"}},
+         "region of 67117056 pixels exceeds the limit of 67108864"},
+        {{{8, "00200000"}, {12, "00200000"}, {24, "00200000"}, {28, "00200000"}}, ""},
+        {{{56, "00000000"}}, "max iterations 0 not in 1..100000"},
+        {{{56, "A1860100"}}, "max iterations 100001 not in 1..100000"},
+        {{{56, "A0860100"}}, ""},
+        {{{48, "0000000000000000"}}, "view width must be finite and above 0"},
+        {{{48, "000000000000F0BF"}}, "view width must be finite and above 0"},
+        {{{48, kNaN}}, "view width must be finite and above 0"},
+        {{{40, kInf}}, "centre must be finite"},
+        {{{60, "02"}}, "fractal 2 is neither 0 (Mandelbrot) nor 1 (Julia)"},
+        {{{69, kNaN}}, "julia constant must be finite"}};
+    for (const auto& [patches, text] : cases) {
+        SCOPED_TRACE(text);
+        Bytes wire = requestBytes(klRenderRequest::defaultFrame(97, 61));
+        for (const auto& [offset, bytes] : patches) {
+            const Bytes patch = hex(bytes);
+            std::copy(patch.begin(), patch.end(), wire.begin() + std::ptrdiff_t(offset));
+        }
+        EXPECT_EQ(text.empty() ? "" : "Render request: " + text, verdictOn(wire));
+    }
+}
 
 // ---- the real server --------------------------------------------------------------------------
 
@@ -141,14 +115,13 @@ public:
             options.push_back("-socketpipe=" + pipe.getName());
         }
         options.push_back(extra);
-        server =
-            std::make_unique<ChildProcess>(kltest::programDir() + "/KALDClusterServer", options);
+        server = std::make_unique<ChildProcess>(programDir() + "/KALDClusterServer", options);
         ::unsetenv("KALD_LOCAL_SERVICE");
     }
 
     // A client connection, handed over as the service does.
     std::unique_ptr<klNetStream> connect() {
-        auto [near, far] = kltest::connectedPair();
+        auto [near, far] = connectedPair();
         far->sendDescriptor(pipe, 10.0);
         near->setRecvTimeout(30.0);
         return std::make_unique<klNetStream>(near);

@@ -1,21 +1,16 @@
-// Helpers for the pipeline tests: recording stand-ins for links and senders, a gate that holds a
-// stage's thread inside a call, bounded waits, and connected loopback socket links.
+// In-memory stand-ins for the pipeline, stream and receiver tests: a link and a sender that record
+// what they are handed, a receiver that serves a script, a gate that holds a stage's thread inside
+// a call, and buffers with a chosen header.
 #pragma once
 
 #include <support/klNetTestSupport.h>
 
-#include <klNetBase/core/klConnectionClosed.h>
-#include <klNetBase/link/klBoundSocketLink.h>
-#include <klNetBase/link/klSocketLink.h>
-#include <klNetBase/send/klNetSender.h>
-
 #include <atomic>
-#include <chrono>
-#include <functional>
-#include <future>
+#include <deque>
 #include <mutex>
 #include <queue>
-#include <thread>
+#include <set>
+#include <stdexcept>
 
 // Failures name a buffer by its header instead of dumping its 131712 bytes.
 inline void PrintTo(const klNetBuffer& buffer, std::ostream* os) {
@@ -24,46 +19,6 @@ inline void PrintTo(const klNetBuffer& buffer, std::ostream* os) {
 }
 
 namespace kltest {
-
-using Buffer = std::shared_ptr<klNetBuffer>;
-using Clock = std::chrono::steady_clock;
-// How long something that must happen may take, however slow the machine.
-constexpr auto kBound = std::chrono::seconds(20);
-// How long we watch for something that must not happen; too short only weakens the check.
-constexpr auto kQuiet = std::chrono::milliseconds(200);
-
-// Polls pred until it holds or limit passes.
-template <class Pred>
-bool waitUntil(Pred pred, Clock::duration limit = kBound) {
-    for (const auto deadline = Clock::now() + limit; !pred();) {
-        if (Clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-// Runs body on a thread of its own. A body still running when the Task goes is detached, so a
-// fault fails the test instead of hanging it; bodies therefore own what they use (shared_ptr).
-class Task {
-public:
-    explicit Task(std::function<void()> body) {
-        std::packaged_task<void()> task(std::move(body));
-        m_done = task.get_future().share();
-        m_thread = std::thread(std::move(task));
-    }
-    ~Task() { finishedWithin(Clock::duration::zero()) ? m_thread.join() : m_thread.detach(); }
-    bool finishedWithin(Clock::duration limit) const {
-        return m_done.wait_for(limit) == std::future_status::ready;
-    }
-    // Rethrows what the body threw, once it has finished.
-    void get() const { m_done.get(); }
-
-private:
-    std::shared_future<void> m_done;
-    std::thread m_thread;
-};
 
 // Holds every caller of pass() until open().
 class Gate {
@@ -99,14 +54,14 @@ public:
         std::lock_guard<std::mutex> lock(m_mutex);
         m_taken.push_back(buffer);
     }
-    std::vector<Buffer> taken() const {
+    Buffers taken() const {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_taken;
     }
 
 private:
     mutable std::mutex m_mutex;
-    std::vector<Buffer> m_taken;
+    Buffers m_taken;
 };
 
 // An in-memory link: records what it is sent, serves its script (then klConnectionClosed), has
@@ -139,13 +94,15 @@ public:
 // statistics calls with set values.
 class ProbeSender : public klNetSender {
 public:
-    explicit ProbeSender(const std::set<unsigned int>& destinations) : klNetSender(destinations) {}
+    explicit ProbeSender(const std::set<unsigned int>& destinations = {})
+        : klNetSender(destinations) {}
 
     void send(const Buffer& buffer) override { recorder->take(buffer); }
     int getNodeAffinity() override { return affinity; }
     std::uint64_t getCompressedBytes() override { return compressed; }
     void resetStatistics() override { ++resets; }
     void waitAllDataTransfered() override { waitedAt = ++s_clock; }
+    Buffers sent() const { return recorder->taken(); }
 
     inline static std::atomic<int> s_clock{0};
     std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
@@ -155,30 +112,74 @@ public:
     int waitedAt = 0;  // s_clock at the last waitAllDataTransfered(), 0 if never
 };
 
-// A buffer of size payload bytes (pattern bytes, first byte tag) for destination.
+// Serves the script in order, then the generator's buffers; with neither a read throws.
+// recvAvailable serves the next entry of batches buffers at once (one when none is scripted).
+// Buffers added from outside join the script. Readable while the script is not empty.
+class ScriptedReceiver : public klNetReceiver {
+public:
+    explicit ScriptedReceiver(const Buffers& buffers = {})
+        : script(buffers.begin(), buffers.end()) {}
+
+    void recv(Buffer& buffer) override {
+        ++calls;
+        buffer = next();
+    }
+    void recvAvailable(std::queue<Buffer>& queue) override {
+        ++calls;
+        std::size_t count = 1;
+        if (!batches.empty()) {
+            count = batches.front();
+            batches.pop_front();
+        }
+        while (count-- > 0) {
+            queue.push(next());
+        }
+    }
+    void addToRecvQueue(const Buffer& buffer) override { script.push_back(buffer); }
+    bool isReadable() override { return !script.empty(); }
+
+    std::deque<Buffer> script;
+    std::deque<std::size_t> batches;
+    std::function<Buffer()> generator;
+    int calls = 0;  // recv and recvAvailable calls
+
+private:
+    Buffer next() {
+        if (script.empty() && !generator) {
+            throw std::logic_error("read beyond the scripted buffers");
+        }
+        if (script.empty()) {
+            return generator();
+        }
+        auto buffer = script.front();
+        script.pop_front();
+        return buffer;
+    }
+};
+
+// A buffer as a sending stream would have stamped it.
+inline Buffer makeBuffer(const Bytes& payload, klNetMessageType type, unsigned source,
+                         unsigned destination, unsigned sequence = 0, unsigned messageId = 0,
+                         unsigned messageCount = 0) {
+    auto buffer = bufferWith(payload);
+    buffer->setCompression(klNetCompressionNone, payload.size());
+    buffer->setType(type);
+    buffer->setSource(source);
+    buffer->setDestination(destination);
+    buffer->setSequence(sequence);
+    buffer->setMessageId(messageId);
+    buffer->setMessageBufferCount(messageCount);
+    buffer->setSendMode(klNetSendModeDefault);
+    return buffer;
+}
+
+// A message buffer of size payload bytes (pattern bytes, first byte tag) for destination.
 inline Buffer taggedBuffer(std::size_t size, unsigned int destination, unsigned char tag = 0) {
     Bytes bytes = pattern(size);
     if (size > 0) {
         bytes[0] = tag;
     }
-    auto buffer = bufferWith(bytes);
-    buffer->setType(klNetMessageTypeMessage);
-    buffer->setCompression(klNetCompressionNone, size);
-    buffer->setDestination(destination);
-    buffer->setSource(0);
-    buffer->setSendMode(klNetSendModeDefault);
-    return buffer;
-}
-
-// Two ends of one loopback connection on an ephemeral port: near connected, far accepted.
-inline std::pair<std::shared_ptr<klSocketLink>, std::shared_ptr<klSocketLink>> connectedPair() {
-    klBoundSocketLink listener(0);
-    std::shared_ptr<klSocketLink> far;
-    std::thread acceptor([&] { far = std::make_shared<klSocketLink>(listener); });
-    auto near = std::make_shared<klSocketLink>(
-        klSocketAddress("127.0.0.1", listener.getAddress().getPort()), 5.0);
-    acceptor.join();
-    return {near, far};
+    return makeBuffer(bytes, klNetMessageTypeMessage, 0, destination);
 }
 
 }  // namespace kltest

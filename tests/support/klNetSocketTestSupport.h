@@ -1,5 +1,6 @@
-// Helpers for the link tests: the raw far end of a link, bounded reads, the process's open
-// descriptors, and which system call another thread is blocked in.
+// Helpers for the tests on real sockets: the raw far end of a link, bounded reads, connected
+// loopback links, refusing ports, the process's open descriptors, and which system call another
+// thread is blocked in.
 #pragma once
 
 #include <support/klNetTestSupport.h>
@@ -8,39 +9,16 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <future>
 #include <set>
-#include <string>
-#include <thread>
+#include <utility>
 
 #ifndef SYS_poll  // architectures that only have ppoll
 #define SYS_poll SYS_ppoll
 #endif
 
 namespace kltest {
-
-// The bytes that travel for buffer: header and payload.
-inline Bytes wireOf(const klNetBuffer& buffer) {
-    return Bytes(buffer.getBuffer(), buffer.getBuffer() + buffer.getBufferSize());
-}
-
-// How fn ended: "returned", "closed", "timeout", or the text of any other exception.
-inline std::string outcome(const std::function<void()>& fn) {
-    try {
-        fn();
-        return "returned";
-    } catch (const klConnectionClosed&) {
-        return "closed";
-    } catch (const klConnectionTimeout&) {
-        return "timeout";
-    } catch (const std::exception& error) {
-        return error.what();
-    }
-}
 
 inline void writeAll(int fd, const Bytes& bytes) {
     EXPECT_EQ(ssize_t(bytes.size()), ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL));
@@ -94,6 +72,30 @@ struct RawPeer {
     int ends[2] = {-1, -1};
     int raw;
     klSocketLink link{ends[0]};
+};
+
+// Two ends of one loopback connection on an ephemeral port: near connected, far accepted.
+inline std::pair<std::shared_ptr<klSocketLink>, std::shared_ptr<klSocketLink>> connectedPair() {
+    klBoundSocketLink listener(0);
+    std::shared_ptr<klSocketLink> far;
+    std::thread acceptor([&] { far = std::make_shared<klSocketLink>(listener); });
+    auto near = std::make_shared<klSocketLink>(
+        klSocketAddress("127.0.0.1", listener.getAddress().getPort()), 5.0);
+    acceptor.join();
+    return {near, far};
+}
+
+// A socket on an ephemeral port of 127.0.0.1, listening with backlog unless it is negative: bound
+// alone, the port refuses connections and stays taken while the socket lives.
+struct PortSocket {
+    explicit PortSocket(int backlog = -1) {
+        const klSocketAddress any("127.0.0.1", "0");
+        EXPECT_EQ(0, ::bind(socket.getDescriptor(), any.getSockAddr(), any.getSockAddrSize()));
+        EXPECT_EQ(0, backlog < 0 ? 0 : ::listen(socket.getDescriptor(), backlog));
+        port = socket.getAddress().getPort();
+    }
+    klSocketLink socket{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    int port = 0;
 };
 
 }  // namespace kltest

@@ -1,4 +1,5 @@
-// Helpers shared by the unit tests: hex literals, byte snapshots of buffers, exact-error checks.
+// Helpers shared by the unit tests: hex literals, byte snapshots of buffers, exact-error checks,
+// and bounded waits that fail a test instead of hanging it.
 #pragma once
 
 #include <klNetBase/klNetBase.h>
@@ -6,14 +7,25 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <functional>
+#include <future>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace kltest {
 
 using Bytes = std::vector<unsigned char>;
+using Buffer = std::shared_ptr<klNetBuffer>;
+using Buffers = std::vector<Buffer>;
+using Clock = std::chrono::steady_clock;
+// How long something that must happen may take, however slow the machine.
+constexpr auto kBound = std::chrono::seconds(20);
+// How long we watch for something that must not happen; too short only weakens the check.
+constexpr auto kQuiet = std::chrono::milliseconds(200);
 
 // Bytes from hexadecimal pairs; blanks are ignored: hex("01 00 00 00 00").
 inline Bytes hex(std::string text) {
@@ -25,15 +37,16 @@ inline Bytes hex(std::string text) {
     return bytes;
 }
 
-inline Bytes headerOf(const klNetBuffer& buffer) {
-    return Bytes(buffer.getBuffer(), buffer.getBuffer() + klNetBuffer::getHeaderSize());
-}
-
 inline Bytes payloadOf(const klNetBuffer& buffer) {
     return Bytes(buffer.getData(), buffer.getData() + buffer.getDataSize());
 }
 
-inline Bytes concatPayloads(const std::vector<std::shared_ptr<klNetBuffer>>& buffers) {
+// The bytes that travel for buffer: header and payload.
+inline Bytes wireOf(const klNetBuffer& buffer) {
+    return Bytes(buffer.getBuffer(), buffer.getBuffer() + buffer.getBufferSize());
+}
+
+inline Bytes concatPayloads(const Buffers& buffers) {
     Bytes all;
     for (const auto& buffer : buffers) {
         all.insert(all.end(), buffer->getData(), buffer->getData() + buffer->getDataSize());
@@ -42,7 +55,7 @@ inline Bytes concatPayloads(const std::vector<std::shared_ptr<klNetBuffer>>& buf
 }
 
 // A pool buffer holding exactly payload.
-inline std::shared_ptr<klNetBuffer> bufferWith(const Bytes& payload) {
+inline Buffer bufferWith(const Bytes& payload) {
     auto buffer = klNetBufferPool::pop();
     std::copy(payload.begin(), payload.end(), buffer->getData());
     buffer->setDataSize(payload.size());
@@ -62,13 +75,60 @@ inline Bytes pattern(std::size_t n) {
 // free) with a nonsense header and payload, so that a writer that forgets to reset a field is
 // caught.
 inline void dirtyFreeBuffers(int count = 64) {
-    std::vector<std::shared_ptr<klNetBuffer>> held;
+    Buffers held;
     klNetBufferPool::popMany(count, held);
     for (const auto& buffer : held) {
         std::memset(buffer->getBuffer(), 0xA5, klNetBuffer::getHeaderSize() + 256);
         buffer->setSendMode(klNetSendModeSecondStage);
     }
 }
+
+// How fn ended: "returned", "closed", "timeout", or the text of any other exception.
+inline std::string outcome(const std::function<void()>& fn) {
+    try {
+        fn();
+        return "returned";
+    } catch (const klConnectionClosed&) {
+        return "closed";
+    } catch (const klConnectionTimeout&) {
+        return "timeout";
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
+
+// Polls pred until it holds or limit passes.
+template <class Pred>
+bool waitUntil(Pred pred, Clock::duration limit = kBound) {
+    for (const auto deadline = Clock::now() + limit; !pred();) {
+        if (Clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// Runs body on a thread of its own. A body still running when the Task goes is detached, so a
+// fault fails the test instead of hanging it; bodies therefore own what they use (shared_ptr).
+class Task {
+public:
+    explicit Task(std::function<void()> body) {
+        std::packaged_task<void()> task(std::move(body));
+        m_done = task.get_future().share();
+        m_thread = std::thread(std::move(task));
+    }
+    ~Task() { finishedWithin(Clock::duration::zero()) ? m_thread.join() : m_thread.detach(); }
+    bool finishedWithin(Clock::duration limit) const {
+        return m_done.wait_for(limit) == std::future_status::ready;
+    }
+    // Rethrows what the body threw, once it has finished.
+    void get() const { m_done.get(); }
+
+private:
+    std::shared_future<void> m_done;
+    std::thread m_thread;
+};
 
 }  // namespace kltest
 

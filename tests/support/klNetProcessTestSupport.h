@@ -1,0 +1,224 @@
+// Helpers for the tests that span processes: programs of the build, or the test program itself in
+// a child mode of its own, started as child processes with bounded waits; a directory that goes
+// with its owner; and a KALDClusterService on an ephemeral loopback port.
+#pragma once
+
+#include <support/klNetSocketTestSupport.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+extern char** environ;
+
+namespace kltest {
+
+inline Clock::duration secondsOf(double value) {
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(value));
+}
+
+// The directory of the running test program, where the build puts every program.
+inline std::string programDir() {
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path();
+}
+
+// A directory of its own under parent (the system's temporary directory unless given), removed
+// with everything in it.
+class TempDir {
+public:
+    explicit TempDir(const std::string& name,
+                     const std::filesystem::path& parent = std::filesystem::temp_directory_path())
+        : m_path(parent / (name + "-" + std::to_string(::getpid()))) {
+        std::filesystem::remove_all(m_path);
+        std::filesystem::create_directories(m_path);
+    }
+    ~TempDir() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_path, ignored);
+    }
+    std::string path(const std::string& relative = "") const { return m_path / relative; }
+    // Creates an executable shell script at the relative path and returns its full path.
+    std::string addProgram(const std::string& relative, const std::string& script = "") const {
+        const std::filesystem::path file = m_path / relative;
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file) << "#!/bin/sh\n" << script << "\n";
+        std::filesystem::permissions(file, std::filesystem::perms::owner_all);
+        return file;
+    }
+
+private:
+    std::filesystem::path m_path;
+};
+
+// A child process with its standard output (and error, when asked) on pipes; killed and reaped
+// when the owner goes. Used from one thread.
+class ChildProcess {
+public:
+    ChildProcess(const std::string& path, const std::vector<std::string>& args,
+                 bool captureErr = false) {
+        int out[2], err[2] = {-1, -1};
+        EXPECT_EQ(0, ::pipe2(out, O_CLOEXEC));
+        posix_spawn_file_actions_t actions;
+        ::posix_spawn_file_actions_init(&actions);
+        ::posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+        if (captureErr) {
+            EXPECT_EQ(0, ::pipe2(err, O_CLOEXEC));
+            ::posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
+        }
+        std::vector<std::string> all{path};
+        all.insert(all.end(), args.begin(), args.end());
+        std::vector<char*> argv;
+        for (auto& arg : all) {
+            argv.push_back(arg.data());
+        }
+        argv.push_back(nullptr);
+        EXPECT_EQ(0, ::posix_spawn(&m_pid, path.c_str(), &actions, nullptr, argv.data(), environ))
+            << path;
+        ::posix_spawn_file_actions_destroy(&actions);
+        m_out = out[0];
+        m_err = err[0];
+        ::close(out[1]);
+        if (captureErr) {
+            ::close(err[1]);
+        }
+    }
+    ~ChildProcess() {
+        if (m_pid > 0 && exitStatus(0.0) == kStillRunning) {
+            ::kill(m_pid, SIGKILL);
+            exitStatus(10.0);
+        }
+        ::close(m_out);
+        if (m_err >= 0) {
+            ::close(m_err);
+        }
+    }
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    static constexpr int kStillRunning = -1000;
+
+    pid_t pid() const { return m_pid; }
+    // The next line of output without its newline; empty after within seconds or at the end.
+    std::string readLine(double within = 10.0) {
+        const auto deadline = Clock::now() + secondsOf(within);
+        std::size_t end;
+        while ((end = m_pending.find('\n')) == std::string::npos) {
+            if (!readMore(m_out, m_pending, deadline)) {
+                return {};
+            }
+        }
+        const std::string line = m_pending.substr(0, end);
+        m_pending.erase(0, end + 1);
+        return line;
+    }
+    struct Outcome {
+        int status = kStillRunning;
+        std::string out;
+        std::string err;
+    };
+    // Reads the outputs to their end (each must fit a pipe's buffer while the other is read) and
+    // waits for the exit; a child still running after that fails the test and is killed.
+    Outcome finish(double within) {
+        const auto deadline = Clock::now() + secondsOf(within);
+        Outcome outcome{kStillRunning, std::move(m_pending), {}};
+        while (readMore(m_out, outcome.out, deadline)) {
+        }
+        while (m_err >= 0 && readMore(m_err, outcome.err, deadline)) {
+        }
+        outcome.status = exitStatus(10.0);
+        if (outcome.status == kStillRunning) {
+            ADD_FAILURE() << "process " << m_pid << " did not end within " << within << " s";
+        }
+        return outcome;
+    }
+    // Exit status (128 + signal for a killed child), or kStillRunning after within seconds.
+    int exitStatus(double within) {
+        waitUntil(
+            [this] {
+                int status = 0;
+                if (!m_exited && ::waitpid(m_pid, &status, WNOHANG) == m_pid) {
+                    m_exited = true;
+                    m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+                }
+                return m_exited;
+            },
+            secondsOf(within));
+        return m_exited ? m_status : kStillRunning;
+    }
+    // Entries of the child's /proc directory: "fd" counts its descriptors, "task" its threads.
+    std::size_t procEntries(const std::string& what) const {
+        const std::filesystem::directory_iterator list("/proc/" + std::to_string(m_pid) + "/" +
+                                                       what);
+        return std::size_t(std::distance(begin(list), end(list)));
+    }
+    // Resident set size in bytes.
+    std::uint64_t residentBytes() const {
+        std::ifstream statm("/proc/" + std::to_string(m_pid) + "/statm");
+        std::uint64_t size = 0, resident = 0;
+        statm >> size >> resident;
+        return resident * std::uint64_t(::sysconf(_SC_PAGESIZE));
+    }
+
+private:
+    // Appends what fd brings before deadline; false at its end or at the deadline.
+    static bool readMore(int fd, std::string& into, Clock::time_point deadline) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        pollfd wait{fd, POLLIN, 0};
+        char chunk[4096];
+        ssize_t n = 0;
+        if (left <= 0 || ::poll(&wait, 1, int(left)) <= 0 ||
+            (n = ::read(fd, chunk, sizeof(chunk))) <= 0) {
+            return false;
+        }
+        into.append(chunk, std::size_t(n));
+        return true;
+    }
+
+    pid_t m_pid = -1;
+    int m_out = -1;
+    int m_err = -1;
+    std::string m_pending;
+    bool m_exited = false;
+    int m_status = 0;
+};
+
+// A KALDClusterService on an ephemeral loopback port, started from dir (default: the build's
+// program directory, where it finds the real render server).
+class ServiceDaemon : public ChildProcess {
+public:
+    explicit ServiceDaemon(std::vector<std::string> args = {},
+                           const std::string& dir = programDir())
+        : ChildProcess(dir + "/KALDClusterService", withDefaults(std::move(args))) {
+        const std::string line = readLine(20.0);
+        const std::string prefix = "listening on port ";
+        EXPECT_EQ(prefix, line.substr(0, prefix.size())) << "the service did not start";
+        m_port = line.size() > prefix.size() ? std::stoi(line.substr(prefix.size())) : 0;
+    }
+    ~ServiceDaemon() {
+        if (exitStatus(0.0) == kStillRunning) {
+            ::kill(pid(), SIGTERM);
+            EXPECT_EQ(0, exitStatus(30.0)) << "the service did not end on SIGTERM";
+        }
+    }
+    int port() const { return m_port; }
+
+    // A connection that has exchanged the greeting, as a stream with a receive time-out.
+    std::unique_ptr<klNetStream> connect(double timeout = 20.0) const {
+        auto link = std::make_shared<klSocketLink>(klSocketAddress("127.0.0.1", m_port), 10.0);
+        link->signalHPCNetSocket();
+        link->setRecvTimeout(timeout);
+        return std::make_unique<klNetStream>(link);
+    }
+
+private:
+    static std::vector<std::string> withDefaults(std::vector<std::string> args) {
+        args.insert(args.begin(), {"--port", "0", "--no-console"});
+        return args;
+    }
+    int m_port = 0;
+};
+
+}  // namespace kltest
