@@ -1,6 +1,7 @@
 // The LZ4 and Zstandard compressors: what they compress, the exact refusal of broken payloads from
 // a peer, and a round trip through the compressing and decompressing stages over a socket link.
 #include <support/klNetPipelineSupport.h>
+#include <support/klNetSocketTestSupport.h>
 
 #include <klNetBase/codecs/klNetCodecs.h>
 #include <klNetBase/recv/klNetDecompressReceiver.h>

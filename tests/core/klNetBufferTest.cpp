@@ -5,10 +5,6 @@ using namespace kltest;
 
 namespace {
 
-Bytes headerOf(const klNetBuffer& buffer) {
-    return Bytes(buffer.getBuffer(), buffer.getBuffer() + klNetBuffer::getHeaderSize());
-}
-
 // A buffer with every header field set from tag, so a restored header can be compared whole.
 Buffer stamped(std::size_t size, unsigned int destination, unsigned int tag) {
     auto buffer = taggedBuffer(size, destination, static_cast<unsigned char>(tag));

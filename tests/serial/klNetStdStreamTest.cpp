@@ -1,5 +1,6 @@
 // The standard stream adapters between two klNetStreams over a loopback link.
 #include <support/klNetPipelineSupport.h>
+#include <support/klNetSocketTestSupport.h>
 
 #include <klNetBase/serial/klNetStdIStream.h>
 #include <klNetBase/serial/klNetStdOStream.h>

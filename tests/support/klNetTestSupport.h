@@ -37,6 +37,10 @@ inline Bytes hex(std::string text) {
     return bytes;
 }
 
+inline Bytes headerOf(const klNetBuffer& buffer) {
+    return Bytes(buffer.getBuffer(), buffer.getBuffer() + klNetBuffer::getHeaderSize());
+}
+
 inline Bytes payloadOf(const klNetBuffer& buffer) {
     return Bytes(buffer.getData(), buffer.getData() + buffer.getDataSize());
 }
