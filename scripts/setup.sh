@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs everything klNetBase needs to build, test and benchmark on Debian 12.
+# Installs everything klNetBase needs to build, test, fuzz (clang with libFuzzer) and benchmark on
+# Debian 12.
 # Idempotent: prints nothing and changes nothing when every package is already there.
 set -euo pipefail
 
@@ -8,6 +9,7 @@ packages=(
   libtbb-dev qtbase5-dev
   libgtest-dev libgmock-dev libbenchmark-dev libzmq3-dev libpng-dev systemd
   clang-format
+  clang libclang-rt-14-dev
 )
 
 missing=()
