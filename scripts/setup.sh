@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs everything klNetBase needs to build, test and benchmark on Debian 12.
+# Installs everything klNetBase needs to build, test, fuzz (clang with libFuzzer) and benchmark on
+# Debian 12.
 # Idempotent: prints nothing and changes nothing when every package is already there.
 set -euo pipefail
 
@@ -10,6 +11,7 @@ packages=(
   liblz4-dev libzstd-dev libsodium-dev
   clang-format
   iproute2 iperf3 dpkg-dev
+  clang libclang-rt-14-dev
 )
 
 missing=()

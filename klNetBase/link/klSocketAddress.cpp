@@ -110,6 +110,13 @@ void klSocketAddress::splitServerAndPort(std::string address, std::string& serve
 
     server = address;
     port = defaultPort;
+    // The standard matcher recurses once per character, so a text from a peer could exhaust the
+    // stack. No host name or address is anywhere near this long; such a text is taken whole, as
+    // any other text the patterns do not match.
+    constexpr std::size_t kLongestAddressText = 1024;
+    if (address.size() > kLongestAddressText) {
+        return;
+    }
     std::smatch match;
     if (!std::regex_match(address, match, bracketed) && !std::regex_match(address, match, plain)) {
         return;

@@ -324,17 +324,13 @@ klSocketHandle klSocketPipe::recvSocket(double timeoutSeconds) {
     do {
         received = ::recvmsg(m_descriptor, &message, MSG_CMSG_CLOEXEC);
     } while (received < 0 && errno == EINTR);
-    if (received == 0) {
-        throw klConnectionClosed();
-    }
-    if (received < 0 && (errno == ECONNRESET || errno == EPIPE)) {
-        throw klConnectionClosed();
-    }
+    const int error = errno;
 
-    // Take every descriptor that came along, so that none leaks, and keep exactly one.
+    // Take every descriptor that came along, so that none leaks, and keep exactly one. An empty
+    // packet, which reads like the end of the pipe, may carry descriptors too.
     klSocketHandle socket = klInvalidSocket;
     bool extra = false;
-    for (cmsghdr* c = received > 0 ? CMSG_FIRSTHDR(&message) : nullptr; c != nullptr;
+    for (cmsghdr* c = received >= 0 ? CMSG_FIRSTHDR(&message) : nullptr; c != nullptr;
          c = CMSG_NXTHDR(&message, c)) {
         if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) {
             continue;
@@ -350,6 +346,12 @@ klSocketHandle klSocketPipe::recvSocket(double timeoutSeconds) {
                 extra = true;
             }
         }
+    }
+    if (received == 0 || (received < 0 && (error == ECONNRESET || error == EPIPE))) {
+        if (socket != klInvalidSocket) {
+            ::close(socket);
+        }
+        throw klConnectionClosed();
     }
     if (received != ssize_t(sizeof(value)) || (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) ||
         socket == klInvalidSocket || extra) {

@@ -19,10 +19,10 @@
 #include <QCoreApplication>
 #include <QThread>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -70,12 +70,24 @@ std::string ownVersion() {
     return klVersionInfo::the().getVersionString();
 }
 
-// Service-pack names of old clients: "SR1", "SR1.SP3" become "8.5", "8.53".
+bool digitsFrom(const std::string& text, std::size_t from) {
+    return std::all_of(text.begin() + std::ptrdiff_t(from), text.end(),
+                       [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// Service-pack names of old clients: "SR1", "SR1.SP3" become "8.5", "8.53". The rule is the
+// pattern ^SR1(?:.SP)?(\d*)$ ('.' being any character but a line break), matched by hand: the
+// standard regex matcher recurses once per character, and a version text may be 64 KiB long.
 std::string normaliseVersion(const std::string& version) {
-    static const std::regex servicePack("^SR1(?:.SP)?(\\d*)$", std::regex::ECMAScript);
-    std::smatch match;
-    if (std::regex_match(version, match, servicePack)) {
-        return "8.5" + match[1].str();
+    if (version.compare(0, 3, "SR1") != 0) {
+        return version;
+    }
+    if (digitsFrom(version, 3)) {
+        return "8.5" + version.substr(3);
+    }
+    if (version.size() >= 6 && version[3] != '\n' && version[3] != '\r' &&
+        version.compare(4, 2, "SP") == 0 && digitsFrom(version, 6)) {
+        return "8.5" + version.substr(6);
     }
     return version;
 }
