@@ -70,7 +70,7 @@ for target in "${targets[@]}"; do
   before=$(find "$findings" -type f | wc -l)
   # Output of the code under test is dropped (-close_fd_mask); libFuzzer's own goes to the log.
   # -max_len keeps inputs small (a buffer's worth of frames); -timeout catches hangs well above
-  # the longest designed wait (2 s for a greeting).
+  # the longest wait in the code (2 s for a greeting).
   status=0
   "$build/bin/$target" -max_total_time="$seconds" -max_len=16384 -timeout=30 \
     -rss_limit_mb=4096 -print_final_stats=1 -close_fd_mask=3 \
