@@ -7,6 +7,8 @@
 #include <klRenderProtocol.h>
 #include <klServiceClient.h>
 
+#include <cstdio>
+#include <iterator>
 #include <regex>
 #include <sstream>
 
@@ -262,13 +264,23 @@ bool isGone(pid_t pid) {
 // Render servers the daemons started are killed at the end of each test, whatever happened.
 class klnetctlTest : public ::testing::Test {
 protected:
-    // Remembers the processes the daemon started that are still there.
+    // Remembers the processes the daemon started that are still there. The parent field of
+    // /proc/PID/stat names the daemon whichever of its threads started the child, while the
+    // per-thread children lists lose a child for a moment when its starting thread ends.
     void rememberServers(const ServiceDaemon& daemon) {
-        for (const auto& task : std::filesystem::directory_iterator(
-                 "/proc/" + std::to_string(daemon.pid()) + "/task")) {
-            std::ifstream list(task.path() / "children");
-            for (pid_t child; list >> child;) {
-                m_servers.push_back(child);
+        for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+            const std::string name = entry.path().filename().string();
+            if (name.find_first_not_of("0123456789") != std::string::npos) {
+                continue;
+            }
+            std::ifstream stat(entry.path() / "stat");
+            std::string text((std::istreambuf_iterator<char>(stat)), {});
+            const auto nameEnd = text.rfind(") ");
+            pid_t parent = 0;
+            if (nameEnd != std::string::npos &&
+                std::sscanf(text.c_str() + nameEnd + 2, "%*c %d", &parent) == 1 &&
+                parent == daemon.pid()) {
+                m_servers.push_back(std::stoi(name));
             }
         }
     }
