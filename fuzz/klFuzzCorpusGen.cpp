@@ -6,7 +6,12 @@
 //
 //   klFuzzCorpusGen OUTPUT_DIR      writes OUTPUT_DIR/<target>/<name>, replacing files of the same
 //                                   name and leaving every other file (regression inputs) alone
+#include <klNetBase/codecs/klNetCodecs.h>
 #include <klNetBase/klNetBase.h>
+
+#ifdef KLFUZZ_WITH_RENDER
+#include "klRenderProtocol.h"
+#endif
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -371,6 +376,159 @@ void socketPipe() {
     write(target, "server-two-descriptors", Bytes{1} + packet(le64(9), 2));
 }
 
+// The stream data a stream sends while `traffic` writes through it: the payloads of its
+// stream-data buffers, in order.
+Bytes streamDataOf(const std::function<void(klNetStream&)>& traffic) {
+    auto link = std::make_shared<CaptureLink>();
+    {
+        klNetStream stream(link);
+        traffic(stream);
+        stream.flush();
+    }
+    Bytes bytes;
+    for (const auto& buffer : link->sent) {
+        if (buffer->getType() == klNetMessageTypeStream) {
+            bytes.insert(bytes.end(), buffer->getData(), buffer->getData() + buffer->getDataSize());
+        }
+    }
+    return bytes;
+}
+
+void stdStream() {
+    const std::string target = "klNetStdStreamFuzz";
+    // Two marked sections (a render log and a scene description), then characters left pending
+    // when the writer went away without an end marker.
+    const Bytes data = streamDataOf([](klNetStream& stream) {
+        {
+            klNetStdOStream renderLog(stream);
+            renderLog << "tile 7 of 120 rendered in " << 41.5 << " ms\n"
+                      << 120 << ' ' << -3 << '\n';
+            renderLog.flush();
+            renderLog << "frame done\n";
+            renderLog.close();
+        }
+        {
+            klNetStdOStream scene(stream);
+            scene << "camera 0 0 -5\nlight 1 1 1\n" << std::string(3000, 'x') << '\n';
+            scene.close();
+        }
+        klNetStdOStream pending(stream);
+        pending << "cut off";
+    });
+    // Settings: cut, mode, rewind after (16 bits), plan length - 1, plan; then the data.
+    const auto input = [&data](std::uint8_t cut, std::uint8_t mode, std::uint16_t rewind,
+                               const Bytes& plan) {
+        return Bytes{cut, mode, std::uint8_t(rewind), std::uint8_t(rewind >> 8),
+                     std::uint8_t(plan.size() - 1)} +
+               plan + data;
+    };
+    write(target, "check-whole", input(255, 0, 0, {0}));
+    write(target, "check-cut7-rewind-in-chunk", input(6, 0, 20, {0}));
+    // The first chunk holds the 41 characters before the first flush.
+    write(target, "check-cut1-rewind-at-chunk-end", input(0, 0, 41, {0}));
+    // Lines, words and numbers, a rewind, then on into the next section.
+    write(target, "plan-lines", input(255, 1, 0, {1, 1, 1, 6, 1, 1}));
+    write(target, "plan-formatted-throwing", input(9, 3, 0, {4, 4, 4, 15, 3, 3, 5, 4, 6, 2 | 16}));
+    write(target, "plan-seek-and-peek", input(40, 1, 0, {0, 8, 9 | 32, 14, 10, 11, 12, 13, 7, 5}));
+    // A length above 1 MiB where a chunk should start.
+    const std::size_t firstChunk = 4 + data[0];
+    write(target, "check-out-of-sync",
+          Bytes{255, 0, 0, 0, 0, 0} + Bytes(data.begin(), data.begin() + long(firstChunk)) +
+              le32(0x100001));
+}
+
+// A payload like the ones the codecs meet: serialised values with repeats and some variety.
+Bytes sampleTraffic() {
+    klNetMessage message;
+    for (std::int32_t tile = 0; tile < 64; ++tile) {
+        message << std::string("render tile") << tile << double(tile) * 0.75
+                << std::vector<std::int32_t>(16, tile % 5);
+    }
+    return payloadOf(message);
+}
+
+template <class Codec>
+void codec(const std::string& target, Codec& compressor, klNetCompression otherMethod) {
+    const Bytes traffic = sampleTraffic();
+    std::shared_ptr<klNetBuffer> plain = klNetBufferPool::pop();
+    std::copy(traffic.begin(), traffic.end(), plain->getData());
+    plain->setDataSize(traffic.size());
+    plain->setCompression(klNetCompressionNone, traffic.size());
+    plain->setType(klNetMessageTypeMessage);
+    plain->setDestination(2);
+    const std::shared_ptr<klNetBuffer> packed = compressor.compress(plain);
+    if (packed == plain) {
+        throw std::runtime_error(target + ": sample traffic did not compress");
+    }
+    // A peer's buffer: settings byte 0, then the buffer in the normal framing.
+    write(target, "peer-compressed", Bytes{0} + framed(*packed));
+    write(target, "peer-uncompressed", Bytes{0} + framed(*plain));
+    Bytes otherCodec = framed(*packed);
+    otherCodec[11] = std::uint8_t(otherMethod);
+    write(target, "peer-other-method", Bytes{0} + otherCodec);
+    Bytes shortClaim = framed(*packed);
+    const Bytes oneLess = le32(std::uint32_t(packed->getOriginalDataSize() - 1));
+    std::copy(oneLess.begin(), oneLess.end(), shortClaim.begin() + 4);
+    write(target, "peer-original-size-short", Bytes{0} + shortClaim);
+    // A round trip: settings byte 1, tuning, original size, damage and its value, then the
+    // bytes repeated to fill the payload.
+    const auto roundTrip = [&](std::uint8_t tune, std::uint32_t size, std::uint8_t damage,
+                               std::uint32_t value) {
+        return Bytes{1, tune} + le32(size) + Bytes{damage} + le32(value) +
+               Bytes(traffic.begin(), traffic.begin() + 2000);
+    };
+    write(target, "round-trip-whole-buffer",
+          roundTrip(0, std::uint32_t(klNetBuffer::getCapacity()), 0, 0));
+    write(target, "round-trip-flipped-byte", roundTrip(3, 9000, 1, 0x80000011));
+    write(target, "round-trip-truncated", roundTrip(0, 20000, 2, 5));
+    write(target, "round-trip-original-size-plus-one", roundTrip(0, 20000, 4, 2 * 17));
+}
+
+void codecs() {
+    klNetLz4Compressor lz4;
+    codec("klNetLz4DecompressFuzz", lz4, klNetZstdCompressor::kMethod);
+    klNetZstdCompressor zstd;
+    codec("klNetZstdDecompressFuzz", zstd, klNetLz4Compressor::kMethod);
+}
+
+#ifdef KLFUZZ_WITH_RENDER
+void renderRequest() {
+    const std::string target = "klRenderRequestFuzz";
+    const auto requests = [](const std::vector<klRenderRequest>& list) {
+        return streamDataOf([&list](klNetStream& stream) {
+            for (const klRenderRequest& request : list) {
+                request.write(stream);
+            }
+        });
+    };
+    // A corner of a Mandelbrot frame, small enough to render in the target.
+    klRenderRequest corner = klRenderRequest::defaultFrame(64, 48);
+    corner.x0 = 60;
+    corner.y0 = 40;
+    corner.width = 4;
+    corner.height = 3;
+    corner.maxIterations = 200;
+    klRenderRequest julia = corner;
+    julia.fractal = klRenderFractal::julia;
+    julia.x0 = 0;
+    julia.y0 = 0;
+    klRenderRequest outside = corner;
+    outside.x0 = 62;
+    const klRenderRequest whole = klRenderRequest::defaultFrame(1920, 1080);
+
+    write(target, "small", Bytes{255} + requests({corner}));
+    write(target, "refused-then-julia-cut5", Bytes{4} + requests({outside, julia}));
+    write(target, "whole-frame", Bytes{255} + requests({whole}));
+    Bytes version2 = requests({corner});
+    version2[4] = 2;
+    write(target, "version-2", Bytes{255} + version2);
+    const std::string http = "GET / HTTP/1.1\r\nHost: node\r\n\r\n";
+    write(target, "other-protocol", Bytes{255} + Bytes(http.begin(), http.end()));
+    const Bytes cutShort = requests({corner, julia});
+    write(target, "second-cut-short", Bytes{255} + Bytes(cutShort.begin(), cutShort.end() - 9));
+}
+#endif
+
 void usage(std::FILE* to) {
     std::fprintf(to,
                  "usage: klFuzzCorpusGen OUTPUT_DIR\n"
@@ -404,6 +562,11 @@ int main(int argc, char** argv) {
         greeting();
         serviceRequest();
         socketPipe();
+        stdStream();
+        codecs();
+#ifdef KLFUZZ_WITH_RENDER
+        renderRequest();
+#endif
     } catch (const std::exception& e) {
         std::fprintf(stderr, "klFuzzCorpusGen: %s\n", e.what());
         return 1;

@@ -45,12 +45,14 @@ fi
 
 scripts/setup.sh
 build=build/fuzz
-if [[ ! -f "$build/CMakeCache.txt" ]]; then
+# Configured every time (quick when nothing changed), so that a build directory made with other
+# options is brought in line. The programs stay configured because the render protocol's target
+# needs their klRender library; only the fuzz targets and what they link are built.
+[[ -f "$build/CMakeCache.txt" ]] ||
   echo "== configuring $build (clang, libFuzzer, address and undefined sanitizers)"
-  CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DKLNETBASE_FUZZ=ON -DKLNETBASE_SANITIZE=address,undefined -DKLNETBASE_WERROR=ON \
-    -DBUILD_TESTING=OFF -DKLNETBASE_BUILD_APPS=OFF -DKLNETBASE_BUILD_BENCHMARKS=OFF >/dev/null
-fi
+CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DKLNETBASE_FUZZ=ON -DKLNETBASE_SANITIZE=address,undefined -DKLNETBASE_WERROR=ON \
+  -DBUILD_TESTING=OFF -DKLNETBASE_BUILD_APPS=ON -DKLNETBASE_BUILD_BENCHMARKS=OFF >/dev/null
 echo "== building ${#targets[@]} fuzz target(s)"
 cmake --build "$build" --parallel 2 --target "${targets[@]}"
 
