@@ -31,9 +31,9 @@ std::size_t residentBytes() {
     return resident * std::size_t(::sysconf(_SC_PAGESIZE));
 }
 
-// One frame as a link carries it: the 24-byte header, then size zero bytes of payload.
-Bytes frame(std::size_t size, unsigned sequence, klNetMessageType type, unsigned source,
-            unsigned destination, unsigned messageId, unsigned count) {
+// The header of one frame; a payload of dataSize zero bytes follows it on the connection.
+klNetHeader crafted(std::size_t size, unsigned sequence, klNetMessageType type, unsigned source,
+                    unsigned destination, unsigned messageId, unsigned count) {
     klNetHeader header{};
     header.dataSize = header.originalDataSize = std::uint32_t(size);
     header.sequence = std::uint16_t(sequence);
@@ -42,9 +42,7 @@ Bytes frame(std::size_t size, unsigned sequence, klNetMessageType type, unsigned
     header.destination = destination;
     header.messageId = std::uint16_t(messageId);
     header.messageBufferCount = std::uint16_t(count);
-    Bytes bytes(sizeof(header) + size);
-    std::memcpy(bytes.data(), &header, sizeof(header));
-    return bytes;
+    return header;
 }
 
 // The stream's rank: directed frames go to it, so the sort receiver lets them pass.
@@ -53,7 +51,7 @@ constexpr unsigned kNode = 2;
 struct Pattern {
     const char* name;
     int frames;
-    std::function<Bytes(unsigned)> frameAt;
+    std::function<klNetHeader(unsigned)> headerAt;
     bool readMessages;  // else stream data
     const char* outcome;
 };
@@ -61,27 +59,29 @@ struct Pattern {
 const Pattern kPatterns[] = {
     // 5483 records of an empty header each.
     {"AllZeroBundle", 1,
-     [](unsigned) { return frame(131602, 0, klNetMessageTypeBundle, 0, 0, 0, 0); }, false,
+     [](unsigned) { return crafted(131602, 0, klNetMessageTypeBundle, 0, 0, 0, 0); }, false,
      "closed"},
     {"TwoBufferMessagesNeverCompleted", 5000,
-     [](unsigned i) { return frame(0, i, klNetMessageTypeMessage, 7, kNode, i, 2); }, true,
+     [](unsigned i) { return crafted(0, i, klNetMessageTypeMessage, 7, kNode, i, 2); }, true,
      "Too many incomplete messages from source 7: more than 256 buffers waiting"},
     {"OneMessageOf65535Buffers", 5000,
-     [](unsigned i) { return frame(0, i, klNetMessageTypeMessage, 7, kNode, 9, 65535); }, true,
+     [](unsigned i) { return crafted(0, i, klNetMessageTypeMessage, 7, kNode, 9, 65535); }, true,
      "Too many incomplete messages from source 7: more than 256 buffers waiting"},
     {"EveryBufferFromAnotherSource", 5000,
-     [](unsigned i) { return frame(0, i, klNetMessageTypeMessage, i + 1, kNode, 9, 2); }, true,
+     [](unsigned i) { return crafted(0, i, klNetMessageTypeMessage, i + 1, kNode, 9, 2); }, true,
      "Too many incomplete messages: more than 512 buffers waiting (the last from source 513)"},
     // Multicast 0 never comes: everything after it waits, small buffers copied out of the pool.
     {"EmptyMulticastBuffersAfterAGap", 65535,
-     [](unsigned i) { return frame(0, i + 1, klNetMessageTypeStream, 1, 0, 0, 0); }, false,
+     [](unsigned i) { return crafted(0, i + 1, klNetMessageTypeStream, 1, 0, 0, 0); }, false,
      "closed"},
     {"FullMulticastBuffersAfterAGap", 1000,
-     [](unsigned i) { return frame(131072, i + 1, klNetMessageTypeStream, 1, 0, 0, 0); }, false,
+     [](unsigned i) { return crafted(131072, i + 1, klNetMessageTypeStream, 1, 0, 0, 0); }, false,
      "Multicast buffer 0 never arrived: more than 33554432 bytes held after it"},
 };
 
-void PrintTo(const Pattern& pattern, std::ostream* os) { *os << pattern.name; }
+void PrintTo(const Pattern& pattern, std::ostream* os) {
+    *os << pattern.name;
+}
 
 class HostilePeer : public testing::TestWithParam<Pattern> {};
 
@@ -107,8 +107,10 @@ TEST_P(HostilePeer, MemoryStaysBoundedAndExcessGetsItsError) {
         Task peer([fd, pattern] {
             Bytes chunk;
             for (int i = 0; i < pattern.frames; ++i) {
-                const Bytes next = pattern.frameAt(unsigned(i));
-                chunk.insert(chunk.end(), next.begin(), next.end());
+                const klNetHeader next = pattern.headerAt(unsigned(i));
+                const auto* bytes = reinterpret_cast<const unsigned char*>(&next);
+                chunk.insert(chunk.end(), bytes, bytes + sizeof(next));
+                chunk.resize(chunk.size() + next.dataSize);
                 for (std::size_t sent = 0; chunk.size() >= 65536 || i + 1 == pattern.frames;) {
                     const ssize_t n =
                         ::send(fd, chunk.data() + sent, chunk.size() - sent, MSG_NOSIGNAL);
