@@ -125,6 +125,39 @@ private:
     std::size_t m_next = 0;
 };
 
+// An in-memory link that serves bytes as stream data, cut into buffers of at most piece bytes as
+// they are asked for (so that a small cut of a large input never holds thousands of pool buffers
+// at once), then reports the peer gone (klConnectionClosed); what is sent to it is dropped.
+class StreamDataLink : public klNetLink {
+public:
+    StreamDataLink(std::vector<std::uint8_t> bytes, std::size_t piece)
+        : m_bytes(std::move(bytes)),
+          m_piece(std::min(std::max<std::size_t>(piece, 1), klNetBuffer::getCapacity())) {}
+
+    void send(const std::shared_ptr<klNetBuffer>&) override {}
+    void recv(std::shared_ptr<klNetBuffer>& buffer) override {
+        if (m_next >= m_bytes.size()) {
+            throw klConnectionClosed();
+        }
+        const std::size_t n = std::min(m_piece, m_bytes.size() - m_next);
+        buffer = klNetBufferPool::pop();
+        std::memcpy(buffer->getData(), m_bytes.data() + m_next, n);
+        buffer->setDataSize(n);
+        buffer->setCompression(klNetCompressionNone, n);
+        buffer->setType(klNetMessageTypeStream);
+        m_next += n;
+    }
+    bool isReadable() override { return m_next < m_bytes.size(); }
+    void shutdown() override { m_next = m_bytes.size(); }
+    unsigned int getRecvHandle() override { return ~0u; }
+    void checkAlive() override {}
+
+private:
+    std::vector<std::uint8_t> m_bytes;
+    std::size_t m_piece;
+    std::size_t m_next = 0;
+};
+
 [[noreturn]] inline void fail(const char* what) {
     std::fprintf(stderr, "fuzz harness: %s: %s\n", what, std::strerror(errno));
     std::abort();

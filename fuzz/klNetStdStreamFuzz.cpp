@@ -129,6 +129,46 @@ void check(klNetStdIStream& stream, const std::vector<std::uint8_t>& data,
     }
 }
 
+// One input stream for the whole run, brought back to its state after construction between
+// inputs: a new stream buffer allocates and zeroes 2 MiB, which would cost more than all the
+// reading an input does.
+class Reader {
+public:
+    static Reader& instance() {
+        static Reader reader;
+        return reader;
+    }
+
+    // Leaves the buffer as construction did: no characters in its get area, no current chunk,
+    // position 0; the stream in good state without exceptions; nothing in the connection.
+    void reset() {
+        stream.exceptions(std::ios_base::goodbit);
+        stream.clear();
+        std::streambuf& buffer = *stream.rdbuf();
+        while (buffer.in_avail() > 0) {
+            buffer.sbumpc();
+        }
+        connection.discardUnread();
+        // An end marker empties the get area and forgets the chunk; a rewind then sets position 0.
+        connection.setReceiver(klNetLinkReceiver::create(
+            std::make_shared<klfuzz::StreamDataLink>(std::vector<std::uint8_t>(4, 0), 4)));
+        buffer.sgetc();
+        buffer.pubseekoff(0, std::ios_base::beg, std::ios_base::in);
+    }
+
+    // A stream without chains that can drop the rest of its receive buffer.
+    class Connection : public klNetStream {
+    public:
+        void discardUnread() { discardRecvBuffer(); }
+    };
+
+    Connection connection;
+    klNetStdIStream stream{connection};
+
+private:
+    Reader() = default;
+};
+
 void step(klNetStdIStream& stream, std::uint8_t operation) {
     const std::size_t amount = std::size_t(operation >> 4) * 97 + 1;
     switch (operation % 16) {
@@ -206,31 +246,28 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::vector<std::uint8_t> plan = input.bytes(std::size_t(input.u8() % 16) + 1);
     const std::vector<std::uint8_t> streamData = input.rest();
 
-    std::vector<std::shared_ptr<klNetBuffer>> buffers =
-        klfuzz::cutIntoBuffers(streamData.data(), streamData.size(), piece);
-    for (const auto& buffer : buffers) {
-        buffer->setType(klNetMessageTypeStream);
-    }
-    klNetStream connection(std::make_shared<klfuzz::ScriptLink>(std::move(buffers)));
-    klNetStdIStream stream(connection);
-
+    Reader& reader = Reader::instance();
+    klNetStdIStream& stream = reader.stream;
+    reader.connection.setReceiver(
+        klNetLinkReceiver::create(std::make_shared<klfuzz::StreamDataLink>(streamData, piece)));
     if ((settings & 1) == 0) {
         check(stream, streamData, rewindAfter);
-        return 0;
-    }
-    if ((settings & 2) != 0) {
-        stream.exceptions(std::ios_base::badbit);
-    }
-    // Every operation either takes characters or changes nothing once the data is gone; the bound
-    // only keeps rewinds from re-reading one chunk without end.
-    for (std::size_t i = 0; i < 256 && !plan.empty(); ++i) {
-        try {
-            step(stream, plan[i % plan.size()]);
-        } catch (const klNetError&) {
-            // Out of sync or closed inside a chunk, passed on by the stream (badbit).
-        } catch (const std::ios_base::failure&) {
-            // badbit set by the stream itself (a failed unget).
+    } else {
+        if ((settings & 2) != 0) {
+            stream.exceptions(std::ios_base::badbit);
+        }
+        // Every operation either takes characters or changes nothing once the data is gone; the
+        // bound only keeps rewinds from re-reading one chunk without end.
+        for (std::size_t i = 0; i < 256 && !plan.empty(); ++i) {
+            try {
+                step(stream, plan[i % plan.size()]);
+            } catch (const klNetError&) {
+                // Out of sync or closed inside a chunk, passed on by the stream (badbit).
+            } catch (const std::ios_base::failure&) {
+                // badbit set by the stream itself (a failed unget).
+            }
         }
     }
+    reader.reset();
     return 0;
 }

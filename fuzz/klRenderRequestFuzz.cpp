@@ -31,10 +31,10 @@ namespace {
 // milliseconds.
 constexpr std::uint64_t kMaxWork = 200000;
 
-// A link that serves a script and keeps everything sent to it.
-class AnswerLink : public klfuzz::ScriptLink {
+// A link that serves stream data and keeps everything sent to it.
+class AnswerLink : public klfuzz::StreamDataLink {
 public:
-    using ScriptLink::ScriptLink;
+    using StreamDataLink::StreamDataLink;
     void send(const std::shared_ptr<klNetBuffer>& buffer) override { sent.push_back(buffer); }
 
     std::vector<std::shared_ptr<klNetBuffer>> sent;
@@ -116,12 +116,7 @@ std::string readRefusal(const std::vector<std::uint8_t>& data, std::size_t at) {
 
 // Reads every request of the data as a server would, checking each against the layout.
 std::vector<Exchange> readAll(const std::vector<std::uint8_t>& data, std::size_t piece) {
-    std::vector<std::shared_ptr<klNetBuffer>> buffers =
-        klfuzz::cutIntoBuffers(data.data(), data.size(), piece);
-    for (const auto& buffer : buffers) {
-        buffer->setType(klNetMessageTypeStream);
-    }
-    klNetStream stream(std::make_shared<klfuzz::ScriptLink>(std::move(buffers)));
+    klNetStream stream(std::make_shared<klfuzz::StreamDataLink>(data, piece));
     std::vector<Exchange> exchanges;
     for (std::size_t at = 0;; at += 77) {
         const std::size_t left = data.size() - at;
@@ -176,12 +171,7 @@ bool smallEnough(const Exchange& exchange) {
 // Serves the exchanges a server can answer here and checks what a client makes of the answers.
 void serveAndAnswer(const std::vector<std::uint8_t>& data, std::size_t piece,
                     const std::vector<Exchange>& exchanges) {
-    std::vector<std::shared_ptr<klNetBuffer>> buffers =
-        klfuzz::cutIntoBuffers(data.data(), data.size(), piece);
-    for (const auto& buffer : buffers) {
-        buffer->setType(klNetMessageTypeStream);
-    }
-    auto serverLink = std::make_shared<AnswerLink>(std::move(buffers));
+    auto serverLink = std::make_shared<AnswerLink>(data, piece);
     klNetStream server(serverLink);
     const std::atomic<bool> cancel{false};
     std::size_t served = 0;

@@ -56,29 +56,37 @@ bool klNetBuffer::tryBundle(std::queue<std::shared_ptr<klNetBuffer>>& queue,
     return true;
 }
 
-void klNetBuffer::split(std::queue<std::shared_ptr<klNetBuffer>>& out) const {
+bool klNetBuffer::hasRecordAt(std::size_t position) const {
     // Records start within the bundle's dataSize and are read as their headers say, but never
-    // beyond this buffer's payload area: a header that does not fit is dropped, a payload that
-    // does not fit is cut at the edge.
-    const std::size_t end = std::min<std::size_t>(m_header.dataSize, kCapacity);
-    std::vector<std::size_t> starts;
-    for (std::size_t position = 0; position < end && position + kHeaderSize <= kCapacity;) {
-        starts.push_back(position);
+    // beyond this buffer's payload area: a header that does not fit is dropped.
+    return position < std::min<std::size_t>(m_header.dataSize, kCapacity) &&
+           position + kHeaderSize <= kCapacity;
+}
+
+std::size_t klNetBuffer::copyRecordTo(std::size_t position, klNetBuffer& part) const {
+    const std::size_t payload = position + kHeaderSize;
+    std::memcpy(&part.m_header, m_data + position, kHeaderSize);
+    // The header's own size goes to find the next record; the copy stops at the area's edge.
+    const std::size_t next = payload + std::size_t(part.m_header.dataSize);
+    const std::size_t length = std::min<std::size_t>(part.m_header.dataSize, kCapacity - payload);
+    std::memcpy(part.m_data, m_data + payload, length);
+    part.m_header.dataSize = std::uint32_t(length);
+    return next;
+}
+
+void klNetBuffer::split(std::queue<std::shared_ptr<klNetBuffer>>& out) const {
+    std::size_t count = 0;
+    for (std::size_t position = 0; hasRecordAt(position); ++count) {
         klNetHeader header;
         std::memcpy(&header, m_data + position, kHeaderSize);
         position += kHeaderSize + std::size_t(header.dataSize);
     }
     // All buffers at once, so that the pool is asked once per bundle.
     std::vector<std::shared_ptr<klNetBuffer>> buffers;
-    klNetBufferPool::popMany(int(starts.size()), buffers);
-    for (std::size_t i = 0; i < starts.size(); ++i) {
-        klNetBuffer& restored = *buffers[i];
-        const std::size_t payload = starts[i] + kHeaderSize;
-        std::memcpy(&restored.m_header, m_data + starts[i], kHeaderSize);
-        const std::size_t length =
-            std::min<std::size_t>(restored.m_header.dataSize, kCapacity - payload);
-        std::memcpy(restored.m_data, m_data + payload, length);
-        restored.m_header.dataSize = std::uint32_t(length);
-        out.push(std::move(buffers[i]));
+    klNetBufferPool::popMany(int(count), buffers);
+    std::size_t position = 0;
+    for (auto& buffer : buffers) {
+        position = copyRecordTo(position, *buffer);
+        out.push(std::move(buffer));
     }
 }

@@ -117,6 +117,15 @@ public:
     // past the area is cut short at its edge (its dataSize then says what was copied), and a header
     // that does not fit is dropped.
     void split(std::queue<std::shared_ptr<klNetBuffer>>& out) const;
+    // One record at a time, for readers that hand parts out as they are asked for them (so that
+    // a bundle of thousands of empty records never costs thousands of buffers at once), read
+    // within the payload area exactly as split() reads them. True when a record starts at
+    // position (0 for the first).
+    bool hasRecordAt(std::size_t position) const;
+    // Copies the record at position into part's header and payload (cut at the area's edge, as
+    // split() does) and returns the position of the next record. part's send mode is left as it
+    // is. REQUIRES: hasRecordAt(position).
+    std::size_t copyRecordTo(std::size_t position, klNetBuffer& part) const;
     // Sequence order as plain unsigned 16-bit numbers, without wrap-around: 65535 sorts after 0.
     bool isSequenceLess(const std::shared_ptr<klNetBuffer>& other) const {
         return m_header.sequence < other->m_header.sequence;

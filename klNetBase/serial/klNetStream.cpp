@@ -50,6 +50,11 @@ void klNetStream::setReceiver(const std::shared_ptr<klNetReceiver>& receiver) {
     clearRecvBuffer();
 }
 
+void klNetStream::setMaxPendingBuffers(std::size_t perSource, std::size_t total) {
+    m_maxPendingPerSource = std::max<std::size_t>(perSource, 1);
+    m_maxPending = std::max<std::size_t>(total, 1);
+}
+
 std::size_t klNetStream::getDestinationCount() const {
     return m_sender ? m_sender->getDestinations().size() : 0;
 }
@@ -186,18 +191,47 @@ bool klNetStream::recvMessagePart(klNetMessage& message) {
     }
     const std::uint64_t key =
         std::uint64_t(std::uint32_t(buffer->getSource() << 16) | buffer->getMessageId());
-    std::vector<std::shared_ptr<klNetBuffer>>& parts = m_partialMessages[key];
-    parts.push_back(std::move(buffer));
-    if (parts.size() < count) {
+    const std::uint32_t source = std::uint32_t(buffer->getSource() & 0xFFFF);
+    const auto found = m_partialMessages.find(key);
+    const std::size_t waiting = found == m_partialMessages.end() ? 0 : found->second.size();
+    if (waiting + 1 < count) {
+        checkPendingRoom(buffer->getSource());
+        m_partialMessages[key].push_back(std::move(buffer));
+        ++m_pendingBySource[source];
+        ++m_pending;
         return false;
     }
+    std::vector<std::shared_ptr<klNetBuffer>> parts;
+    if (found != m_partialMessages.end()) {
+        parts = std::move(found->second);
+        m_partialMessages.erase(found);
+        const auto bySource = m_pendingBySource.find(source);
+        if ((bySource->second -= parts.size()) == 0) {
+            m_pendingBySource.erase(bySource);
+        }
+        m_pending -= parts.size();
+    }
+    parts.push_back(std::move(buffer));
     std::sort(parts.begin(), parts.end(),
               [](const std::shared_ptr<klNetBuffer>& a, const std::shared_ptr<klNetBuffer>& b) {
                   return a->isSequenceLess(b);
               });
     message.setRecvBuffers(parts);
-    m_partialMessages.erase(key);
     return true;
+}
+
+void klNetStream::checkPendingRoom(std::size_t source) const {
+    const auto bySource = m_pendingBySource.find(std::uint32_t(source & 0xFFFF));
+    if (bySource != m_pendingBySource.end() && bySource->second >= m_maxPendingPerSource) {
+        throw klNetError(std::ostringstream()
+                         << "Too many incomplete messages from source " << source << ": more than "
+                         << m_maxPendingPerSource << " buffers waiting");
+    }
+    if (m_pending >= m_maxPending) {
+        throw klNetError(std::ostringstream()
+                         << "Too many incomplete messages: more than " << m_maxPending
+                         << " buffers waiting (the last from source " << source << ")");
+    }
 }
 
 void klNetStream::recvMessage(klNetMessage& message) {

@@ -16,6 +16,13 @@
 // out of sync. Wrong message type". The offending buffer is dropped and the stream stays usable.
 // Operations on a missing chain throw klConnectionClosed.
 //
+// Buffers of incomplete messages wait for their partners in the stream, and what a peer claims
+// (sources, message ids, buffer counts) decides how many. So their number is bounded, per source
+// and in all (setMaxPendingBuffers): a buffer that would exceed a bound is dropped with
+// "Too many incomplete messages from source <source>: more than <n> buffers waiting" or
+// "Too many incomplete messages: more than <n> buffers waiting (the last from source <source>)".
+// The per-source bound is also the largest message, in buffers, that the stream can receive.
+//
 // Thread safety: one thread at a time; the chains may run threads of their own. shutdown() may be
 // called from another thread to end a blocked call.
 #pragma once
@@ -57,6 +64,14 @@ public:
     // The first link below the sender. REQUIRES: a sender with at least one link.
     std::shared_ptr<klNetLink> getFirstLink();
     std::string getLinkName();
+
+    // Bounds on the buffers of incomplete messages held at once: from one source, and from all
+    // sources together. A bound below 1 counts as 1.
+    static constexpr std::size_t kDefaultMaxPendingBuffersPerSource = 256;  // 32 MiB of payload
+    static constexpr std::size_t kDefaultMaxPendingBuffers = 512;
+    void setMaxPendingBuffers(std::size_t perSource, std::size_t total);
+    std::size_t getMaxPendingBuffersPerSource() const { return m_maxPendingPerSource; }
+    std::size_t getMaxPendingBuffers() const { return m_maxPending; }
 
     std::uint64_t getSentBytes() const { return m_sentBytes; }
     std::uint64_t getRecevedBytes() const { return m_receivedBytes; }
@@ -111,6 +126,8 @@ protected:
 
 private:
     void requireReceiver() const;
+    // Throws when one more buffer from source may not wait for its partners.
+    void checkPendingRoom(std::size_t source) const;
 
     std::shared_ptr<klNetReceiver> m_receiver;
     std::shared_ptr<klNetSender> m_sender;
@@ -121,4 +138,9 @@ private:
     std::uint64_t m_receivedBytes = 0;
     // Buffers of multi-buffer messages still incomplete, by (low 16 bits of source, message id).
     std::map<std::uint64_t, std::vector<std::shared_ptr<klNetBuffer>>> m_partialMessages;
+    // The number of buffers in m_partialMessages, by the low 16 bits of source and in all.
+    std::map<std::uint32_t, std::size_t> m_pendingBySource;
+    std::size_t m_pending = 0;
+    std::size_t m_maxPendingPerSource = kDefaultMaxPendingBuffersPerSource;
+    std::size_t m_maxPending = kDefaultMaxPendingBuffers;
 };

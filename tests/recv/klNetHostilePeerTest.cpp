@@ -1,0 +1,156 @@
+// A node's receiving stream (sort over unbundle over the link, as a striped node reads) against a
+// peer that writes crafted frames straight into a loopback TCP connection: whatever the headers
+// claim, the process's resident memory stays bounded while the stream lives and goes back once it
+// is gone, and a peer that exceeds a bound gets the exact error.
+#include <support/klNetSocketTestSupport.h>
+
+#include <netinet/in.h>
+
+#include <fstream>
+
+using namespace kltest;
+
+namespace {
+
+constexpr std::size_t kMiB = std::size_t(1) << 20;
+// Sanitizers add shadow memory for what the process touches: ThreadSanitizer several times over.
+#if defined(__SANITIZE_THREAD__)
+constexpr std::size_t kSlack = 5;
+#elif defined(__SANITIZE_ADDRESS__)
+constexpr std::size_t kSlack = 2;
+#else
+constexpr std::size_t kSlack = 1;
+#endif
+// While the stream holds what the peer sent, and once it is gone (the pool keeps 16 free buffers).
+constexpr std::size_t kHeldBound = 80 * kMiB * kSlack;
+constexpr std::size_t kAfterBound = 16 * kMiB * kSlack;
+
+std::size_t residentBytes() {
+    std::size_t size = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> size >> resident;
+    return resident * std::size_t(::sysconf(_SC_PAGESIZE));
+}
+
+// The header of one frame; a payload of dataSize zero bytes follows it on the connection.
+klNetHeader crafted(std::size_t size, unsigned sequence, klNetMessageType type, unsigned source,
+                    unsigned destination, unsigned messageId, unsigned count) {
+    klNetHeader header{};
+    header.dataSize = header.originalDataSize = std::uint32_t(size);
+    header.sequence = std::uint16_t(sequence);
+    header.type = std::uint8_t(type);
+    header.source = source;
+    header.destination = destination;
+    header.messageId = std::uint16_t(messageId);
+    header.messageBufferCount = std::uint16_t(count);
+    return header;
+}
+
+// The stream's rank: directed frames go to it, so the sort receiver lets them pass.
+constexpr unsigned kNode = 2;
+
+struct Pattern {
+    const char* name;
+    int frames;
+    std::function<klNetHeader(unsigned)> headerAt;
+    bool readMessages;  // else stream data
+    const char* outcome;
+};
+
+const Pattern kPatterns[] = {
+    // 5483 records of an empty header each.
+    {"AllZeroBundle", 1,
+     [](unsigned) { return crafted(131602, 0, klNetMessageTypeBundle, 0, 0, 0, 0); }, false,
+     "closed"},
+    {"TwoBufferMessagesNeverCompleted", 5000,
+     [](unsigned i) { return crafted(0, i, klNetMessageTypeMessage, 7, kNode, i, 2); }, true,
+     "Too many incomplete messages from source 7: more than 256 buffers waiting"},
+    {"OneMessageOf65535Buffers", 5000,
+     [](unsigned i) { return crafted(0, i, klNetMessageTypeMessage, 7, kNode, 9, 65535); }, true,
+     "Too many incomplete messages from source 7: more than 256 buffers waiting"},
+    {"EveryBufferFromAnotherSource", 5000,
+     [](unsigned i) { return crafted(0, i, klNetMessageTypeMessage, i + 1, kNode, 9, 2); }, true,
+     "Too many incomplete messages: more than 512 buffers waiting (the last from source 513)"},
+    // Multicast 0 never comes: everything after it waits, small buffers copied out of the pool.
+    {"EmptyMulticastBuffersAfterAGap", 65535,
+     [](unsigned i) { return crafted(0, i + 1, klNetMessageTypeStream, 1, 0, 0, 0); }, false,
+     "closed"},
+    {"FullMulticastBuffersAfterAGap", 1000,
+     [](unsigned i) { return crafted(131072, i + 1, klNetMessageTypeStream, 1, 0, 0, 0); }, false,
+     "Multicast buffer 0 never arrived: more than 33554432 bytes held after it"},
+};
+
+void PrintTo(const Pattern& pattern, std::ostream* os) {
+    *os << pattern.name;
+}
+
+class HostilePeer : public testing::TestWithParam<Pattern> {};
+
+TEST_P(HostilePeer, MemoryStaysBoundedAndExcessGetsItsError) {
+    const Pattern& pattern = GetParam();
+    klNetBufferPool::s_instance.setFreeLimit(16);
+    const std::size_t start = residentBytes();
+    {
+        klBoundSocketLink listener(0);
+        klSocketLink raw(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const klSocketAddress address("127.0.0.1", listener.getAddress().getPort());
+        ASSERT_EQ(0, ::connect(raw.getDescriptor(), address.getSockAddr(),
+                               socklen_t(address.getSockAddrSize())));
+        auto link = std::make_shared<klSocketLink>(listener);
+        link->setRecvTimeout(std::chrono::duration<double>(kBound).count());
+        klNetStream stream(link);
+        stream.setRank(int(kNode));
+        stream.setReceiver(klNetSortReceiver::create(
+            klNetUnbundleReceiver::create(klNetLinkReceiver::create(link))));
+
+        // Writes in chunks of about 64 KiB until done or shut down below, then ends the stream.
+        const int fd = raw.getDescriptor();
+        Task peer([fd, pattern] {
+            Bytes chunk;
+            for (int i = 0; i < pattern.frames; ++i) {
+                const klNetHeader next = pattern.headerAt(unsigned(i));
+                const auto* bytes = reinterpret_cast<const unsigned char*>(&next);
+                chunk.insert(chunk.end(), bytes, bytes + sizeof(next));
+                chunk.resize(chunk.size() + next.dataSize);
+                for (std::size_t sent = 0; chunk.size() >= 65536 || i + 1 == pattern.frames;) {
+                    const ssize_t n =
+                        ::send(fd, chunk.data() + sent, chunk.size() - sent, MSG_NOSIGNAL);
+                    if (n < 0) {
+                        return;
+                    }
+                    if ((sent += std::size_t(n)) == chunk.size()) {
+                        chunk.clear();
+                        break;
+                    }
+                }
+            }
+            ::shutdown(fd, SHUT_WR);
+        });
+        const std::string outcome = kltest::outcome([&] {
+            for (unsigned char byte = 0;;) {
+                if (pattern.readMessages) {
+                    klNetMessage message;
+                    stream.recvMessage(message);
+                } else {
+                    stream >> byte;
+                }
+            }
+        });
+        const std::size_t held = residentBytes();
+        ::shutdown(fd, SHUT_RDWR);  // a peer still writing stops
+        EXPECT_TRUE(peer.finishedWithin(kBound));
+        EXPECT_EQ(pattern.outcome, outcome);
+        RecordProperty("heldKiB", int((long(held) - long(start)) / 1024));
+        EXPECT_LT(held, start + kHeldBound) << (held - start) / kMiB << " MiB more than at start";
+    }
+    const std::size_t after = residentBytes();
+    RecordProperty("afterKiB", int((long(after) - long(start)) / 1024));
+    EXPECT_LT(after, start + kAfterBound) << (after - start) / kMiB << " MiB more than at start";
+    klNetBufferPool::s_instance.setFreeLimit(klNetBufferPool::kDefaultFreeLimit);
+}
+
+INSTANTIATE_TEST_SUITE_P(Patterns, HostilePeer, testing::ValuesIn(kPatterns),
+                         [](const testing::TestParamInfo<Pattern>& info) {
+                             return std::string(info.param.name);
+                         });
+
+}  // namespace
