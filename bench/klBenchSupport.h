@@ -9,8 +9,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -29,6 +33,30 @@ inline double percentile(std::vector<double> values, double fraction) {
 
 inline double median(const std::vector<double>& values) {
     return percentile(values, 0.5);
+}
+
+// The positional numbers of a benchmark's command line (at most `most` of them, each at least
+// `least`). --help prints `usage` and exits; anything else is a one-line error and exit status 2.
+inline std::vector<double> numericArguments(int argc, char** argv, const char* usage,
+                                            std::size_t most, double least) {
+    const char* const name = std::strrchr(argv[0], '/') ? std::strrchr(argv[0], '/') + 1 : argv[0];
+    std::vector<double> values;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--help") {
+            std::printf("usage: %s %s", name, usage);
+            std::exit(0);
+        }
+        char* end = nullptr;
+        const double value = std::strtod(argv[i], &end);
+        if (arg.empty() || *end != '\0' || !(value >= least) || values.size() == most) {
+            std::fprintf(stderr, "%s: %s argument '%s' (see --help)\n", name,
+                         arg[0] == '-' && !(value >= least) ? "unknown" : "bad", argv[i]);
+            std::exit(2);
+        }
+        values.push_back(value);
+    }
+    return values;
 }
 
 inline void require(bool ok, const char* what) {

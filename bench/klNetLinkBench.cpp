@@ -124,7 +124,12 @@ void report(const char* figure, double link, double plain, double ratio, const c
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 7;
+    const std::vector<double> args = numericArguments(
+        argc, argv,
+        "[ROUNDS]\nklSocketLink against plain sockets over loopback: throughput of 128 KiB buffers\n"
+        "and round trip of 64 bytes, the median of ROUNDS interleaved rounds (default 7).\n",
+        1, 1);
+    const int rounds = args.empty() ? 7 : int(args[0]);
     const int bulkCount = 8192;  // 1 GiB per round
     const int tripCount = 20000;
 
@@ -136,6 +141,7 @@ int main(int argc, char** argv) {
         plainRate.push_back(plainThroughput(plain, bulkCount));
         linkTrip.push_back(linkRoundTrip(links, tripCount));
         plainTrip.push_back(plainRoundTrip(plain, tripCount));
+        std::fprintf(stderr, "round %d of %d done\n", round + 1, rounds);
     }
 
     const double linkGBs = median(linkRate) / 1e9;

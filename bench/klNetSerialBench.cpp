@@ -408,7 +408,7 @@ int main(int argc, char** argv) {
 
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
+        return 2;
     }
     if (!console) {
         benchmark::RunSpecifiedBenchmarks();
