@@ -6,8 +6,9 @@
 # of the corpus, and its findings; an input that crashed, leaked, hung or ran out of memory is kept
 # in build/fuzz/findings/<target>/ and libFuzzer's output in build/fuzz/logs/<target>.log.
 #
-#   scripts/fuzz.sh [SECONDS] [TARGET...]    SECONDS per target (default 60); all targets unless
-#                                            some are named
+#   scripts/fuzz.sh [--runs N] [SECONDS] [TARGET...]
+#       SECONDS per target (default 60); --runs ends a target sooner, after N executions; all
+#       targets unless some are named
 #
 # Exit status: 0 when no target found anything, 1 when one did, 2 for a bad command line.
 set -euo pipefail
@@ -18,10 +19,20 @@ usage() {
 }
 
 seconds=60
+runs=-1
 targets=()
-for argument in "$@"; do
+while [[ $# -gt 0 ]]; do
+  argument=$1
+  shift
   case "$argument" in
     -h|--help) usage; exit 0 ;;
+    --runs)
+      if [[ ! "${1:-}" =~ ^[1-9][0-9]*$ ]]; then
+        echo "fuzz.sh: --runs needs a positive number of executions" >&2; exit 2
+      fi
+      runs=$1
+      shift
+      ;;
     -*) echo "fuzz.sh: unknown option '$argument' (see --help)" >&2; exit 2 ;;
     *)
       if [[ "$argument" =~ ^[0-9]+$ ]]; then
@@ -60,7 +71,7 @@ mkdir -p "$build/logs" "$build/findings" "$build/work"
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1}"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1}"
 found=0
-printf '%-28s %12s %8s  %s\n' target executions "new" findings
+printf '%-28s %12s %8s %8s  %s\n' target executions seconds "new" findings
 for target in "${targets[@]}"; do
   work="$build/work/$target"
   findings="$build/findings/$target"
@@ -68,13 +79,14 @@ for target in "${targets[@]}"; do
   rm -rf "$work"
   mkdir -p "$work" "$findings"
   cp fuzz/corpus/"$target"/* "$work"/ 2>/dev/null || true
-  echo "   fuzzing $target for ${seconds}s ..." >&2
+  echo "   fuzzing $target for ${seconds}s$([[ $runs -gt 0 ]] && echo " or $runs executions") ..." >&2
   before=$(find "$findings" -type f | wc -l)
   # Output of the code under test is dropped (-close_fd_mask); libFuzzer's own goes to the log.
   # -max_len keeps inputs small (a buffer's worth of frames); -timeout catches hangs well above
   # the longest wait in the code (2 s for a greeting).
   status=0
-  "$build/bin/$target" -max_total_time="$seconds" -max_len=16384 -timeout=30 \
+  started=$SECONDS
+  "$build/bin/$target" -max_total_time="$seconds" -runs="$runs" -max_len=16384 -timeout=30 \
     -rss_limit_mb=4096 -print_final_stats=1 -close_fd_mask=3 \
     -artifact_prefix="$findings/" "$work" >"$log" 2>&1 || status=$?
   executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
@@ -87,6 +99,7 @@ for target in "${targets[@]}"; do
       || echo "exit status $status")
     summary="$new_findings input(s) in $findings: $reason"
   fi
-  printf '%-28s %12s %8s  %s\n' "$target" "${executions:-?}" "${added:-?}" "$summary"
+  printf '%-28s %12s %8s %8s  %s\n' "$target" "${executions:-?}" $((SECONDS - started)) \
+    "${added:-?}" "$summary"
 done
 exit $found
