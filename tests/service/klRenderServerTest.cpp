@@ -121,7 +121,7 @@ public:
 
     // A client connection, handed over as the service does.
     std::unique_ptr<klNetStream> connect() {
-        auto [near, far] = connectedPair();
+        auto [near, far] = connectedPair(0.0);  // the handed end waits as long as a client may
         far->sendDescriptor(pipe, 10.0);
         near->setRecvTimeout(30.0);
         return std::make_unique<klNetStream>(near);
