@@ -2,35 +2,17 @@
 // sender of buffered senders on one side, a multi-link receiver with unbundling and re-sorting on
 // the other. Every byte arrives once and in order, and both links carry their share.
 #include <klNetNamespace.h>
-
-#include <klNetBase/klNetBase.h>
-#include <klNetBase/recv/klNetMultiLinkReceiver.h>
-#include <klNetBase/recv/klNetSortReceiver.h>
-#include <klNetBase/recv/klNetUnbundleReceiver.h>
-#include <klNetBase/send/klNetBalancedSender.h>
-#include <klNetBase/send/klNetBufferedSender.h>
-#include <klNetBase/send/klNetLinkSender.h>
-
-#include <gtest/gtest.h>
+#include <support/klNetProcessTestSupport.h>
 
 #include <linux/tcp.h>  // tcp_info with the byte counts
 #include <netinet/in.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <future>
-#include <string>
-#include <vector>
+using namespace kltest;
 
 namespace {
 
-constexpr auto kBound = std::chrono::seconds(60);
-
 std::string shell(const std::string& farm, const std::string& command) {
-    const std::string bin = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-    return "KLFARM_NAME=" + farm + " KLFARM_BIN=" + bin + " " KL_FARM_SCRIPT " " + command;
+    return "KLFARM_NAME=" + farm + " KLFARM_BIN=" + programDir() + " " KL_FARM_SCRIPT " " + command;
 }
 
 // A farm of one node with two links, made for each test and removed after it.
@@ -55,14 +37,10 @@ private:
     bool m_up = false;
 };
 
-// Byte i of the data: differs from its neighbours, and no block of it equals another.
-unsigned char byteAt(std::uint64_t i) {
-    return static_cast<unsigned char>((i * 0x9E3779B1u) >> 24 ^ i >> 17);
-}
-
-void fill(std::vector<unsigned char>& chunk, std::uint64_t from) {
+// The data from byte from on: each byte differs from its neighbours, and no block equals another.
+void fill(Bytes& chunk, std::uint64_t from) {
     for (std::size_t i = 0; i < chunk.size(); ++i) {
-        chunk[i] = byteAt(from + i);
+        chunk[i] = static_cast<unsigned char>(((from + i) * 0x9E3779B1u) >> 24 ^ (from + i) >> 17);
     }
 }
 
@@ -115,7 +93,7 @@ TEST_F(StripeFarm, TwoLinksThroughABalancedSenderOfBufferedSendersDeliverEveryBy
     // The reader reads everything even after a difference, so that the writer never stalls.
     auto reading = std::async(std::launch::async, [&receiving, total] {
         std::string verdict = "all in order";
-        std::vector<unsigned char> chunk(100003), expected(chunk.size());
+        Bytes chunk(100003), expected(chunk.size());
         for (std::uint64_t done = 0; done < total; done += chunk.size()) {
             chunk.resize(std::size_t(std::min<std::uint64_t>(chunk.size(), total - done)));
             expected.resize(chunk.size());
@@ -131,7 +109,7 @@ TEST_F(StripeFarm, TwoLinksThroughABalancedSenderOfBufferedSendersDeliverEveryBy
     });
     auto writing = std::async(std::launch::async, [&sending] {
         std::uint64_t written = 0;
-        std::vector<unsigned char> chunk;
+        Bytes chunk;
         for (std::size_t size = 1; written < kBulk; size = size * 3 % 300007 + 1) {
             chunk.resize(std::size_t(std::min<std::uint64_t>(size, kBulk - written)));
             fill(chunk, written);
@@ -148,7 +126,7 @@ TEST_F(StripeFarm, TwoLinksThroughABalancedSenderOfBufferedSendersDeliverEveryBy
         sending.waitAllDataTransfered();
         return written;
     });
-    const auto deadline = std::chrono::steady_clock::now() + kBound;
+    const auto deadline = Clock::now() + std::chrono::seconds(60);
     if (writing.wait_until(deadline) != std::future_status::ready ||
         reading.wait_until(deadline) != std::future_status::ready) {
         ADD_FAILURE() << "the transfer did not end within the bound";

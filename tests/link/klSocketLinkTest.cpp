@@ -1,12 +1,10 @@
-// Socket and listening links on real sockets, and an exchange with a second process.
+// Socket and listening links on real sockets, and an echoed exchange over loopback.
 #include <support/klNetSocketTestSupport.h>
 
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
 
 #include <random>
 
@@ -214,46 +212,38 @@ TEST(klSocketLink, ThousandCyclesOfConnectsAcceptsAndFailuresLeakNoDescriptors) 
     EXPECT_EQ(before, openDescriptors());
 }
 
-// The far end is another process that echoes; every byte and header field must come back as
-// sent, in both framings and over both address families of the one dual-stack listener.
+// The far end echoes on a thread of its own; every byte and header field must come back as sent,
+// in both framings and over both address families of the one dual-stack listener.
 class klSocketLinkExchange : public ::testing::TestWithParam<std::tuple<bool, std::string>> {};
 
 TEST_P(klSocketLinkExchange, EchoedBuffersArriveIntact) {
     const auto [compatibility, host] = GetParam();
     klBoundSocketLink listener(0);
-    const int port = listener.getAddress().getPort();
-    const pid_t child = ::fork();
-    if (child == 0) {  // connects, greets and echoes until the link closes
-        const std::string result = outcome([&] {
-            klSocketLink link(loopback(port, host), 10.0);
-            link.setRecvTimeout(20.0);  // a parent that gave up ends the child
-            std::uint32_t greeting = klSocketLink::kCompatibilityGreeting;
-            if (compatibility) {  // stays in the normal framing unless the greeting is echoed
-                link.send(&greeting, sizeof(greeting));
-                link.recv(&greeting, sizeof(greeting));
-                link.setCompatibilityMode(greeting == klSocketLink::kCompatibilityGreeting);
-            } else {
-                link.signalHPCNetSocket();
-            }
-            link.setRecvTimeout(20.0);  // lifted by the greeting
-            for (std::shared_ptr<klNetBuffer> buffer;; link.send(buffer)) {
-                link.recv(buffer);
-            }
-        });
-        ::_exit(result == "closed" ? 0 : 2);
-    }
-    pollfd arrival{listener.getDescriptor(), POLLIN, 0};
-    ASSERT_EQ(1, ::poll(&arrival, 1, 20000)) << "the peer did not connect";
-    const auto link = klSocketLink::checkForHPCNetSocket(klSocketLink(listener).takeDescriptor());
+    Task echo([compatibility = compatibility, to = loopback(listener.getAddress().getPort(),
+                                                            host)] {
+        klSocketLink link(to, 10.0);
+        std::uint32_t greeting = klSocketLink::kCompatibilityGreeting;
+        if (compatibility) {  // stays in the normal framing unless the greeting is echoed
+            link.send(&greeting, sizeof(greeting));
+            link.recv(&greeting, sizeof(greeting));
+            link.setCompatibilityMode(greeting == klSocketLink::kCompatibilityGreeting);
+        } else {
+            link.signalHPCNetSocket();
+        }
+        link.setRecvTimeout(20.0);  // lifted by the greeting
+        for (std::shared_ptr<klNetBuffer> buffer;; link.send(buffer)) {
+            link.recv(buffer);
+        }
+    });
+    const std::shared_ptr<klSocketLink> link =
+        klSocketLink::checkForHPCNetSocket(klSocketLink(listener).takeDescriptor());
     ASSERT_NE(nullptr, link);
     EXPECT_EQ(host + "->" + host, link->getLinkName());  // IPv4 peers read as plain IPv4
     link->setRecvTimeout(20.0);  // a peer that hangs ends the test, not the run
-    std::thread sending([&] {
-        outcome([&] {
-            for (int i = 0; i < kExchangeBuffers; ++i) {
-                link->send(exchangeBuffer(i));
-            }
-        });
+    Task sending([link] {
+        for (int i = 0; i < kExchangeBuffers; ++i) {
+            link->send(exchangeBuffer(i));
+        }
     });
     int intact = 0;
     for (std::shared_ptr<klNetBuffer> received; intact < kExchangeBuffers; ++intact) {
@@ -264,11 +254,9 @@ TEST_P(klSocketLinkExchange, EchoedBuffersArriveIntact) {
         }
     }
     link->shutdown();
-    sending.join();
     EXPECT_EQ(kExchangeBuffers, intact) << "buffers that came back intact";
-    int status = -1;
-    EXPECT_EQ(child, ::waitpid(child, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "peer status " << status;
+    ASSERT_TRUE(echo.finishedWithin(kBound) && sending.finishedWithin(kBound));
+    EXPECT_EQ("closed", outcome([&] { echo.get(); })) << "the echoing end saw no close";
 }
 
 INSTANTIATE_TEST_SUITE_P(FramingsAndFamilies, klSocketLinkExchange,

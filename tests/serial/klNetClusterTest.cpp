@@ -3,9 +3,6 @@
 // sync points over loopback. The master reaches the nodes through a multi sender over one link
 // sender per node and reads them all through a multi-link receiver; each node talks to the master
 // over its one link. Nodes act on requests: one-value messages from the master.
-//
-// A watchdog shuts the master's stream down after a generous bound, so that a fault ends in a
-// failed test rather than a hang.
 #include <support/klNetProcessTestSupport.h>
 
 #include <map>
@@ -111,29 +108,6 @@ int runNode(int rank, int port) {
     }
 }
 
-// Shuts the stream down unless it is destroyed within a minute, so that a blocked call returns.
-class Watchdog {
-public:
-    explicit Watchdog(klNetStream& stream)
-        : m_thread([this, &stream] {
-              if (m_done.get_future().wait_for(std::chrono::seconds(60)) !=
-                  std::future_status::ready) {
-                  m_fired = true;
-                  stream.shutdown();
-              }
-          }) {}
-    ~Watchdog() {
-        m_done.set_value();
-        m_thread.join();
-        EXPECT_FALSE(m_fired) << "the cluster did not answer in time";
-    }
-
-private:
-    std::promise<void> m_done;
-    bool m_fired = false;  // written by m_thread, read after joining it
-    std::thread m_thread;
-};
-
 class Cluster : public testing::Test {
 protected:
     void SetUp() override {
@@ -158,7 +132,9 @@ protected:
         master.setRank(kMaster);
         master.setSender(klNetMultiSender::create(senders));
         master.setReceiver(klNetMultiLinkReceiver::create(links));
-        m_watchdog = std::make_unique<Watchdog>(master);
+        // A fault ends in a failed test rather than a hang.
+        m_watchdog = std::make_unique<Watchdog>([this] { master.shutdown(); },
+                                                std::chrono::seconds(60));
     }
 
     void TearDown() override {

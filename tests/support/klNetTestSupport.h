@@ -134,6 +134,29 @@ private:
     std::thread m_thread;
 };
 
+// Calls stop unless it is destroyed within limit, so that a call that a fault leaves blocked
+// returns and the test fails instead of hanging. Firing fails the test.
+class Watchdog {
+public:
+    explicit Watchdog(std::function<void()> stop, Clock::duration limit = kBound)
+        : m_thread([this, stop, limit] {
+              if (m_done.get_future().wait_for(limit) != std::future_status::ready) {
+                  m_fired = true;
+                  stop();
+              }
+          }) {}
+    ~Watchdog() {
+        m_done.set_value();
+        m_thread.join();
+        EXPECT_FALSE(m_fired) << "stopped after the time limit";
+    }
+
+private:
+    std::promise<void> m_done;
+    bool m_fired = false;  // written by m_thread, read after joining it
+    std::thread m_thread;
+};
+
 }  // namespace kltest
 
 // Expects statement to throw ExceptionType (or a subclass) whose what() is exactly text.
