@@ -2,11 +2,9 @@
 // peer that writes crafted frames straight into a loopback TCP connection: whatever the headers
 // claim, the process's resident memory stays bounded while the stream lives and goes back once it
 // is gone, and a peer that exceeds a bound gets the exact error.
-#include <support/klNetSocketTestSupport.h>
+#include <support/klNetProcessTestSupport.h>
 
 #include <netinet/in.h>
-
-#include <fstream>
 
 using namespace kltest;
 
@@ -25,24 +23,11 @@ constexpr std::size_t kSlack = 1;
 constexpr std::size_t kHeldBound = 80 * kMiB * kSlack;
 constexpr std::size_t kAfterBound = 16 * kMiB * kSlack;
 
-std::size_t residentBytes() {
-    std::size_t size = 0, resident = 0;
-    std::ifstream("/proc/self/statm") >> size >> resident;
-    return resident * std::size_t(::sysconf(_SC_PAGESIZE));
-}
-
-// The header of one frame; a payload of dataSize zero bytes follows it on the connection.
-klNetHeader crafted(std::size_t size, unsigned sequence, klNetMessageType type, unsigned source,
+// The header of one frame; a payload of size zero bytes follows it on the connection.
+klNetHeader crafted(std::uint32_t size, unsigned sequence, klNetMessageType type, unsigned source,
                     unsigned destination, unsigned messageId, unsigned count) {
-    klNetHeader header{};
-    header.dataSize = header.originalDataSize = std::uint32_t(size);
-    header.sequence = std::uint16_t(sequence);
-    header.type = std::uint8_t(type);
-    header.source = source;
-    header.destination = destination;
-    header.messageId = std::uint16_t(messageId);
-    header.messageBufferCount = std::uint16_t(count);
-    return header;
+    return {size,   size,        std::uint16_t(sequence),  std::uint8_t(type),    0,
+            source, destination, std::uint16_t(messageId), std::uint16_t(count)};
 }
 
 // The stream's rank: directed frames go to it, so the sort receiver lets them pass.
@@ -88,7 +73,7 @@ class HostilePeer : public testing::TestWithParam<Pattern> {};
 TEST_P(HostilePeer, MemoryStaysBoundedAndExcessGetsItsError) {
     const Pattern& pattern = GetParam();
     klNetBufferPool::s_instance.setFreeLimit(16);
-    const std::size_t start = residentBytes();
+    const std::size_t start = residentBytes(::getpid());
     {
         klBoundSocketLink listener(0);
         klSocketLink raw(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -135,14 +120,14 @@ TEST_P(HostilePeer, MemoryStaysBoundedAndExcessGetsItsError) {
                 }
             }
         });
-        const std::size_t held = residentBytes();
+        const std::size_t held = residentBytes(::getpid());
         ::shutdown(fd, SHUT_RDWR);  // a peer still writing stops
         EXPECT_TRUE(peer.finishedWithin(kBound));
         EXPECT_EQ(pattern.outcome, outcome);
         RecordProperty("heldKiB", int((long(held) - long(start)) / 1024));
         EXPECT_LT(held, start + kHeldBound) << (held - start) / kMiB << " MiB more than at start";
     }
-    const std::size_t after = residentBytes();
+    const std::size_t after = residentBytes(::getpid());
     RecordProperty("afterKiB", int((long(after) - long(start)) / 1024));
     EXPECT_LT(after, start + kAfterBound) << (after - start) / kMiB << " MiB more than at start";
     klNetBufferPool::s_instance.setFreeLimit(klNetBufferPool::kDefaultFreeLimit);

@@ -18,7 +18,6 @@ namespace {
 
 constexpr std::uint32_t kStart = klNetService::kStartServer;
 constexpr std::uint32_t kConnect = klNetService::kConnectServer;
-constexpr std::uint32_t kStopService = klNetService::kStopService;
 constexpr std::uint32_t kStopServer = klNetService::kStopServer;
 constexpr std::uint32_t kStopBooking = klNetService::kStopServerByBookingId;
 
@@ -124,7 +123,7 @@ TEST(klNetServiceTest, StoppedServersLeaveTheTableOnlyAfterStopServerOrStart) {
     expectRenders(*first);
 }
 
-TEST(klNetServiceTest, RelaysToAnotherListenerAndStopServiceEndsTheDaemon) {
+TEST(klNetServiceTest, RelaysToAnotherListener) {
     ServiceDaemon service;
     klBoundSocketLink listener(0);
     auto echo = std::async(std::launch::async, [&] {
@@ -140,9 +139,6 @@ TEST(klNetServiceTest, RelaysToAnotherListenerAndStopServiceEndsTheDaemon) {
     *stream >> echoed;
     EXPECT_EQ("through the relay", echoed);
     echo.get();
-
-    EXPECT_EQ("", request(service, kStopService));
-    EXPECT_EQ(0, service.exitStatus(30.0));
 }
 
 // The daemon in a program directory of the test's own (hard-linked, so that it looks for its
@@ -172,7 +168,7 @@ TEST(klNetServiceTest, HostileClientsNeitherKnockItOverNorLeak) {
     status(service);
     const std::size_t descriptors = service.procEntries("fd");
     const std::size_t threads = service.procEntries("task");
-    const std::uint64_t resident = service.residentBytes();
+    const std::uint64_t resident = residentBytes(service.pid());
     const klSocketAddress address("127.0.0.1", service.port());
 
     for (int i = 0; i < 1000; ++i) {  // port scans: connect and close
@@ -203,7 +199,7 @@ TEST(klNetServiceTest, HostileClientsNeitherKnockItOverNorLeak) {
     EXPECT_TRUE(waitUntil([&] { return service.procEntries("fd") <= descriptors; }));
     EXPECT_TRUE(waitUntil([&] { return service.procEntries("task") <= threads; }));
     EXPECT_EQ(0, status(service).getNumberOfClusterServers());
-    EXPECT_LT(service.residentBytes(), resident + 64 * 1024 * 1024);
+    EXPECT_LT(residentBytes(service.pid()), resident + 64 * 1024 * 1024);
 }
 
 // ---- klnetctl ----------------------------------------------------------------------------------
@@ -269,18 +265,17 @@ protected:
     // per-thread children lists lose a child for a moment when its starting thread ends.
     void rememberServers(const ServiceDaemon& daemon) {
         for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-            const std::string name = entry.path().filename().string();
-            if (name.find_first_not_of("0123456789") != std::string::npos) {
-                continue;
+            if (!std::isdigit(entry.path().filename().string()[0])) {
+                continue;  // not a process
             }
             std::ifstream stat(entry.path() / "stat");
-            std::string text((std::istreambuf_iterator<char>(stat)), {});
+            const std::string text((std::istreambuf_iterator<char>(stat)), {});
             const auto nameEnd = text.rfind(") ");
             pid_t parent = 0;
             if (nameEnd != std::string::npos &&
                 std::sscanf(text.c_str() + nameEnd + 2, "%*c %d", &parent) == 1 &&
                 parent == daemon.pid()) {
-                m_servers.push_back(std::stoi(name));
+                m_servers.push_back(std::stoi(entry.path().filename()));
             }
         }
     }

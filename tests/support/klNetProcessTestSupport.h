@@ -24,6 +24,13 @@ inline std::string programDir() {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path();
 }
 
+// Resident set size of a process in bytes.
+inline std::size_t residentBytes(pid_t pid) {
+    std::size_t size = 0, resident = 0;
+    std::ifstream("/proc/" + std::to_string(pid) + "/statm") >> size >> resident;
+    return resident * std::size_t(::sysconf(_SC_PAGESIZE));
+}
+
 // A directory of its own under parent (the system's temporary directory unless given), removed
 // with everything in it.
 class TempDir {
@@ -153,14 +160,6 @@ public:
                                                        what);
         return std::size_t(std::distance(begin(list), end(list)));
     }
-    // Resident set size in bytes.
-    std::uint64_t residentBytes() const {
-        std::ifstream statm("/proc/" + std::to_string(m_pid) + "/statm");
-        std::uint64_t size = 0, resident = 0;
-        statm >> size >> resident;
-        return resident * std::uint64_t(::sysconf(_SC_PAGESIZE));
-    }
-
 private:
     // Appends what fd brings before deadline; false at its end or at the deadline.
     static bool readMore(int fd, std::string& into, Clock::time_point deadline) {
