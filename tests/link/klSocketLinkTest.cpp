@@ -1,12 +1,16 @@
-// Socket and listening links on real sockets, and an echoed exchange over loopback.
+// Links: the link base and its cipher hook, socket addresses, socket and listening links on real
+// sockets, and an echoed exchange over loopback.
 #include <support/klNetSocketTestSupport.h>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <signal.h>
-
 #include <random>
+#include <signal.h>
+#include <stdexcept>
+#include <sys/un.h>
 
 using namespace kltest;
 
@@ -263,3 +267,135 @@ INSTANTIATE_TEST_SUITE_P(FramingsAndFamilies, klSocketLinkExchange,
                          ::testing::Combine(::testing::Bool(),
                                             ::testing::Values(std::string("127.0.0.1"),
                                                               std::string("::1"))));
+
+namespace {
+
+// Shows what the base hands a concrete send.
+struct FakeLink final : klNetLink {
+    void send(const std::shared_ptr<klNetBuffer>& buffer) override { sent = encryptBuffer(buffer); }
+    void recv(std::shared_ptr<klNetBuffer>&) override {}
+    void shutdown() override {}
+    unsigned int getRecvHandle() override { return 0; }
+    void checkAlive() override {}
+    std::shared_ptr<klNetBuffer> sent;
+};
+
+// XOR with a key that depends on the position in the ciphered region, so that a region that
+// starts or ends at the wrong byte, or is ciphered in pieces, shows. Logs its calls.
+struct XorCipher final : klNetCipherBase {
+    static unsigned char key(std::uint64_t i) { return static_cast<unsigned char>(i * 31 + 7); }
+    void encrypt(void* to, const void* from, std::uint64_t n) override { apply('e', to, from, n); }
+    void decrypt(void* to, const void* from, std::uint64_t n) override { apply('d', to, from, n); }
+    void apply(char what, void* to, const void* from, std::uint64_t n) {
+        calls += what + std::to_string(n) + " ";
+        for (std::uint64_t i = 0; i < n; ++i) {
+            static_cast<unsigned char*>(to)[i] =
+                static_cast<const unsigned char*>(from)[i] ^ key(i);
+        }
+    }
+    std::string calls;
+};
+
+}  // namespace
+
+TEST(klNetLink, BaseSendsTheCallersBufferRefusesATimeoutAndCopiesKeepIdentifiersAndCipher) {
+    FakeLink link;
+    KL_EXPECT_THROW_TEXT(link.setRecvTimeout(2.5), klNetError, "Unable to set recv timeout");
+    const auto buffer = bufferWith(pattern(10));
+    link.send(buffer);
+    EXPECT_EQ(buffer, link.sent) << "without a cipher the caller's own buffer goes out";
+    link.setId(7);
+    link.setRemoteId(9);
+    link.setNodeAffinity(1);
+    link.setCipher(std::make_shared<XorCipher>());
+    FakeLink copy(link), assigned;
+    assigned = link;
+    for (FakeLink* each : {&copy, &assigned}) {
+        EXPECT_EQ(std::make_tuple(7u, 9u, 1),
+                  std::make_tuple(each->getId(), each->getRemoteId(), each->getNodeAffinity()));
+        each->send(buffer);
+        EXPECT_EQ(buffer->getBuffer()[4] ^ XorCipher::key(0), each->sent->getBuffer()[4]);
+    }
+}
+
+TEST(klNetLink, CipherCoversHeaderBytesFourOnAndThePayloadWithTheSizeInClear) {
+    RawPeer peer;
+    auto cipher = std::make_shared<XorCipher>();
+    peer.link.setCipher(cipher);
+    for (std::size_t size : {300u, 0u}) {
+        const auto buffer = bufferWith(pattern(size));
+        std::memcpy(buffer->getBuffer() + 4, pattern(40).data() + 20, 20);
+        const Bytes clear = wireOf(*buffer);
+        Bytes ciphered = clear;
+        for (std::size_t i = 4; i < ciphered.size(); ++i) {
+            ciphered[i] ^= XorCipher::key(i - 4);
+        }
+        peer.link.send(buffer);
+        EXPECT_EQ(clear, wireOf(*buffer)) << "the caller's buffer was changed";
+        EXPECT_EQ(ciphered, readExactly(peer.raw, 24 + size)) << size;
+        // Echoed back, the bytes are framed by the clear size and deciphered in place.
+        writeAll(peer.raw, ciphered);
+        std::shared_ptr<klNetBuffer> received;
+        peer.link.recv(received);
+        EXPECT_EQ(clear, wireOf(*received));
+        EXPECT_EQ("e" + std::to_string(20 + size) + " d" + std::to_string(20 + size) + " ",
+                  cipher->calls);
+        cipher->calls.clear();
+    }
+}
+
+TEST(klSocketAddress, SplitsServerAndPortTexts) {
+    const std::tuple<const char*, const char*, int> cases[] = {
+        {"render7", "render7", 8889},
+        {"  render7:9000  ", "render7", 9000},
+        {"  render7  ", "render7", 8889},
+        {"render7:", "render7", 8889},
+        {"render7:99999", "render7", 99999},
+        {"[::1]:9000", "::1", 9000},
+        {"[::1]", "::1", 8889},
+        {" [fe80::1%eth0]:7 ", "fe80::1%eth0", 7},
+        // Texts that fit neither pattern stay whole with the default port.
+        {"fe80::1", "fe80::1", 8889},
+        {":99999", ":99999", 8889},
+        {"a:b:1", "a:b:1", 8889},
+    };
+    for (const auto& [text, server, port] : cases) {
+        std::string splitServer = "stale";
+        int splitPort = -5;
+        klSocketAddress::splitServerAndPort(text, splitServer, splitPort, 8889);
+        EXPECT_EQ(std::make_tuple(text, std::string(server), port, std::string(server), port),
+                  std::make_tuple(text, splitServer, splitPort, klSocketAddress::parseServer(text),
+                                  klSocketAddress::parsePort(text, 8889)));
+    }
+    EXPECT_THROW(klSocketAddress("127.0.0.1:99999999999", 1), std::out_of_range);
+}
+
+TEST(klSocketAddress, ResolvesNumericTextsPrefersIpv4AndReadsMappedPeersAsIpv4) {
+    const klSocketAddress v6("[::1]:9000", 8889);
+    const klSocketAddress v4("127.0.0.1", "4567");
+    EXPECT_TRUE(v6.getFamily() == AF_INET6 && v6.getName() == "::1" && v6.getPort() == 9000);
+    EXPECT_TRUE(v4.getFamily() == AF_INET && v4.getName() == "127.0.0.1" && v4.getPort() == 4567);
+    EXPECT_EQ("127.0.0.1", klSocketAddress("localhost", 1).getName());
+    EXPECT_EQ("0.0.0.0", klSocketAddress("", "0").getName());  // the wildcard, of both families
+    sockaddr_in6 peer{};
+    peer.sin6_family = AF_INET6;
+    for (const char* name : {"::ffff:10.1.2.3", "fe80::ffff:1"}) {
+        ASSERT_EQ(1, ::inet_pton(AF_INET6, name, &peer.sin6_addr));
+        EXPECT_EQ(name[1] == ':' ? "10.1.2.3" : name,
+                  klSocketAddress(reinterpret_cast<const sockaddr*>(&peer)).getName());
+    }
+}
+
+TEST(klSocketAddress, FailuresNameTheirCause) {
+    sockaddr_un local{};
+    local.sun_family = AF_UNIX;
+    KL_EXPECT_THROW_TEXT(klSocketAddress(reinterpret_cast<const sockaddr*>(&local)), klNetError,
+                         "Protocol not supported");
+    // A name with an empty label is refused by the resolver itself, without asking a server.
+    KL_EXPECT_THROW_TEXT(klSocketAddress("no..such..host", "80"), klNetError,
+                         std::string("Unable to get address info for 'no..such..host' ") +
+                             ::gai_strerror(EAI_NONAME));
+    KL_EXPECT_THROW_TEXT(
+        klSocketAddress("127.0.0.1", "no-such-service"), klNetError,
+        std::string("Unable to get address info for '127.0.0.1' ") + ::gai_strerror(EAI_SERVICE));
+}
