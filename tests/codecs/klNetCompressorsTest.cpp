@@ -2,7 +2,7 @@
 // which buffers are compressed and on which thread, the exact refusal of broken payloads from a
 // peer, errors on the stages' workers, and round trips through the stages over a socket link.
 #include <support/klNetPipelineSupport.h>
-#include <support/klNetSocketTestSupport.h>
+#include <support/klNetProcessTestSupport.h>
 
 #include <klNetBase/codecs/klNetCodecs.h>
 #include <klNetBase/recv/klNetDecompressReceiver.h>
@@ -83,11 +83,6 @@ Buffer stamped(const Bytes& payload, klNetMessageType type, std::size_t sequence
     return buffer;
 }
 
-std::size_t threadCount() {
-    auto tasks = std::filesystem::directory_iterator("/proc/self/task");
-    return std::size_t(std::distance(begin(tasks), end(tasks)));
-}
-
 }  // namespace
 
 TEST(klNetCompressorBase, DecidesByHeaderAndTheSettingOfTheBuffersType) {
@@ -123,7 +118,7 @@ TEST(klNetCompressSender, BuffersNotToCompressGoOutOnTheCallersThreadCountedAndS
     auto probe = std::make_shared<ProbeSender>(std::set<unsigned int>{1});
     std::vector<std::thread::id> callers;
     probe->recorder->hook = [&](const Buffer&) { callers.push_back(std::this_thread::get_id()); };
-    const std::size_t threads = threadCount();
+    const std::size_t threads = procEntries(::getpid(), "task");
     auto sender = klNetCompressSender::create(std::make_shared<Hooked>(), probe);
     sender->send(stamped(imageBytes(10000, 1), klNetMessageTypeStream));
     sender->send(stamped({}, klNetMessageTypeStream));
@@ -136,7 +131,8 @@ TEST(klNetCompressSender, BuffersNotToCompressGoOutOnTheCallersThreadCountedAndS
         sender->send(stamped(imageBytes(6000, 3), klNetMessageTypeBundle));
         sender->send(stamped({}, klNetMessageTypeImage));
     }
-    EXPECT_EQ(threads, threadCount()) << "a worker started without anything to compress";
+    EXPECT_EQ(threads, procEntries(::getpid(), "task"))
+        << "a worker started without anything to compress";
     EXPECT_EQ(std::vector<std::thread::id>(5, std::this_thread::get_id()), callers);
     EXPECT_EQ(10048u + 5024u + 6024u + 24u, sender->getCompressedBytes());
     sender->resetStatistics();
@@ -156,15 +152,12 @@ TEST(klNetCompressSender, ACompressorErrorIsRethrownOnTheCallersThreadByEveryLat
     for (unsigned char first : {1, 2, 7}) {  // the failing one last: no send can meet its error
         sender->send(stamped(Bytes(8000, first), klNetMessageTypeStream));
     }
-    Task wait([sender] { sender->waitAllDataTransfered(); });
-    ASSERT_TRUE(wait.finishedWithin(kBound));
-    KL_EXPECT_THROW_TEXT(wait.get(), klNetError, "codec broke on 7");
+    EXPECT_EQ("codec broke on 7", drained(sender));
     KL_EXPECT_THROW_TEXT(sender->send(stamped({1}, klNetMessageTypeImage)), klNetError,
                          "codec broke on 7");
-    KL_EXPECT_THROW_TEXT(sender->waitAllDataTransfered(), klNetError, "codec broke on 7");
+    EXPECT_EQ("codec broke on 7", drained(sender));
     EXPECT_GE(2u, probe->recorder->taken().size());
-    Task destroy([s = std::move(sender)]() mutable { s.reset(); });
-    EXPECT_TRUE(destroy.finishedWithin(kBound));
+    EXPECT_TRUE(releasedWithin(std::move(sender)));
 }
 
 TEST(klNetDecompressReceiver, DeliversRestoredAndInjectedBuffersThenTheLinksErrorWithoutHanging) {
@@ -174,19 +167,13 @@ TEST(klNetDecompressReceiver, DeliversRestoredAndInjectedBuffersThenTheLinksErro
     std::vector<std::shared_ptr<klNetReceiver>> children{klNetLinkReceiver::create(far)};
     auto receiver = klNetDecompressReceiver::create(codec, children);
     EXPECT_FALSE(receiver->isReadable());
-
-    const Buffer plain = stamped(imageBytes(6000, 5), klNetMessageTypeStream);
-    near->send(codec->compress(plain));
-    ASSERT_TRUE(waitUntil([&] { return receiver->isReadable(); }));
     Buffer got;
-    receiver->recv(got);
-    EXPECT_EQ(wireOf(*plain), wireOf(*got));
 
     // Injected: compressed on the way in only with image method 4, and only when compressible.
     const std::size_t threshold = std::size_t(klNetOptions::getCompressionThreshold());
-    for (const auto& [image, size, arrivesCompressed] : {std::tuple{4, threshold, true},
-                                                         std::tuple{4, threshold - 1, false},
-                                                         std::tuple{2, threshold, false}}) {
+    for (const auto& [image, size, arrivesCompressed] :
+         {std::tuple{4, threshold, true}, std::tuple{4, threshold - 1, false},
+          std::tuple{2, threshold, false}}) {
         Settings injecting(2, image);
         const Buffer local = stamped(imageBytes(size, 1), klNetMessageTypeImage);
         receiver->addToRecvQueue(local);
@@ -196,35 +183,36 @@ TEST(klNetDecompressReceiver, DeliversRestoredAndInjectedBuffersThenTheLinksErro
     }
 
     // A corrupt payload fails the worker that takes it; what arrived around it still comes
-    // through. Then the link's end surfaces, and keeps surfacing rather than leaving the reader
-    // waiting.
+    // through restored. Then the link's end surfaces, and keeps surfacing rather than leaving the
+    // reader waiting.
+    const Buffer plain = stamped(imageBytes(6000, 5), klNetMessageTypeStream);
     Buffer corrupt = codec->compress(plain);
     corrupt->setDataSize(3);
     for (const Buffer& buffer : {codec->compress(plain), corrupt, plain})
         near->send(buffer);
-    Task read([receiver, near = near] {
+    ASSERT_TRUE(waitUntil([&] { return receiver->isReadable(); }));
+    Task read([receiver, near = near, plain] {
         const auto next = [&] {
             return outcome([&] {
                 Buffer buffer;
                 receiver->recv(buffer);
-                if (buffer->getDataSize() != 6000)
+                if (wireOf(*buffer) != wireOf(*plain))
                     throw std::logic_error("wrong buffer");
             });
         };
         std::vector<std::string> outcomes{next(), next(), next()};
         std::sort(outcomes.begin(), outcomes.end());
-        EXPECT_EQ((std::vector<std::string>{
-                      "Corrupt LZ4 payload: 3 bytes do not decode to 6000 bytes", "returned",
-                      "returned"}),
-                  outcomes);
+        EXPECT_EQ(
+            (std::vector<std::string>{"Corrupt LZ4 payload: 3 bytes do not decode to 6000 bytes",
+                                      "returned", "returned"}),
+            outcomes);
         near->shutdown();
         EXPECT_EQ("closed", next());
         EXPECT_EQ("closed", next());
     });
     ASSERT_TRUE(read.finishedWithin(kBound));
     read.get();
-    Task destroy([r = std::move(receiver)]() mutable { r.reset(); });
-    EXPECT_TRUE(destroy.finishedWithin(kBound));
+    EXPECT_TRUE(releasedWithin(std::move(receiver)));
 }
 
 // Both compression settings select the codec's method for the length of a test.
@@ -302,13 +290,12 @@ TEST_P(klNetCompressorTest, RefusesABrokenPayloadWithItsReason) {
             compressor->compress(stamped(imageBytes(131072, 7), klNetMessageTypeImage));
         ASSERT_EQ(GetParam().method, packed->getCompression());
         breakIt(*packed);
-        KL_EXPECT_THROW_TEXT(compressor->decompress(packed), klNetError,
-                             !text.empty() ? text
-                                           : "Corrupt " + name + " payload: " +
-                                                 std::to_string(packed->getDataSize()) +
-                                                 " bytes do not decode to " +
-                                                 std::to_string(packed->getOriginalDataSize()) +
-                                                 " bytes");
+        KL_EXPECT_THROW_TEXT(
+            compressor->decompress(packed), klNetError,
+            !text.empty() ? text
+                          : "Corrupt " + name + " payload: " +
+                                std::to_string(packed->getDataSize()) + " bytes do not decode to " +
+                                std::to_string(packed->getOriginalDataSize()) + " bytes");
     }
 }
 

@@ -7,10 +7,10 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <random>
 #include <signal.h>
-#include <stdexcept>
 #include <sys/un.h>
+#include <random>
+#include <stdexcept>
 
 using namespace kltest;
 
@@ -223,22 +223,22 @@ class klSocketLinkExchange : public ::testing::TestWithParam<std::tuple<bool, st
 TEST_P(klSocketLinkExchange, EchoedBuffersArriveIntact) {
     const auto [compatibility, host] = GetParam();
     klBoundSocketLink listener(0);
-    Task echo([compatibility = compatibility, to = loopback(listener.getAddress().getPort(),
-                                                            host)] {
-        klSocketLink link(to, 10.0);
-        std::uint32_t greeting = klSocketLink::kCompatibilityGreeting;
-        if (compatibility) {  // stays in the normal framing unless the greeting is echoed
-            link.send(&greeting, sizeof(greeting));
-            link.recv(&greeting, sizeof(greeting));
-            link.setCompatibilityMode(greeting == klSocketLink::kCompatibilityGreeting);
-        } else {
-            link.signalHPCNetSocket();
-        }
-        link.setRecvTimeout(20.0);  // lifted by the greeting
-        for (std::shared_ptr<klNetBuffer> buffer;; link.send(buffer)) {
-            link.recv(buffer);
-        }
-    });
+    Task echo(
+        [compatibility = compatibility, to = loopback(listener.getAddress().getPort(), host)] {
+            klSocketLink link(to, 10.0);
+            std::uint32_t greeting = klSocketLink::kCompatibilityGreeting;
+            if (compatibility) {  // stays in the normal framing unless the greeting is echoed
+                link.send(&greeting, sizeof(greeting));
+                link.recv(&greeting, sizeof(greeting));
+                link.setCompatibilityMode(greeting == klSocketLink::kCompatibilityGreeting);
+            } else {
+                link.signalHPCNetSocket();
+            }
+            link.setRecvTimeout(20.0);  // lifted by the greeting
+            for (std::shared_ptr<klNetBuffer> buffer;; link.send(buffer)) {
+                link.recv(buffer);
+            }
+        });
     const std::shared_ptr<klSocketLink> link =
         klSocketLink::checkForHPCNetSocket(klSocketLink(listener).takeDescriptor());
     ASSERT_NE(nullptr, link);

@@ -26,7 +26,7 @@ constexpr std::size_t kAfterBound = 16 * kMiB * kSlack;
 // The header of one frame; a payload of size zero bytes follows it on the connection.
 klNetHeader crafted(std::uint32_t size, unsigned sequence, klNetMessageType type, unsigned source,
                     unsigned destination, unsigned messageId, unsigned count) {
-    return {size,   size,        std::uint16_t(sequence),  std::uint8_t(type),    0,
+    return {size,   size,        std::uint16_t(sequence),  std::uint8_t(type),  0,
             source, destination, std::uint16_t(messageId), std::uint16_t(count)};
 }
 

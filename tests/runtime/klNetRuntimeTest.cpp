@@ -5,8 +5,8 @@
 #include <klNetBase/runtime/klNetRuntimeBase.h>
 
 #include <sched.h>
-#include <sstream>
 #include <unistd.h>
+#include <sstream>
 
 using kltest::Bytes;
 

@@ -133,8 +133,8 @@ protected:
         master.setSender(klNetMultiSender::create(senders));
         master.setReceiver(klNetMultiLinkReceiver::create(links));
         // A fault ends in a failed test rather than a hang.
-        m_watchdog = std::make_unique<Watchdog>([this] { master.shutdown(); },
-                                                std::chrono::seconds(60));
+        m_watchdog =
+            std::make_unique<Watchdog>([this] { master.shutdown(); }, std::chrono::seconds(60));
     }
 
     void TearDown() override {

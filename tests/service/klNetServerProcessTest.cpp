@@ -148,7 +148,8 @@ TEST(klNetServerProcessTest, InProcessServerGetsThePipeNameAndItsFailureIsLogged
     klNetServerProcess::setInProcess(false, {});
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_EQ(task->socketPipeName(), handed.get_future().get());
-    EXPECT_EQ(" ERROR render failed\n", log.substr(log.size() - std::min<std::size_t>(log.size(), 21)));
+    EXPECT_EQ(" ERROR render failed\n",
+              log.substr(log.size() - std::min<std::size_t>(log.size(), 21)));
 }
 
 // Child mode of MissingProgramFailsWithTheExactText.

@@ -166,8 +166,8 @@ TEST(klNetServiceTest, ServersThatNeverTakeTheirSocket) {
 TEST(klNetServiceTest, HostileClientsNeitherKnockItOverNorLeak) {
     ServiceDaemon service({"--request-timeout", "1", "--max-requests", "64"});
     status(service);
-    const std::size_t descriptors = service.procEntries("fd");
-    const std::size_t threads = service.procEntries("task");
+    const std::size_t descriptors = procEntries(service.pid(), "fd");
+    const std::size_t threads = procEntries(service.pid(), "task");
     const std::uint64_t resident = residentBytes(service.pid());
     const klSocketAddress address("127.0.0.1", service.port());
 
@@ -196,8 +196,8 @@ TEST(klNetServiceTest, HostileClientsNeitherKnockItOverNorLeak) {
     // Every request thread ends by the request time-out; the service answers and holds no more
     // descriptors or memory than before.
     // (The first count may still hold the closing connection of the status request.)
-    EXPECT_TRUE(waitUntil([&] { return service.procEntries("fd") <= descriptors; }));
-    EXPECT_TRUE(waitUntil([&] { return service.procEntries("task") <= threads; }));
+    EXPECT_TRUE(waitUntil([&] { return procEntries(service.pid(), "fd") <= descriptors; }));
+    EXPECT_TRUE(waitUntil([&] { return procEntries(service.pid(), "task") <= threads; }));
     EXPECT_EQ(0, status(service).getNumberOfClusterServers());
     EXPECT_LT(residentBytes(service.pid()), resident + 64 * 1024 * 1024);
 }

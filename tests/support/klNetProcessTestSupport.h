@@ -31,6 +31,12 @@ inline std::size_t residentBytes(pid_t pid) {
     return resident * std::size_t(::sysconf(_SC_PAGESIZE));
 }
 
+// Entries of a process's /proc directory: "fd" counts its descriptors, "task" its threads.
+inline std::size_t procEntries(pid_t pid, const std::string& what) {
+    const std::filesystem::directory_iterator list("/proc/" + std::to_string(pid) + "/" + what);
+    return std::size_t(std::distance(begin(list), end(list)));
+}
+
 // A directory of its own under parent (the system's temporary directory unless given), removed
 // with everything in it.
 class TempDir {
@@ -154,12 +160,7 @@ public:
             secondsOf(within));
         return m_exited ? m_status : kStillRunning;
     }
-    // Entries of the child's /proc directory: "fd" counts its descriptors, "task" its threads.
-    std::size_t procEntries(const std::string& what) const {
-        const std::filesystem::directory_iterator list("/proc/" + std::to_string(m_pid) + "/" +
-                                                       what);
-        return std::size_t(std::distance(begin(list), end(list)));
-    }
+
 private:
     // Appends what fd brings before deadline; false at its end or at the deadline.
     static bool readMore(int fd, std::string& into, Clock::time_point deadline) {

@@ -134,6 +134,13 @@ private:
     std::thread m_thread;
 };
 
+// Lets go of owner on a thread of its own, so that a destructor that hangs fails the test instead
+// of hanging it: true when the release ended within the bound.
+template <class T>
+bool releasedWithin(std::shared_ptr<T>&& owner, Clock::duration limit = kBound) {
+    return Task([owner = std::move(owner)]() mutable { owner.reset(); }).finishedWithin(limit);
+}
+
 // Calls stop unless it is destroyed within limit, so that a call that a fault leaves blocked
 // returns and the test fails instead of hanging. Firing fails the test.
 class Watchdog {
