@@ -76,68 +76,54 @@ TEST_F(StripeFarm, TwoLinksThroughABalancedSenderOfBufferedSendersDeliverEveryBy
     for (const auto& near : nears) {
         perLink.push_back(klNetBufferedSender::create(klNetLinkSender::create(near), 0));
     }
-    klNetStream sending;
-    sending.setSender(klNetBalancedSender::create(perLink));
+    auto sending = std::make_shared<klNetStream>();
+    sending->setSender(klNetBalancedSender::create(perLink));
     klNetStream receiving;
     receiving.setReceiver(klNetSortReceiver::create(
         klNetUnbundleReceiver::create(klNetMultiLinkReceiver::create(fars))));
 
-    // Full buffers first, then 70000 small flushed ones: those are bundled per link, and their
-    // 16-bit sequence numbers wrap around while the two links overtake each other.
-    constexpr std::uint64_t kBulk = 48ull << 20;
-    constexpr int kSmall = 70000;
-    std::uint64_t total = kBulk;
-    for (int i = 0; i < kSmall; ++i) {
-        total += 1 + std::uint64_t(i) * 7919 % 150;
+    // 48 MiB in chunks of up to 300 KB, then 70000 small flushed ones: those are bundled per link,
+    // and their 16-bit sequence numbers wrap around while the two links overtake each other.
+    std::vector<std::size_t> sizes;
+    std::uint64_t total = 0;
+    for (std::size_t size = 1; total < (48u << 20); size = size * 3 % 300007 + 1) {
+        sizes.push_back(std::min<std::size_t>(size, (48u << 20) - total));
+        total += sizes.back();
     }
-    // The reader reads everything even after a difference, so that the writer never stalls.
-    auto reading = std::async(std::launch::async, [&receiving, total] {
-        std::string verdict = "all in order";
-        Bytes chunk(100003), expected(chunk.size());
-        for (std::uint64_t done = 0; done < total; done += chunk.size()) {
-            chunk.resize(std::size_t(std::min<std::uint64_t>(chunk.size(), total - done)));
-            expected.resize(chunk.size());
-            receiving.getBytes(chunk.data(), chunk.size());
-            fill(expected, done);
-            if (chunk != expected && verdict == "all in order") {
-                const auto at = std::mismatch(chunk.begin(), chunk.end(), expected.begin());
-                verdict = "byte " + std::to_string(done + std::uint64_t(at.first - chunk.begin())) +
-                          " differs";
+    const std::size_t bulk = sizes.size();
+    for (std::size_t i = 0; i < 70000; ++i) {
+        sizes.push_back(1 + i * 7919 % 150);
+        total += sizes.back();
+    }
+    Task writing([sending, sizes, bulk] {
+        Bytes chunk;
+        for (std::size_t i = 0, written = 0; i < sizes.size(); written += sizes[i++]) {
+            chunk.resize(sizes[i]);
+            fill(chunk, written);
+            sending->putBytes(chunk.data(), chunk.size());
+            if (i >= bulk) {
+                sending->flush();
             }
         }
-        return verdict;
+        sending->waitAllDataTransfered();
     });
-    auto writing = std::async(std::launch::async, [&sending] {
-        std::uint64_t written = 0;
-        Bytes chunk;
-        for (std::size_t size = 1; written < kBulk; size = size * 3 % 300007 + 1) {
-            chunk.resize(std::size_t(std::min<std::uint64_t>(size, kBulk - written)));
-            fill(chunk, written);
-            sending.putBytes(chunk.data(), chunk.size());
-            written += chunk.size();
-        }
-        for (int i = 0; i < kSmall; ++i) {
-            chunk.resize(1 + std::size_t(i) * 7919 % 150);
-            fill(chunk, written);
-            sending.putBytes(chunk.data(), chunk.size());
-            sending.flush();
-            written += chunk.size();
-        }
-        sending.waitAllDataTransfered();
-        return written;
-    });
-    const auto deadline = Clock::now() + std::chrono::seconds(60);
-    if (writing.wait_until(deadline) != std::future_status::ready ||
-        reading.wait_until(deadline) != std::future_status::ready) {
-        ADD_FAILURE() << "the transfer did not end within the bound";
-        sending.shutdown();
-        receiving.shutdown();
+    // Everything is read even after a difference, so that the writer never stalls.
+    Watchdog hang([&] { receiving.shutdown(); }, std::chrono::seconds(60));
+    Bytes chunk(100003), expected(chunk.size());
+    std::uint64_t differs = total;
+    for (std::uint64_t done = 0; done < total; done += chunk.size()) {
+        chunk.resize(std::size_t(std::min<std::uint64_t>(chunk.size(), total - done)));
+        expected.resize(chunk.size());
+        receiving.getBytes(chunk.data(), chunk.size());
+        fill(expected, done);
+        differs = chunk != expected ? std::min(differs, done) : differs;
     }
-    EXPECT_EQ(total, writing.get());
-    EXPECT_EQ("all in order", reading.get());
+    EXPECT_EQ(total, differs) << "the chunk from byte " << differs << " differs";
+    ASSERT_TRUE(writing.finishedWithin(kBound));
+    writing.get();
     // Round robin over buffered senders gives each link about half of the bytes.
     for (const auto& far : farSockets) {
         EXPECT_GT(bytesReceived(*far), total / 3) << "a link carried too little";
     }
-    sending.shutdown();
+    sending->shutdown();
 }
