@@ -87,25 +87,16 @@ TEST_P(HostilePeer, MemoryStaysBoundedAndExcessGetsItsError) {
         stream.setReceiver(klNetSortReceiver::create(
             klNetUnbundleReceiver::create(klNetLinkReceiver::create(link))));
 
-        // Writes in chunks of about 64 KiB until done or shut down below, then ends the stream.
+        // Writes every frame until done or shut down below, then ends the stream. Payloads come
+        // from one block of zeros, so that the test's own memory does not grow with them.
         const int fd = raw.getDescriptor();
         Task peer([fd, pattern] {
-            Bytes chunk;
+            static const Bytes zeros(klNetBuffer::kCapacity);
             for (int i = 0; i < pattern.frames; ++i) {
                 const klNetHeader next = pattern.headerAt(unsigned(i));
-                const auto* bytes = reinterpret_cast<const unsigned char*>(&next);
-                chunk.insert(chunk.end(), bytes, bytes + sizeof(next));
-                chunk.resize(chunk.size() + next.dataSize);
-                for (std::size_t sent = 0; chunk.size() >= 65536 || i + 1 == pattern.frames;) {
-                    const ssize_t n =
-                        ::send(fd, chunk.data() + sent, chunk.size() - sent, MSG_NOSIGNAL);
-                    if (n < 0) {
-                        return;
-                    }
-                    if ((sent += std::size_t(n)) == chunk.size()) {
-                        chunk.clear();
-                        break;
-                    }
+                if (::send(fd, &next, sizeof(next), MSG_NOSIGNAL) < 0 ||
+                    ::send(fd, zeros.data(), next.dataSize, MSG_NOSIGNAL) < 0) {
+                    return;
                 }
             }
             ::shutdown(fd, SHUT_WR);
