@@ -271,12 +271,6 @@ struct Pair {
         writer = std::make_shared<klNetStream>(links.first);
         reader = std::make_shared<klNetStream>(links.second);
     }
-    // The next n bytes of the reader's byte stream.
-    kltest::Bytes bytes(std::size_t n) {
-        kltest::Bytes got(n);
-        reader->getBytes(got.data(), n);
-        return got;
-    }
     std::shared_ptr<klSocketLink> near;
     std::shared_ptr<klNetStream> writer, reader;
 };
@@ -308,7 +302,7 @@ TEST(klNetStdOStream, WritesLengthPrefixedChunksAndAnEndMarkerOnlyOnClose) {
         pair.writer->putValue(kSentinel);
         *pair.writer << klNetStream::flush;
         kltest::Bytes expected = hex(row.wire + std::string("AABBCCDD"));
-        EXPECT_EQ(expected, pair.bytes(expected.size())) << row.text << row.close;
+        EXPECT_EQ(expected, readBytes(*pair.reader, expected.size())) << row.text << row.close;
     }
     // A full area makes a chunk of 1 MiB; the rest goes at the next flush.
     Task write([w = pair.writer] {
@@ -317,9 +311,10 @@ TEST(klNetStdOStream, WritesLengthPrefixedChunksAndAnEndMarkerOnlyOnClose) {
         out.close();
         *w << klNetStream::flush;
     });
-    EXPECT_EQ(hex("00001000"), pair.bytes(4));
-    EXPECT_EQ(kltest::Bytes(klNetStreamBuf::kAreaSize, 'x'), pair.bytes(klNetStreamBuf::kAreaSize));
-    EXPECT_EQ(hex("01000000 78 00000000"), pair.bytes(9));
+    EXPECT_EQ(hex("00001000"), readBytes(*pair.reader, 4));
+    EXPECT_EQ(kltest::Bytes(klNetStreamBuf::kAreaSize, 'x'),
+              readBytes(*pair.reader, klNetStreamBuf::kAreaSize));
+    EXPECT_EQ(hex("01000000 78 00000000"), readBytes(*pair.reader, 9));
     ASSERT_TRUE(write.finishedWithin(kBound));
 }
 

@@ -58,6 +58,16 @@ inline Bytes concatPayloads(const Buffers& buffers) {
     return all;
 }
 
+// The next n bytes a serializer reads; for a message, by default all that is left of it.
+inline Bytes readBytes(klNetSerializer& serializer, std::size_t n) {
+    Bytes bytes(n);
+    serializer.getBytes(bytes.data(), n);
+    return bytes;
+}
+inline Bytes readBytes(klNetMessage& message) {
+    return readBytes(message, message.getMessageSize());
+}
+
 // A pool buffer holding exactly payload.
 inline Buffer bufferWith(const Bytes& payload) {
     auto buffer = klNetBufferPool::pop();
