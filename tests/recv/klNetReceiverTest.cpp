@@ -15,9 +15,7 @@ namespace {
 
 // A buffer whose sequence says which it is.
 Buffer numbered(unsigned int sequence) {
-    Buffer buffer = taggedBuffer(1 + sequence * 97 % 3000, 1, static_cast<unsigned char>(sequence));
-    buffer->setSequence(sequence);
-    return buffer;
+    return makeBuffer(pattern(1 + sequence * 97 % 3000), klNetMessageTypeMessage, 0, 1, sequence);
 }
 
 }  // namespace
@@ -38,7 +36,6 @@ TEST(klNetReceiver, OneLinkGivesALinkReceiverAndShutdownReachesEveryLink) {
     ASSERT_EQ(2u, queue.size());
     EXPECT_EQ(first, queue.front());
     const auto multi = klNetMultiLinkReceiver::create(two);
-    ASSERT_TRUE(std::dynamic_pointer_cast<klNetMultiLinkReceiver>(multi));
     EXPECT_EQ(two, multi->getLinks());
     multi->shutdown();
     EXPECT_EQ(1, link->shutdowns);
@@ -121,7 +118,7 @@ namespace {
 // How recv() ended: the buffer's size and first byte, or the outcome's word.
 std::string next(const std::shared_ptr<klNetReceiver>& receiver) {
     std::string seen;
-    const std::string how = kltest::outcome([&] {
+    const std::string how = outcome([&] {
         Buffer buffer;
         receiver->recv(buffer);
         seen = std::to_string(buffer->getDataSize()) + "/" +
@@ -133,8 +130,8 @@ std::string next(const std::shared_ptr<klNetReceiver>& receiver) {
 }  // namespace
 
 TEST(klNetBufferedReceiver, ReadsLinksAheadInParallelThenHandsOnEachLinksEndAfterItsData) {
-    auto [near1, far1] = kltest::connectedPair();
-    auto [near2, far2] = kltest::connectedPair();
+    auto [near1, far1] = connectedPair();
+    auto [near2, far2] = connectedPair();
     auto receiver = klNetBufferedReceiver::create(
         {klNetLinkReceiver::create(far1), klNetLinkReceiver::create(far2)});
     // While no error is stored, a peer's empty buffer is data, not a wake-up signal.
@@ -147,42 +144,38 @@ TEST(klNetBufferedReceiver, ReadsLinksAheadInParallelThenHandsOnEachLinksEndAfte
     }
     near1->shutdown();
     near2->send(taggedBuffer(7, 1, 200));
-    Task read([receiver, near2 = near2] {
-        std::vector<std::string> fromFirst;
-        bool secondSeen = false;
-        for (int i = 0; i < kCount + 2; ++i) {
-            const std::string got = next(receiver);
-            if (got == "7/200") {
-                EXPECT_FALSE(secondSeen);
-                secondSeen = true;
-            } else {
-                fromFirst.push_back(got);
-            }
+    Watchdog hang([receiver] { receiver->shutdown(); });
+    std::vector<std::string> fromFirst;
+    bool secondSeen = false;
+    for (int i = 0; i < kCount + 2; ++i) {
+        const std::string got = next(receiver);
+        if (got == "7/200") {
+            EXPECT_FALSE(secondSeen);
+            secondSeen = true;
+        } else {
+            fromFirst.push_back(got);
         }
-        EXPECT_TRUE(secondSeen);
-        ASSERT_EQ(std::size_t(kCount + 1), fromFirst.size());
-        for (int i = 0; i < kCount; ++i) {  // one link's buffers keep their order
-            ASSERT_EQ(std::to_string(100 + i) + "/" + std::to_string(i % 256), fromFirst[i]);
-        }
-        EXPECT_EQ("closed", fromFirst[kCount]);
-        // The second link still delivers after the first has failed.
-        near2->send(taggedBuffer(9, 1, 201));
-        EXPECT_EQ("9/201", next(receiver));
-        near2->shutdown();
-        EXPECT_EQ("closed", next(receiver));
-        EXPECT_EQ("closed", next(receiver)) << "the reader waited for workers that had ended";
-    });
-    ASSERT_TRUE(read.finishedWithin(kBound));
-    read.get();
+    }
+    EXPECT_TRUE(secondSeen);
+    ASSERT_EQ(std::size_t(kCount + 1), fromFirst.size());
+    for (int i = 0; i < kCount; ++i) {  // one link's buffers keep their order
+        ASSERT_EQ(std::to_string(100 + i) + "/" + std::to_string(i % 256), fromFirst[i]);
+    }
+    EXPECT_EQ("closed", fromFirst[kCount]);
+    // The second link still delivers after the first has failed.
+    near2->send(taggedBuffer(9, 1, 201));
+    EXPECT_EQ("9/201", next(receiver));
+    near2->shutdown();
+    EXPECT_EQ("closed", next(receiver));
+    EXPECT_EQ("closed", next(receiver)) << "the reader waited for workers that had ended";
 }
 
 TEST(klNetBufferedReceiver, DestructionShutsTheLinksAndJoinsWorkersEvenWithAFullQueue) {
-    auto [near, far] = kltest::connectedPair();
+    auto [near, far] = connectedPair();
     auto receiver = klNetBufferedReceiver::create({klNetLinkReceiver::create(far)});
     for (int i = 0; i < 400; ++i)
         near->send(taggedBuffer(10, 1));
-    Task destroy([r = std::move(receiver)]() mutable { r.reset(); });
-    EXPECT_TRUE(destroy.finishedWithin(kBound));
+    EXPECT_TRUE(releasedWithin(std::move(receiver)));
     Buffer buffer;
-    EXPECT_EQ("closed", kltest::outcome([&] { far->recv(buffer); }));
+    EXPECT_EQ("closed", outcome([&] { far->recv(buffer); }));
 }
