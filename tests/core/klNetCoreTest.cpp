@@ -248,18 +248,9 @@ std::string fields(const klNetInterfaceOptions& o) {
     return text.str();
 }
 
-Bytes serialise(const klNetInterfaceOptions& options) {
-    klNetMessage message;
-    options.putValue(message);
-    return concatPayloads(message.takeSendBuffers());
-}
-
+// Every field is overwritten by what is read.
 klNetInterfaceOptions deserialise(const Bytes& wire) {
-    klNetMessage message;
-    message.setRecvBuffer(bufferWith(wire));
-    auto options = make(9, "stale", 9, 9, 9, 9, true);  // every field is overwritten
-    options.getValue(message);
-    return options;
+    return readRecord(wire, make(9, "stale", 9, 9, 9, 9, true));
 }
 
 }  // namespace
@@ -298,10 +289,10 @@ TEST(klNetInterfaceOptions, AddMergesWhatTheOtherSetsWithItsAsymmetries) {
 
 TEST(klNetInterfaceOptions, WireFormIsPinnedAndReadsBack) {
     const Bytes defaults = hex("FFFFFFFF 01000000 00 FFFFFFFF FFFFFFFF FFFFFFFF FFFFFFFF 00");
-    EXPECT_EQ(defaults, serialise(klNetInterfaceOptions()));
+    EXPECT_EQ(defaults, wireOfRecord(klNetInterfaceOptions()));
     EXPECT_EQ("-1//-1/-1/-1/-1/0", fields(deserialise(defaults)));
     // The device travels up to its first zero byte.
-    const Bytes wire = serialise(make(1, std::string("ib0\0tail", 8), 0x0102, 2, 3, 4, true));
+    const Bytes wire = wireOfRecord(make(1, std::string("ib0\0tail", 8), 0x0102, 2, 3, 4, true));
     EXPECT_EQ(hex("01000000 04000000 69623000 02010000 02000000 03000000 04000000 01"), wire);
     EXPECT_EQ("1/ib0/258/2/3/4/1", fields(deserialise(wire)));
     // A zero length is an empty device with no bytes; any non-zero flag byte is true.

@@ -4,8 +4,6 @@
 // is gone, and a peer that exceeds a bound gets the exact error.
 #include <support/klNetProcessTestSupport.h>
 
-#include <netinet/in.h>
-
 using namespace kltest;
 
 namespace {
@@ -75,13 +73,7 @@ TEST_P(HostilePeer, MemoryStaysBoundedAndExcessGetsItsError) {
     klNetBufferPool::s_instance.setFreeLimit(16);
     const std::size_t start = residentBytes(::getpid());
     {
-        klBoundSocketLink listener(0);
-        klSocketLink raw(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const klSocketAddress address("127.0.0.1", listener.getAddress().getPort());
-        ASSERT_EQ(0, ::connect(raw.getDescriptor(), address.getSockAddr(),
-                               socklen_t(address.getSockAddrSize())));
-        auto link = std::make_shared<klSocketLink>(listener);
-        link->setRecvTimeout(std::chrono::duration<double>(kBound).count());
+        const auto [raw, link] = connectedPair();
         klNetStream stream(link);
         stream.setRank(int(kNode));
         stream.setReceiver(klNetSortReceiver::create(
@@ -89,7 +81,7 @@ TEST_P(HostilePeer, MemoryStaysBoundedAndExcessGetsItsError) {
 
         // Writes every frame until done or shut down below, then ends the stream. Payloads come
         // from one block of zeros, so that the test's own memory does not grow with them.
-        const int fd = raw.getDescriptor();
+        const int fd = raw->getDescriptor();
         Task peer([fd, pattern] {
             static const Bytes zeros(klNetBuffer::kCapacity);
             for (int i = 0; i < pattern.frames; ++i) {

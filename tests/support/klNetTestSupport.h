@@ -68,12 +68,37 @@ inline Bytes readBytes(klNetMessage& message) {
     return readBytes(message, message.getMessageSize());
 }
 
+// The bytes of values written one after the other into a message.
+template <class... Values>
+Bytes wireOfValues(const Values&... values) {
+    klNetMessage message;
+    (message << ... << values);
+    return concatPayloads(message.takeSendBuffers());
+}
+
+// The bytes that record.putValue() writes.
+template <class Record>
+Bytes wireOfRecord(const Record& record) {
+    klNetMessage message;
+    record.putValue(message);
+    return concatPayloads(message.takeSendBuffers());
+}
+
 // A pool buffer holding exactly payload.
 inline Buffer bufferWith(const Bytes& payload) {
     auto buffer = klNetBufferPool::pop();
     std::copy(payload.begin(), payload.end(), buffer->getData());
     buffer->setDataSize(payload.size());
     return buffer;
+}
+
+// record after record.getValue() has read it from bytes.
+template <class Record>
+Record readRecord(const Bytes& bytes, Record record = Record()) {
+    klNetMessage message;
+    message.setRecvBuffer(bufferWith(bytes));
+    record.getValue(message);
+    return record;
 }
 
 // n bytes that differ from their neighbours, with a period that is no power of two.
