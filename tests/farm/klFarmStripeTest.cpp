@@ -2,35 +2,17 @@
 // sender of buffered senders on one side, a multi-link receiver with unbundling and re-sorting on
 // the other. Every byte arrives once and in order, and both links carry their share.
 #include <klNetNamespace.h>
-
-#include <klNetBase/klNetBase.h>
-#include <klNetBase/recv/klNetMultiLinkReceiver.h>
-#include <klNetBase/recv/klNetSortReceiver.h>
-#include <klNetBase/recv/klNetUnbundleReceiver.h>
-#include <klNetBase/send/klNetBalancedSender.h>
-#include <klNetBase/send/klNetBufferedSender.h>
-#include <klNetBase/send/klNetLinkSender.h>
-
-#include <gtest/gtest.h>
+#include <support/klNetProcessTestSupport.h>
 
 #include <linux/tcp.h>  // tcp_info with the byte counts
 #include <netinet/in.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <future>
-#include <string>
-#include <vector>
+using namespace kltest;
 
 namespace {
 
-constexpr auto kBound = std::chrono::seconds(60);
-
 std::string shell(const std::string& farm, const std::string& command) {
-    const std::string bin = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-    return "KLFARM_NAME=" + farm + " KLFARM_BIN=" + bin + " " KL_FARM_SCRIPT " " + command;
+    return "KLFARM_NAME=" + farm + " KLFARM_BIN=" + programDir() + " " KL_FARM_SCRIPT " " + command;
 }
 
 // A farm of one node with two links, made for each test and removed after it.
@@ -55,14 +37,10 @@ private:
     bool m_up = false;
 };
 
-// Byte i of the data: differs from its neighbours, and no block of it equals another.
-unsigned char byteAt(std::uint64_t i) {
-    return static_cast<unsigned char>((i * 0x9E3779B1u) >> 24 ^ i >> 17);
-}
-
-void fill(std::vector<unsigned char>& chunk, std::uint64_t from) {
+// The data from byte from on: each byte differs from its neighbours, and no block equals another.
+void fill(Bytes& chunk, std::uint64_t from) {
     for (std::size_t i = 0; i < chunk.size(); ++i) {
-        chunk[i] = byteAt(from + i);
+        chunk[i] = static_cast<unsigned char>(((from + i) * 0x9E3779B1u) >> 24 ^ (from + i) >> 17);
     }
 }
 
@@ -98,68 +76,54 @@ TEST_F(StripeFarm, TwoLinksThroughABalancedSenderOfBufferedSendersDeliverEveryBy
     for (const auto& near : nears) {
         perLink.push_back(klNetBufferedSender::create(klNetLinkSender::create(near), 0));
     }
-    klNetStream sending;
-    sending.setSender(klNetBalancedSender::create(perLink));
+    auto sending = std::make_shared<klNetStream>();
+    sending->setSender(klNetBalancedSender::create(perLink));
     klNetStream receiving;
     receiving.setReceiver(klNetSortReceiver::create(
         klNetUnbundleReceiver::create(klNetMultiLinkReceiver::create(fars))));
 
-    // Full buffers first, then 70000 small flushed ones: those are bundled per link, and their
-    // 16-bit sequence numbers wrap around while the two links overtake each other.
-    constexpr std::uint64_t kBulk = 48ull << 20;
-    constexpr int kSmall = 70000;
-    std::uint64_t total = kBulk;
-    for (int i = 0; i < kSmall; ++i) {
-        total += 1 + std::uint64_t(i) * 7919 % 150;
+    // 48 MiB in chunks of up to 300 KB, then 70000 small flushed ones: those are bundled per link,
+    // and their 16-bit sequence numbers wrap around while the two links overtake each other.
+    std::vector<std::size_t> sizes;
+    std::uint64_t total = 0;
+    for (std::size_t size = 1; total < (48u << 20); size = size * 3 % 300007 + 1) {
+        sizes.push_back(std::min<std::size_t>(size, (48u << 20) - total));
+        total += sizes.back();
     }
-    // The reader reads everything even after a difference, so that the writer never stalls.
-    auto reading = std::async(std::launch::async, [&receiving, total] {
-        std::string verdict = "all in order";
-        std::vector<unsigned char> chunk(100003), expected(chunk.size());
-        for (std::uint64_t done = 0; done < total; done += chunk.size()) {
-            chunk.resize(std::size_t(std::min<std::uint64_t>(chunk.size(), total - done)));
-            expected.resize(chunk.size());
-            receiving.getBytes(chunk.data(), chunk.size());
-            fill(expected, done);
-            if (chunk != expected && verdict == "all in order") {
-                const auto at = std::mismatch(chunk.begin(), chunk.end(), expected.begin());
-                verdict = "byte " + std::to_string(done + std::uint64_t(at.first - chunk.begin())) +
-                          " differs";
+    const std::size_t bulk = sizes.size();
+    for (std::size_t i = 0; i < 70000; ++i) {
+        sizes.push_back(1 + i * 7919 % 150);
+        total += sizes.back();
+    }
+    Task writing([sending, sizes, bulk] {
+        Bytes chunk;
+        for (std::size_t i = 0, written = 0; i < sizes.size(); written += sizes[i++]) {
+            chunk.resize(sizes[i]);
+            fill(chunk, written);
+            sending->putBytes(chunk.data(), chunk.size());
+            if (i >= bulk) {
+                sending->flush();
             }
         }
-        return verdict;
+        sending->waitAllDataTransfered();
     });
-    auto writing = std::async(std::launch::async, [&sending] {
-        std::uint64_t written = 0;
-        std::vector<unsigned char> chunk;
-        for (std::size_t size = 1; written < kBulk; size = size * 3 % 300007 + 1) {
-            chunk.resize(std::size_t(std::min<std::uint64_t>(size, kBulk - written)));
-            fill(chunk, written);
-            sending.putBytes(chunk.data(), chunk.size());
-            written += chunk.size();
-        }
-        for (int i = 0; i < kSmall; ++i) {
-            chunk.resize(1 + std::size_t(i) * 7919 % 150);
-            fill(chunk, written);
-            sending.putBytes(chunk.data(), chunk.size());
-            sending.flush();
-            written += chunk.size();
-        }
-        sending.waitAllDataTransfered();
-        return written;
-    });
-    const auto deadline = std::chrono::steady_clock::now() + kBound;
-    if (writing.wait_until(deadline) != std::future_status::ready ||
-        reading.wait_until(deadline) != std::future_status::ready) {
-        ADD_FAILURE() << "the transfer did not end within the bound";
-        sending.shutdown();
-        receiving.shutdown();
+    // Everything is read even after a difference, so that the writer never stalls.
+    Watchdog hang([&] { receiving.shutdown(); }, std::chrono::seconds(60));
+    Bytes chunk(100003), expected(chunk.size());
+    std::uint64_t differs = total;
+    for (std::uint64_t done = 0; done < total; done += chunk.size()) {
+        chunk.resize(std::size_t(std::min<std::uint64_t>(chunk.size(), total - done)));
+        expected.resize(chunk.size());
+        receiving.getBytes(chunk.data(), chunk.size());
+        fill(expected, done);
+        differs = chunk != expected ? std::min(differs, done) : differs;
     }
-    EXPECT_EQ(total, writing.get());
-    EXPECT_EQ("all in order", reading.get());
+    EXPECT_EQ(total, differs) << "the chunk from byte " << differs << " differs";
+    ASSERT_TRUE(writing.finishedWithin(kBound));
+    writing.get();
     // Round robin over buffered senders gives each link about half of the bytes.
     for (const auto& far : farSockets) {
         EXPECT_GT(bytesReceived(*far), total / 3) << "a link carried too little";
     }
-    sending.shutdown();
+    sending->shutdown();
 }

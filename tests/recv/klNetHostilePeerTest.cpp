@@ -2,11 +2,7 @@
 // peer that writes crafted frames straight into a loopback TCP connection: whatever the headers
 // claim, the process's resident memory stays bounded while the stream lives and goes back once it
 // is gone, and a peer that exceeds a bound gets the exact error.
-#include <support/klNetSocketTestSupport.h>
-
-#include <netinet/in.h>
-
-#include <fstream>
+#include <support/klNetProcessTestSupport.h>
 
 using namespace kltest;
 
@@ -25,24 +21,11 @@ constexpr std::size_t kSlack = 1;
 constexpr std::size_t kHeldBound = 80 * kMiB * kSlack;
 constexpr std::size_t kAfterBound = 16 * kMiB * kSlack;
 
-std::size_t residentBytes() {
-    std::size_t size = 0, resident = 0;
-    std::ifstream("/proc/self/statm") >> size >> resident;
-    return resident * std::size_t(::sysconf(_SC_PAGESIZE));
-}
-
-// The header of one frame; a payload of dataSize zero bytes follows it on the connection.
-klNetHeader crafted(std::size_t size, unsigned sequence, klNetMessageType type, unsigned source,
+// The header of one frame; a payload of size zero bytes follows it on the connection.
+klNetHeader crafted(std::uint32_t size, unsigned sequence, klNetMessageType type, unsigned source,
                     unsigned destination, unsigned messageId, unsigned count) {
-    klNetHeader header{};
-    header.dataSize = header.originalDataSize = std::uint32_t(size);
-    header.sequence = std::uint16_t(sequence);
-    header.type = std::uint8_t(type);
-    header.source = source;
-    header.destination = destination;
-    header.messageId = std::uint16_t(messageId);
-    header.messageBufferCount = std::uint16_t(count);
-    return header;
+    return {size,   size,        std::uint16_t(sequence),  std::uint8_t(type),  0,
+            source, destination, std::uint16_t(messageId), std::uint16_t(count)};
 }
 
 // The stream's rank: directed frames go to it, so the sort receiver lets them pass.
@@ -88,39 +71,24 @@ class HostilePeer : public testing::TestWithParam<Pattern> {};
 TEST_P(HostilePeer, MemoryStaysBoundedAndExcessGetsItsError) {
     const Pattern& pattern = GetParam();
     klNetBufferPool::s_instance.setFreeLimit(16);
-    const std::size_t start = residentBytes();
+    const std::size_t start = residentBytes(::getpid());
     {
-        klBoundSocketLink listener(0);
-        klSocketLink raw(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const klSocketAddress address("127.0.0.1", listener.getAddress().getPort());
-        ASSERT_EQ(0, ::connect(raw.getDescriptor(), address.getSockAddr(),
-                               socklen_t(address.getSockAddrSize())));
-        auto link = std::make_shared<klSocketLink>(listener);
-        link->setRecvTimeout(std::chrono::duration<double>(kBound).count());
+        const auto [raw, link] = connectedPair();
         klNetStream stream(link);
         stream.setRank(int(kNode));
         stream.setReceiver(klNetSortReceiver::create(
             klNetUnbundleReceiver::create(klNetLinkReceiver::create(link))));
 
-        // Writes in chunks of about 64 KiB until done or shut down below, then ends the stream.
-        const int fd = raw.getDescriptor();
+        // Writes every frame until done or shut down below, then ends the stream. Payloads come
+        // from one block of zeros, so that the test's own memory does not grow with them.
+        const int fd = raw->getDescriptor();
         Task peer([fd, pattern] {
-            Bytes chunk;
+            static const Bytes zeros(klNetBuffer::kCapacity);
             for (int i = 0; i < pattern.frames; ++i) {
                 const klNetHeader next = pattern.headerAt(unsigned(i));
-                const auto* bytes = reinterpret_cast<const unsigned char*>(&next);
-                chunk.insert(chunk.end(), bytes, bytes + sizeof(next));
-                chunk.resize(chunk.size() + next.dataSize);
-                for (std::size_t sent = 0; chunk.size() >= 65536 || i + 1 == pattern.frames;) {
-                    const ssize_t n =
-                        ::send(fd, chunk.data() + sent, chunk.size() - sent, MSG_NOSIGNAL);
-                    if (n < 0) {
-                        return;
-                    }
-                    if ((sent += std::size_t(n)) == chunk.size()) {
-                        chunk.clear();
-                        break;
-                    }
+                if (::send(fd, &next, sizeof(next), MSG_NOSIGNAL) < 0 ||
+                    ::send(fd, zeros.data(), next.dataSize, MSG_NOSIGNAL) < 0) {
+                    return;
                 }
             }
             ::shutdown(fd, SHUT_WR);
@@ -135,14 +103,14 @@ TEST_P(HostilePeer, MemoryStaysBoundedAndExcessGetsItsError) {
                 }
             }
         });
-        const std::size_t held = residentBytes();
+        const std::size_t held = residentBytes(::getpid());
         ::shutdown(fd, SHUT_RDWR);  // a peer still writing stops
         EXPECT_TRUE(peer.finishedWithin(kBound));
         EXPECT_EQ(pattern.outcome, outcome);
         RecordProperty("heldKiB", int((long(held) - long(start)) / 1024));
         EXPECT_LT(held, start + kHeldBound) << (held - start) / kMiB << " MiB more than at start";
     }
-    const std::size_t after = residentBytes();
+    const std::size_t after = residentBytes(::getpid());
     RecordProperty("afterKiB", int((long(after) - long(start)) / 1024));
     EXPECT_LT(after, start + kAfterBound) << (after - start) / kMiB << " MiB more than at start";
     klNetBufferPool::s_instance.setFreeLimit(klNetBufferPool::kDefaultFreeLimit);

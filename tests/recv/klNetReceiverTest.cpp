@@ -1,5 +1,10 @@
+// The link receivers: one link, several links polled together, and links read ahead by the
+// buffered receiver.
 #include <support/klNetPipelineSupport.h>
 #include <support/klNetSocketTestSupport.h>
+
+#include <klNetBase/recv/klNetBufferedReceiver.h>
+#include <klNetBase/recv/klNetLinkReceiver.h>
 
 #include <poll.h>
 
@@ -10,9 +15,7 @@ namespace {
 
 // A buffer whose sequence says which it is.
 Buffer numbered(unsigned int sequence) {
-    Buffer buffer = taggedBuffer(1 + sequence * 97 % 3000, 1, static_cast<unsigned char>(sequence));
-    buffer->setSequence(sequence);
-    return buffer;
+    return makeBuffer(pattern(1 + sequence * 97 % 3000), klNetMessageTypeMessage, 0, 1, sequence);
 }
 
 }  // namespace
@@ -33,7 +36,6 @@ TEST(klNetReceiver, OneLinkGivesALinkReceiverAndShutdownReachesEveryLink) {
     ASSERT_EQ(2u, queue.size());
     EXPECT_EQ(first, queue.front());
     const auto multi = klNetMultiLinkReceiver::create(two);
-    ASSERT_TRUE(std::dynamic_pointer_cast<klNetMultiLinkReceiver>(multi));
     EXPECT_EQ(two, multi->getLinks());
     multi->shutdown();
     EXPECT_EQ(1, link->shutdowns);
@@ -52,18 +54,7 @@ TEST(klNetMultiLinkReceiver, HandsOutWhatAnyLinkBringsAndKeepsItAcrossAVanishedP
         std::tie(nears[i], fars[i]) = connectedPair();
     }
     const auto receiver = klNetMultiLinkReceiver::create(fars);
-    // Runs body on a thread of its own; a body still blocked after the bound has the links shut,
-    // so that it ends with an error instead of hanging the test.
-    const auto receiveWithin = [&](std::chrono::seconds bound, std::function<void()> body) {
-        Task task(std::move(body));
-        if (task.finishedWithin(bound)) {
-            EXPECT_NO_THROW(task.get());
-        } else {
-            ADD_FAILURE() << "still receiving after " << bound.count() << " s";
-            receiver->shutdown();
-            task.finishedWithin(kBound);
-        }
-    };
+    Watchdog hang([&] { receiver->shutdown(); });
     // Waits until every far end listed has something to report (data or hang-up).
     const auto waitReadable = [&](std::initializer_list<int> which) {
         for (int i : which) {
@@ -76,7 +67,10 @@ TEST(klNetMultiLinkReceiver, HandsOutWhatAnyLinkBringsAndKeepsItAcrossAVanishedP
     const Buffer lone = numbered(5);
     nears[1]->send(lone);
     std::queue<Buffer> queue;
-    receiveWithin(std::chrono::seconds(3), [&] { receiver->recvAvailable(queue); });
+    {
+        Watchdog pass([&] { receiver->shutdown(); }, std::chrono::seconds(3));
+        receiver->recvAvailable(queue);
+    }
     ASSERT_EQ(1u, queue.size());
     EXPECT_EQ(5u, queue.front()->getSequence());
     EXPECT_EQ(payloadOf(*lone), payloadOf(*queue.front()));
@@ -86,7 +80,7 @@ TEST(klNetMultiLinkReceiver, HandsOutWhatAnyLinkBringsAndKeepsItAcrossAVanishedP
     nears[2]->send(numbered(77));
     nears[0]->send(numbered(78));
     waitReadable({0, 2});
-    receiveWithin(kBound, [&] { receiver->recvAvailable(queue); });
+    receiver->recvAvailable(queue);
     ASSERT_EQ(2u, queue.size());
     EXPECT_EQ(78u, queue.front()->getSequence());
     EXPECT_EQ(77u, queue.back()->getSequence());
@@ -96,10 +90,8 @@ TEST(klNetMultiLinkReceiver, HandsOutWhatAnyLinkBringsAndKeepsItAcrossAVanishedP
     nears[1].reset();  // closes the connection
     waitReadable({0, 1});
     Buffer got;
-    receiveWithin(kBound, [&] {
-        KL_EXPECT_THROW_TEXT(receiver->recv(got), klConnectionClosed, "Connection closed");
-        receiver->recv(got);
-    });
+    KL_EXPECT_THROW_TEXT(receiver->recv(got), klConnectionClosed, "Connection closed");
+    receiver->recv(got);
     ASSERT_TRUE(got);
     EXPECT_EQ(5u, got->getSequence());
 }
@@ -118,4 +110,72 @@ TEST(klNetMultiLinkReceiver, ASilentlyVanishedPeerIsFoundByTheAliveCheckOfAQuiet
     ASSERT_TRUE(recv.finishedWithin(kBound));
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(3500));
     KL_EXPECT_THROW_TEXT(recv.get(), klConnectionClosed, "Connection closed");
+}
+
+// The buffered receiver over real loopback links.
+namespace {
+
+// How recv() ended: the buffer's size and first byte, or the outcome's word.
+std::string next(const std::shared_ptr<klNetReceiver>& receiver) {
+    std::string seen;
+    const std::string how = outcome([&] {
+        Buffer buffer;
+        receiver->recv(buffer);
+        seen = std::to_string(buffer->getDataSize()) + "/" +
+               (buffer->getDataSize() ? std::to_string(buffer->getData()[0]) : "-");
+    });
+    return how == "returned" ? seen : how;
+}
+
+}  // namespace
+
+TEST(klNetBufferedReceiver, ReadsLinksAheadInParallelThenHandsOnEachLinksEndAfterItsData) {
+    auto [near1, far1] = connectedPair();
+    auto [near2, far2] = connectedPair();
+    auto receiver = klNetBufferedReceiver::create(
+        {klNetLinkReceiver::create(far1), klNetLinkReceiver::create(far2)});
+    // While no error is stored, a peer's empty buffer is data, not a wake-up signal.
+    near2->send(taggedBuffer(0, 1));
+    EXPECT_EQ("0/-", next(receiver));
+    // More than the queue holds, so the first link's worker has to wait for the reader.
+    constexpr int kCount = 300;
+    for (int i = 0; i < kCount; ++i) {
+        near1->send(taggedBuffer(100 + std::size_t(i), 1, static_cast<unsigned char>(i)));
+    }
+    near1->shutdown();
+    near2->send(taggedBuffer(7, 1, 200));
+    Watchdog hang([receiver] { receiver->shutdown(); });
+    std::vector<std::string> fromFirst;
+    bool secondSeen = false;
+    for (int i = 0; i < kCount + 2; ++i) {
+        const std::string got = next(receiver);
+        if (got == "7/200") {
+            EXPECT_FALSE(secondSeen);
+            secondSeen = true;
+        } else {
+            fromFirst.push_back(got);
+        }
+    }
+    EXPECT_TRUE(secondSeen);
+    ASSERT_EQ(std::size_t(kCount + 1), fromFirst.size());
+    for (int i = 0; i < kCount; ++i) {  // one link's buffers keep their order
+        ASSERT_EQ(std::to_string(100 + i) + "/" + std::to_string(i % 256), fromFirst[i]);
+    }
+    EXPECT_EQ("closed", fromFirst[kCount]);
+    // The second link still delivers after the first has failed.
+    near2->send(taggedBuffer(9, 1, 201));
+    EXPECT_EQ("9/201", next(receiver));
+    near2->shutdown();
+    EXPECT_EQ("closed", next(receiver));
+    EXPECT_EQ("closed", next(receiver)) << "the reader waited for workers that had ended";
+}
+
+TEST(klNetBufferedReceiver, DestructionShutsTheLinksAndJoinsWorkersEvenWithAFullQueue) {
+    auto [near, far] = connectedPair();
+    auto receiver = klNetBufferedReceiver::create({klNetLinkReceiver::create(far)});
+    for (int i = 0; i < 400; ++i)
+        near->send(taggedBuffer(10, 1));
+    EXPECT_TRUE(releasedWithin(std::move(receiver)));
+    Buffer buffer;
+    EXPECT_EQ("closed", outcome([&] { far->recv(buffer); }));
 }

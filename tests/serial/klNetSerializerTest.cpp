@@ -1,6 +1,14 @@
+// Serialisation: the serializer's wire images and buffer boundaries, messages, and the standard
+// stream adapters between two streams over a loopback link.
 #include <support/klNetAllocationProbe.h>
-#include <support/klNetTestSupport.h>
+#include <support/klNetPipelineSupport.h>
+#include <support/klNetSocketTestSupport.h>
 
+#include <klNetBase/serial/klNetStdIStream.h>
+#include <klNetBase/serial/klNetStdOStream.h>
+#include <klNetBase/serial/klNetStream.h>
+
+#include <iterator>
 #include <tuple>
 #include <type_traits>
 
@@ -184,4 +192,165 @@ TEST(klNetSerializer, HostileLengthsFromThePeerFailAtTheEndWithoutAHugeAllocatio
     fails(huge, std::vector<std::string>());
     fails(huge, std::vector<bool>());
     EXPECT_LT(largestAllocation(), std::size_t(1) << 20);
+}
+
+namespace {
+
+Buffers takeWritten(klNetMessage& message, std::size_t bytes) {
+    const Bytes data(bytes, 0x3C);
+    message.putBytes(data.data(), data.size());
+    return message.takeSendBuffers();
+}
+
+}  // namespace
+
+TEST(klNetMessage, TakenBuffersShareOneIdAndTheBufferCountEveryTakeDrawsAnIdAndMovesTakeThemAlong) {
+    dirtyFreeBuffers();
+    klNetMessage message;
+    const Buffers one = takeWritten(message, 131072);
+    const Buffers two = takeWritten(message, 131073);
+    ASSERT_EQ(1u, one.size());
+    ASSERT_EQ(2u, two.size());
+    EXPECT_EQ(1u, one[0]->getMessageBufferCount());
+    const std::size_t id = two[1]->getMessageId();
+    EXPECT_EQ((one[0]->getMessageId() + 1) & 0xFFFF, id);
+    for (const auto& buffer : two) {
+        EXPECT_EQ(buffer->getDataSize(), buffer->getOriginalDataSize());
+        EXPECT_EQ(klNetMessageTypeMessage, buffer->getType());
+        EXPECT_EQ(id, buffer->getMessageId());
+        EXPECT_EQ(2u, buffer->getMessageBufferCount());  // on every buffer, not only the last
+    }
+    EXPECT_EQ(1u, two[1]->getDataSize());
+
+    // Taking an empty message draws an id too; after 65536 the ids wrap.
+    for (int i = 0; i < 65535; ++i) {
+        EXPECT_TRUE(message.takeSendBuffers().empty());
+    }
+    const Buffers again = takeWritten(message, 1);
+    ASSERT_EQ(1u, again.size());
+    EXPECT_EQ(id, again[0]->getMessageId());
+    EXPECT_EQ(1u, again[0]->getDataSize());
+
+    // Moving a message takes what was written along.
+    const Bytes data(131073, 0x42);
+    message.putBytes(data.data(), data.size());
+    klNetMessage moved(std::move(message)), assigned;
+    assigned = std::move(moved);
+    EXPECT_TRUE(message.takeSendBuffers().empty());  // NOLINT(bugprone-use-after-move)
+    EXPECT_TRUE(moved.takeSendBuffers().empty());    // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(data, concatPayloads(assigned.takeSendBuffers()));
+}
+
+TEST(klNetMessage, ReadsItsBuffersInOrderAndStopsAtTheEnd) {
+    const Bytes data = pattern(15);
+    const Buffers buffers = {bufferWith(Bytes(&data[0], &data[5])),
+                             bufferWith(Bytes(&data[5], &data[8])),
+                             bufferWith(Bytes(&data[8], &data[15]))};
+    klNetMessage message;
+    message.setRecvBuffers(buffers);
+    Bytes read(15);
+    message.getBytes(read.data(), 6);
+    EXPECT_EQ(3u + 7u, message.getMessageSize());  // the current buffer counts whole
+    message.setRecvBuffers(buffers);               // starts over with the first
+    EXPECT_EQ(15u, message.getMessageSize());
+    message.getBytes(read.data(), read.size());
+    EXPECT_EQ(data, read);
+    for (int attempt = 0; attempt < 2; ++attempt) {  // and the message stays at its end
+        KL_EXPECT_THROW_TEXT(message.getValue(read[0]), klNetError,
+                             "klNetMessage: try to read beyond buffer end.");
+    }
+}
+
+// The standard stream adapters between two klNetStreams over a loopback link.
+namespace {
+
+struct Pair {
+    Pair() {
+        auto links = kltest::connectedPair();
+        near = links.first;
+        writer = std::make_shared<klNetStream>(links.first);
+        reader = std::make_shared<klNetStream>(links.second);
+    }
+    std::shared_ptr<klSocketLink> near;
+    std::shared_ptr<klNetStream> writer, reader;
+};
+
+constexpr std::uint32_t kSentinel = 0xDDCCBBAA;  // written after each case: nothing more came
+
+}  // namespace
+
+TEST(klNetStdOStream, WritesLengthPrefixedChunksAndAnEndMarkerOnlyOnClose) {
+    struct Row {
+        std::string text;
+        bool close;
+        const char* wire;
+    };
+    const Row rows[] = {
+        {"abc", true, "03000000 616263 00000000"},
+        {"", true, "00000000"},
+        {"abc", false, "03000000 616263"},  // destroyed unclosed: the chunk, no marker
+        {"", false, ""},
+    };
+    Pair pair;
+    for (const Row& row : rows) {
+        {
+            klNetStdOStream out(*pair.writer);
+            out << row.text;
+            if (row.close)
+                out.close();
+        }
+        pair.writer->putValue(kSentinel);
+        *pair.writer << klNetStream::flush;
+        kltest::Bytes expected = hex(row.wire + std::string("AABBCCDD"));
+        EXPECT_EQ(expected, readBytes(*pair.reader, expected.size())) << row.text << row.close;
+    }
+    // A full area makes a chunk of 1 MiB; the rest goes at the next flush.
+    Task write([w = pair.writer] {
+        klNetStdOStream out(*w);
+        out << std::string(klNetStreamBuf::kAreaSize + 1, 'x') << std::flush;
+        out.close();
+        *w << klNetStream::flush;
+    });
+    EXPECT_EQ(hex("00001000"), readBytes(*pair.reader, 4));
+    EXPECT_EQ(kltest::Bytes(klNetStreamBuf::kAreaSize, 'x'),
+              readBytes(*pair.reader, klNetStreamBuf::kAreaSize));
+    EXPECT_EQ(hex("01000000 78 00000000"), readBytes(*pair.reader, 9));
+    ASSERT_TRUE(write.finishedWithin(kBound));
+}
+
+TEST(klNetStdIStream, ReadsTextAcrossChunksUpToEachMarkerThenEndsQuietlyWhenTheLinkCloses) {
+    Pair pair;
+    std::string big(2 * klNetStreamBuf::kAreaSize + 12345, ' ');
+    for (std::size_t i = 0; i < big.size(); ++i)
+        big[i] = char('a' + i * 7 % 26);
+    Task write([w = pair.writer, near = pair.near, big] {
+        klNetStdOStream out(*w);
+        out << big;
+        out.close();
+        out << "second section" << std::flush;
+        out.close();
+        *w << klNetStream::flush;
+        w->putValue(std::uint32_t(klNetStreamBuf::kAreaSize + 1));  // a length no writer makes
+        *w << klNetStream::flush;
+        near->shutdown();
+    });
+    klNetStdIStream in(*pair.reader);
+    EXPECT_EQ(big, std::string(std::istreambuf_iterator<char>(in), {}));  // up to the marker
+    std::string word;
+    EXPECT_TRUE(in >> word);  // reading on starts the next section
+    EXPECT_EQ("second", word);
+    // Back to the start of the chunk, the only seek that moves data; a stored 0 reads as invalid.
+    EXPECT_EQ(-1, in.seekg(0, std::ios::beg).tellg());
+    EXPECT_TRUE(std::getline(in, word));
+    EXPECT_EQ("second section", word);
+    EXPECT_TRUE(in.eof());
+    EXPECT_EQ(17, in.seekg(17, std::ios::beg).tellg());
+    EXPECT_EQ(-1, in.seekg(0, std::ios::end).tellg());
+    in.clear();
+    in.exceptions(std::ios::badbit);
+    KL_EXPECT_THROW_TEXT(in >> word, klNetError, "Datastream out of sync");
+    in.clear();
+    EXPECT_FALSE(in >> word);  // closed connection: end-of-file, no exception
+    EXPECT_TRUE(in.eof());
+    ASSERT_TRUE(write.finishedWithin(kBound));
 }

@@ -39,12 +39,6 @@ std::vector<Bytes> stampsOf(const Buffers& buffers) {
     return stamps;
 }
 
-Bytes read(klNetSerializer& serializer, std::size_t n) {
-    Bytes bytes(n);
-    serializer.getBytes(bytes.data(), n);
-    return bytes;
-}
-
 }  // namespace
 
 TEST(klNetStream, StampsRankAndNumbersMulticastAndDirectedBuffersApartKeepingItsOwnLocal) {
@@ -76,7 +70,7 @@ TEST(klNetStream, StampsRankAndNumbersMulticastAndDirectedBuffersApartKeepingIts
     EXPECT_EQ(4 * 25u + 26u, stream.getSentBytes());  // wire bytes, the local buffer's too
     klNetMessage received;
     stream.recvMessage(received);
-    EXPECT_EQ(hex("03"), read(received, 1));
+    EXPECT_EQ(hex("03"), readBytes(received, 1));
     EXPECT_EQ(25u, stream.getRecevedBytes());
     stream.resetStatistics();
     EXPECT_EQ(0u, stream.getSentBytes() + stream.getRecevedBytes());
@@ -119,7 +113,7 @@ TEST(klNetStream, ReadsDropABufferOfTheWrongTypeAndGoOn) {
     KL_EXPECT_THROW_TEXT(stream.recvMessage(message), klNetError,
                          "Stream out of sync. Wrong message type");
     stream.recvMessage(message);
-    EXPECT_EQ(hex("BB"), read(message, 1));
+    EXPECT_EQ(hex("BB"), readBytes(message, 1));
     EXPECT_EQ(25u + 26u + 25u + 25u, stream.getRecevedBytes());
 }
 
@@ -137,7 +131,7 @@ TEST(klNetStream, ReassemblesMessagesByTheLow16BitsOfSourceAndTheMessageId) {
     EXPECT_FALSE(stream.tryRecvMessage(message));
     ASSERT_TRUE(stream.tryRecvMessage(message));
     EXPECT_EQ(4u, message.getSource());
-    EXPECT_EQ(data, read(message, message.getMessageSize()));
+    EXPECT_EQ(data, readBytes(message));
     EXPECT_FALSE(stream.tryRecvMessage(message));  // nothing readable: no receive is tried
     EXPECT_EQ(3, stream.in->calls);
 
@@ -152,7 +146,7 @@ TEST(klNetStream, ReassemblesMessagesByTheLow16BitsOfSourceAndTheMessageId) {
     std::vector<Bytes> completed;
     while (!stream.in->script.empty()) {
         stream.recvMessage(message);
-        completed.push_back(read(message, message.getMessageSize()));
+        completed.push_back(readBytes(message));
     }
     EXPECT_EQ((std::vector<Bytes>{hex("B0 B1"), data, hex("A0 A1"), hex("C0 D1")}), completed);
 }

@@ -6,59 +6,13 @@
 #include <QCoreApplication>
 #include <QThread>
 
-#include <sys/mman.h>
-
 using namespace kltest;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
 
 namespace {
 
 const std::string kServer = "KALDClusterServer";
-
-// What this process writes to one of its descriptors (1 or 2), from construction to restore(),
-// kept in memory.
-class Capture {
-public:
-    explicit Capture(int fd)
-        : m_fd(fd),
-          m_saved(::fcntl(fd, F_DUPFD_CLOEXEC, 3)),
-          m_file(::memfd_create("capture", MFD_CLOEXEC)) {
-        std::fflush(nullptr);
-        ::dup2(m_file, m_fd);
-    }
-    ~Capture() {
-        restore();
-        ::close(m_file);
-    }
-    void restore() {
-        std::fflush(nullptr);
-        if (m_saved >= 0) {
-            ::dup2(m_saved, m_fd);
-            ::close(std::exchange(m_saved, -1));
-        }
-    }
-    std::string text() const {
-        std::fflush(nullptr);
-        std::string text(1 << 16, '\0');
-        text.resize(
-            std::size_t(std::max<ssize_t>(0, ::pread(m_file, text.data(), text.size(), 0))));
-        return text;
-    }
-    // Waits until the text holds part, processing this thread's Qt events meanwhile (they copy a
-    // started server's console output).
-    std::string waitFor(const std::string& part) const {
-        std::string now;
-        waitUntil([&] {
-            QCoreApplication::processEvents();
-            return (now = text()).find(part) != std::string::npos;
-        });
-        return now;
-    }
-
-private:
-    const int m_fd;
-    int m_saved;
-    const int m_file;
-};
 
 std::shared_ptr<klNetServerProcess> server(const std::string& version, bool display, bool stereo,
                                            bool first, bool second, bool third,
@@ -103,12 +57,12 @@ TEST(klNetServerProcessTest, StartsTheServerWithItsOptionsPipeAndNothingElse) {
     struct Case {
         std::string version;
         bool display, stereo, first, second, third, console;
-        std::vector<std::string> options;
+        const char* options;  // as the stand-in prints them
     } cases[] = {
-        {"8.5", true, false, true, false, false, true, {"-Z"}},
-        {"9.0", false, true, false, true, false, false, {"-P", "-t"}},
-        {"9.2", true, true, true, true, true, true, {"-Z", "-s", "-ta"}},
-        {"10.0", true, false, false, false, true, false, {}},
+        {"8.5", true, false, true, false, false, true, "arg -Z\n"},
+        {"9.0", false, true, false, true, false, false, "arg -P\narg -t\n"},
+        {"9.2", true, true, true, true, true, true, "arg -Z\narg -s\narg -ta\n"},
+        {"10.0", true, false, false, false, true, false, ""},
     };
     // A descriptor the program's own code forgot to make close-on-exec.
     const int forgotten = ::dup(STDERR_FILENO);
@@ -117,41 +71,35 @@ TEST(klNetServerProcessTest, StartsTheServerWithItsOptionsPipeAndNothingElse) {
         ::unsetenv("KALD_LOCAL_SERVICE");
         const auto launched = server(c.version, c.display, c.stereo, c.first, c.second, c.third);
         const std::string pipe = launched->socketPipeName();
-        Capture output(STDOUT_FILENO);
+        CaptureStdout();
         launched->start(c.console);
-        const bool ended = launched->wait(10.0);
-        output.restore();
-        EXPECT_TRUE(ended);
-
+        EXPECT_TRUE(launched->wait(10.0));
         std::string expected = c.console ? "KALDClusterServer starting\n" : "";
-        expected += "arg " + programDir() + "/" + kServer + "\n";
-        for (const std::string& option : c.options) {
-            expected += "arg " + option + "\n";
-        }
+        expected += "arg " + programDir() + "/" + kServer + "\n" + c.options;
         const bool pipeArgument = c.version != "8.5";
         expected += pipeArgument ? "arg -socketpipe=" + pipe + "\n" : "";
         expected += "arg extra\nenv " + (pipeArgument ? "-" : pipe) + "\nfds 0 1 2\n";
-        EXPECT_EQ(expected, output.text());
+        EXPECT_EQ(expected, GetCapturedStdout());
     }
     ::close(forgotten);
 }
 
-// The stand-in's process id, once it has printed it to the captured standard output.
-pid_t startedPid(const Capture& output) {
-    const std::string text = output.waitFor("pid ");
-    const std::size_t at = text.find("pid ");
-    return at == std::string::npos ? 0 : std::stoi(text.substr(at + 4));
+// The process id a stand-in started with "stay:FILE" wrote into FILE, once it is there.
+pid_t startedPid(const std::string& file) {
+    pid_t pid = 0;
+    waitUntil([&] { return bool(std::ifstream(file) >> pid); });
+    return pid;
 }
 
 TEST(klNetServerProcessTest, RunningServerIsWaitedForKilledAndEndedByDestruction) {
+    const TempDir dir("klNetServerProcessTest");
     {
-        Capture output(STDOUT_FILENO);
-        auto launched = server("10.0", true, false, false, false, false, "stay");
+        auto launched = server("10.0", true, false, false, false, false, "stay:" + dir.path("1"));
         // Started on a request thread, as the service does; its output then arrives on this one.
         std::unique_ptr<QThread> request(QThread::create([&] { launched->start(true); }));
         request->start();
         request->wait();
-        ASSERT_NE(0, startedPid(output));
+        ASSERT_NE(0, startedPid(dir.path("1")));
         EXPECT_FALSE(launched->wait(0.0));
 
         // Another thread asks whether it runs while this one handles its end.
@@ -160,20 +108,16 @@ TEST(klNetServerProcessTest, RunningServerIsWaitedForKilledAndEndedByDestruction
         launched->tryKill();
         EXPECT_TRUE(launched->wait(10.0));
         EXPECT_TRUE(watcher.get());
-        launched->stop();
-        EXPECT_TRUE(launched->isStopRequested());
-        EXPECT_FALSE(launched->isRunning());
     }
 
     // A server that ignores its closed pipe is asked to terminate after 3 s.
-    Capture output(STDOUT_FILENO);
-    auto launched = server("10.0", true, false, false, false, false, "stay");
+    auto launched = server("10.0", true, false, false, false, false, "stay:" + dir.path("2"));
     launched->start(false);
-    const pid_t pid = startedPid(output);
+    const pid_t pid = startedPid(dir.path("2"));
     ASSERT_NE(0, pid);
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = Clock::now();
     launched.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(11));
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(11));
     EXPECT_NE(0, ::kill(pid, 0)) << "server still there after destruction";
 }
 
@@ -194,16 +138,15 @@ TEST(klNetServerProcessTest, InProcessServerGetsThePipeNameAndItsFailureIsLogged
         handed.set_value(name);
         throw klNetError("render failed");
     });
-    Capture log(STDERR_FILENO);
+    testing::internal::CaptureStderr();
     auto task = server("10.0", true, false, false, false, false);
     task->start(true);
     EXPECT_TRUE(task->wait(10.0));
     klNetServerProcess::setInProcess(false, {});
-    log.restore();
+    const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_EQ(task->socketPipeName(), handed.get_future().get());
-    const std::string text = log.text();
     EXPECT_EQ(" ERROR render failed\n",
-              text.substr(text.size() - std::min<std::size_t>(text.size(), 21)));
+              log.substr(log.size() - std::min<std::size_t>(log.size(), 21)));
 }
 
 // Child mode of MissingProgramFailsWithTheExactText.

@@ -8,31 +8,12 @@ namespace {
 
 using Count = std::uint64_t;
 
-// The values' bytes, one after the other: texts as length, bytes and zero byte; counts as 8 bytes.
-template <class... Values>
-Bytes wire(const Values&... values) {
-    klNetMessage message;
-    (message << ... << values);
-    return concatPayloads(message.takeSendBuffers());
-}
-
-Bytes bytesOf(const klNetServiceStatus& status) {
-    klNetMessage message;
-    status.putValue(message);
-    return concatPayloads(message.takeSendBuffers());
-}
-
-klNetServiceStatus recordFrom(const Bytes& bytes) {
-    klNetMessage message;
-    message.setRecvBuffer(bufferWith(bytes));
-    klNetServiceStatus status;
-    status.getValue(message);
-    return status;
-}
+// In the expected bytes, texts travel as length, bytes and zero byte; counts as 8 bytes.
+const auto wire = [](const auto&... values) { return wireOfValues(values...); };
 
 TEST(klNetServiceStatusTest, DefaultAndSetRecordsHaveTheirExactBytes) {
     const klNetServiceStatus defaults;
-    EXPECT_EQ(wire("10.0", Count(0), Count(0)), bytesOf(defaults));
+    EXPECT_EQ(wire("10.0", Count(0), Count(0)), wireOfRecord(defaults));
     EXPECT_EQ("unknown", defaults.getVersion());
 
     // Set in an order other than the keys' so that the written order is the map's.
@@ -46,15 +27,15 @@ TEST(klNetServiceStatusTest, DefaultAndSetRecordsHaveTheirExactBytes) {
     const Bytes expected = wire("10.0", Count(5), "CPUUsage", "12.500000", "FreeMemory",
                                 "5000000000", "IsRunning", "true", "NumberOfClusterServers", "-3",
                                 "Version", "9.2", Count(1), "BookingIds", Count(0));
-    ASSERT_EQ(expected, bytesOf(status));
+    ASSERT_EQ(expected, wireOfRecord(status));
 
-    const klNetServiceStatus read = recordFrom(expected);
+    const klNetServiceStatus read = readRecord<klNetServiceStatus>(expected);
     EXPECT_TRUE(read.getIsRunning());
     EXPECT_EQ(-3, read.getNumberOfClusterServers());
     EXPECT_EQ(12.5f, read.getCPUUsage());
     EXPECT_EQ(2147483647u, read.getFreeMemory()) << "read through a 32-bit long";
     EXPECT_EQ("9.2", read.getVersion());
-    EXPECT_EQ(expected, bytesOf(read));
+    EXPECT_EQ(expected, wireOfRecord(read));
 }
 
 TEST(klNetServiceStatusTest, ReadsOddTextsKeepsUnknownKeysAndRefusesHugeCounts) {
@@ -75,24 +56,24 @@ TEST(klNetServiceStatusTest, ReadsOddTextsKeepsUnknownKeysAndRefusesHugeCounts) 
     for (const auto& c : cases) {
         SCOPED_TRACE(c.key + "=" + c.text);
         const klNetServiceStatus status =
-            recordFrom(wire("9.2", Count(1), c.key, c.text, Count(0)));
+            readRecord<klNetServiceStatus>(wire("9.2", Count(1), c.key, c.text, Count(0)));
         EXPECT_EQ(c.freeMemory, status.getFreeMemory());
         EXPECT_EQ(c.running, status.getIsRunning());
         EXPECT_EQ(c.servers, status.getNumberOfClusterServers());
     }
 
     // Keys this program does not know, and a repeated one, pass through; the last value wins.
-    EXPECT_EQ(
-        wire("10.0", Count(2), "Alpha", "x", "Zeta", "2", Count(2), "BookingIds", Count(2), "a", "",
-             "GPUs", Count(1), "0"),
-        bytesOf(recordFrom(wire("11.0", Count(3), "Zeta", "1", "Alpha", "x", "Zeta", "2", Count(2),
-                                "BookingIds", Count(2), "a", "", "GPUs", Count(1), "0"))));
+    EXPECT_EQ(wire("10.0", Count(2), "Alpha", "x", "Zeta", "2", Count(2), "BookingIds", Count(2),
+                   "a", "", "GPUs", Count(1), "0"),
+              wireOfRecord(readRecord<klNetServiceStatus>(
+                  wire("11.0", Count(3), "Zeta", "1", "Alpha", "x", "Zeta", "2", Count(2),
+                       "BookingIds", Count(2), "a", "", "GPUs", Count(1), "0"))));
 
-    KL_EXPECT_THROW_TEXT(recordFrom(wire("10.0", Count(65537))), klNetError,
+    KL_EXPECT_THROW_TEXT(readRecord<klNetServiceStatus>(wire("10.0", Count(65537))), klNetError,
                          "Service status: too many entries (65537, at most 65536)");
-    KL_EXPECT_THROW_TEXT(recordFrom(wire("10.0", Count(0), Count(1), "BookingIds", ~Count(0))),
-                         klNetError,
-                         "Service status: too many entries (18446744073709551615, at most 65536)");
+    KL_EXPECT_THROW_TEXT(
+        readRecord<klNetServiceStatus>(wire("10.0", Count(0), Count(1), "BookingIds", ~Count(0))),
+        klNetError, "Service status: too many entries (18446744073709551615, at most 65536)");
 }
 
 }  // namespace

@@ -157,6 +157,14 @@ private:
     }
 };
 
+// How sender->waitAllDataTransfered() ended, as outcome() tells, or "still waiting" after limit.
+inline std::string drained(const std::shared_ptr<klNetSender>& sender,
+                           Clock::duration limit = kBound) {
+    auto result = std::make_shared<std::string>("still waiting");
+    Task wait([sender, result] { *result = outcome([&] { sender->waitAllDataTransfered(); }); });
+    return wait.finishedWithin(limit) ? *result : "still waiting";
+}
+
 // A buffer as a sending stream would have stamped it.
 inline Buffer makeBuffer(const Bytes& payload, klNetMessageType type, unsigned source,
                          unsigned destination, unsigned sequence = 0, unsigned messageId = 0,

@@ -24,6 +24,19 @@ inline std::string programDir() {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path();
 }
 
+// Resident set size of a process in bytes.
+inline std::size_t residentBytes(pid_t pid) {
+    std::size_t size = 0, resident = 0;
+    std::ifstream("/proc/" + std::to_string(pid) + "/statm") >> size >> resident;
+    return resident * std::size_t(::sysconf(_SC_PAGESIZE));
+}
+
+// Entries of a process's /proc directory: "fd" counts its descriptors, "task" its threads.
+inline std::size_t procEntries(pid_t pid, const std::string& what) {
+    const std::filesystem::directory_iterator list("/proc/" + std::to_string(pid) + "/" + what);
+    return std::size_t(std::distance(begin(list), end(list)));
+}
+
 // A directory of its own under parent (the system's temporary directory unless given), removed
 // with everything in it.
 class TempDir {
@@ -146,19 +159,6 @@ public:
             },
             secondsOf(within));
         return m_exited ? m_status : kStillRunning;
-    }
-    // Entries of the child's /proc directory: "fd" counts its descriptors, "task" its threads.
-    std::size_t procEntries(const std::string& what) const {
-        const std::filesystem::directory_iterator list("/proc/" + std::to_string(m_pid) + "/" +
-                                                       what);
-        return std::size_t(std::distance(begin(list), end(list)));
-    }
-    // Resident set size in bytes.
-    std::uint64_t residentBytes() const {
-        std::ifstream statm("/proc/" + std::to_string(m_pid) + "/statm");
-        std::uint64_t size = 0, resident = 0;
-        statm >> size >> resident;
-        return resident * std::uint64_t(::sysconf(_SC_PAGESIZE));
     }
 
 private:

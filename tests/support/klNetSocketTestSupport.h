@@ -74,14 +74,19 @@ struct RawPeer {
     klSocketLink link{ends[0]};
 };
 
-// Two ends of one loopback connection on an ephemeral port: near connected, far accepted.
-inline std::pair<std::shared_ptr<klSocketLink>, std::shared_ptr<klSocketLink>> connectedPair() {
+// Two ends of one loopback connection on an ephemeral port: near connected, far accepted. A
+// receive on either end that waits recvTimeout seconds fails (0: waits for ever), so that a lost
+// buffer fails the test instead of hanging it.
+inline std::pair<std::shared_ptr<klSocketLink>, std::shared_ptr<klSocketLink>> connectedPair(
+    double recvTimeout = 20.0) {
     klBoundSocketLink listener(0);
     std::shared_ptr<klSocketLink> far;
     std::thread acceptor([&] { far = std::make_shared<klSocketLink>(listener); });
     auto near = std::make_shared<klSocketLink>(
         klSocketAddress("127.0.0.1", listener.getAddress().getPort()), 5.0);
     acceptor.join();
+    near->setRecvTimeout(recvTimeout);
+    far->setRecvTimeout(recvTimeout);
     return {near, far};
 }
 

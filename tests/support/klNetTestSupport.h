@@ -58,12 +58,47 @@ inline Bytes concatPayloads(const Buffers& buffers) {
     return all;
 }
 
+// The next n bytes a serializer reads; for a message, by default all that is left of it.
+inline Bytes readBytes(klNetSerializer& serializer, std::size_t n) {
+    Bytes bytes(n);
+    serializer.getBytes(bytes.data(), n);
+    return bytes;
+}
+inline Bytes readBytes(klNetMessage& message) {
+    return readBytes(message, message.getMessageSize());
+}
+
+// The bytes of values written one after the other into a message.
+template <class... Values>
+Bytes wireOfValues(const Values&... values) {
+    klNetMessage message;
+    (message << ... << values);
+    return concatPayloads(message.takeSendBuffers());
+}
+
+// The bytes that record.putValue() writes.
+template <class Record>
+Bytes wireOfRecord(const Record& record) {
+    klNetMessage message;
+    record.putValue(message);
+    return concatPayloads(message.takeSendBuffers());
+}
+
 // A pool buffer holding exactly payload.
 inline Buffer bufferWith(const Bytes& payload) {
     auto buffer = klNetBufferPool::pop();
     std::copy(payload.begin(), payload.end(), buffer->getData());
     buffer->setDataSize(payload.size());
     return buffer;
+}
+
+// record after record.getValue() has read it from bytes.
+template <class Record>
+Record readRecord(const Bytes& bytes, Record record = Record()) {
+    klNetMessage message;
+    message.setRecvBuffer(bufferWith(bytes));
+    record.getValue(message);
+    return record;
 }
 
 // n bytes that differ from their neighbours, with a period that is no power of two.
@@ -131,6 +166,36 @@ public:
 
 private:
     std::shared_future<void> m_done;
+    std::thread m_thread;
+};
+
+// Lets go of owner on a thread of its own, so that a destructor that hangs fails the test instead
+// of hanging it: true when the release ended within the bound.
+template <class T>
+bool releasedWithin(std::shared_ptr<T>&& owner, Clock::duration limit = kBound) {
+    return Task([owner = std::move(owner)]() mutable { owner.reset(); }).finishedWithin(limit);
+}
+
+// Calls stop unless it is destroyed within limit, so that a call that a fault leaves blocked
+// returns and the test fails instead of hanging. Firing fails the test.
+class Watchdog {
+public:
+    explicit Watchdog(std::function<void()> stop, Clock::duration limit = kBound)
+        : m_thread([this, stop, limit] {
+              if (m_done.get_future().wait_for(limit) != std::future_status::ready) {
+                  m_fired = true;
+                  stop();
+              }
+          }) {}
+    ~Watchdog() {
+        m_done.set_value();
+        m_thread.join();
+        EXPECT_FALSE(m_fired) << "stopped after the time limit";
+    }
+
+private:
+    std::promise<void> m_done;
+    bool m_fired = false;  // written by m_thread, read after joining it
     std::thread m_thread;
 };
 
