@@ -4,14 +4,17 @@
 //   buffered sender  the same through a klNetBufferedSender, which packs them into bundles
 //   plain sockets    one 88-byte frame (header + payload) per send() on a raw socket
 //
-// The receiving thread counts buffers (splitting bundles) until all have arrived. Rounds are
-// interleaved; each figure is the median. Also: the parallel copy against memcpy for 64 MiB.
+// The receiving thread counts buffers (splitting bundles) until all have arrived. Also: the buffer
+// pool's get and release of one buffer on one thread and on two threads at once (nanoseconds per
+// pair on each thread), and the parallel copy against memcpy for 64 MiB. Rounds are interleaved;
+// each figure is the median. Usage: klNetPipelineBench [rounds (default 5)]
 #include "klBenchSupport.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -92,6 +95,40 @@ double plainRate(LinkPair& pair, long count) {
     return double(count) / secondsSince(start);
 }
 
+// Nanoseconds per get-and-release pair of the process-wide pool on each of threads threads, all
+// running at once.
+double poolPairNs(int threads, long pairs) {
+    std::atomic<int> ready{0};
+    std::atomic<bool> go{false};
+    std::vector<double> seconds(std::size_t(threads), 0.0);
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&, t] {
+            for (int i = 0; i < 1000; ++i) {  // this thread's first buffers are made untimed
+                klNetBufferPool::pop().reset();
+            }
+            ++ready;
+            while (!go.load()) {
+                std::this_thread::yield();
+            }
+            const Clock::time_point start = Clock::now();
+            for (long i = 0; i < pairs; ++i) {
+                std::shared_ptr<klNetBuffer> buffer = klNetBufferPool::pop();
+                buffer->setSequence(std::size_t(i));  // touches the buffer, as a user would
+            }
+            seconds[std::size_t(t)] = secondsSince(start);
+        });
+    }
+    while (ready.load() < threads) {
+        std::this_thread::yield();
+    }
+    go = true;
+    for (auto& worker : workers) {
+        worker.join();
+    }
+    return *std::max_element(seconds.begin(), seconds.end()) * 1e9 / double(pairs);
+}
+
 double copyRate(bool parallel, std::vector<char>& from, std::vector<char>& to) {
     const Clock::time_point start = Clock::now();
     for (int i = 0; i < 8; ++i) {
@@ -107,7 +144,21 @@ double copyRate(bool parallel, std::vector<char>& from, std::vector<char>& to) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
+    if (argc > 1 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+        std::printf(
+            "usage: klNetPipelineBench [ROUNDS]\n"
+            "Small-message rate of the link and buffered senders against plain sockets over\n"
+            "loopback, the buffer pool's get and release on one and two threads, and the\n"
+            "parallel copy; the median of ROUNDS interleaved rounds (default 5).\n");
+        return 0;
+    }
+    char* end = nullptr;
+    const long asked = argc > 1 ? std::strtol(argv[1], &end, 10) : 5;
+    if (argc > 2 || (argc > 1 && (*end != '\0' || asked < 1 || asked > 1000))) {
+        std::fprintf(stderr, "klNetPipelineBench: bad arguments (see --help)\n");
+        return 2;
+    }
+    const int rounds = int(asked);
     const long bufferedCount = 1000000;
     const long oneByOneCount = 200000;
 
@@ -118,7 +169,7 @@ int main(int argc, char** argv) {
     const std::shared_ptr<klNetSender> bufferedSender =
         klNetSender::createBundle({bufferedPair.client}, true, {1});
 
-    std::vector<double> link, buffered, plain, copy, parallel;
+    std::vector<double> link, buffered, plain, copy, parallel, poolOne, poolTwo;
     std::vector<char> from(64 << 20, 1), to(64 << 20, 0);
     for (int round = 0; round < rounds; ++round) {
         link.push_back(senderRate(linkSender, linkPair, oneByOneCount));
@@ -126,6 +177,9 @@ int main(int argc, char** argv) {
         plain.push_back(plainRate(plainPair, oneByOneCount));
         copy.push_back(copyRate(false, from, to));
         parallel.push_back(copyRate(true, from, to));
+        poolOne.push_back(poolPairNs(1, 2000000));
+        poolTwo.push_back(poolPairNs(2, 2000000));
+        std::fprintf(stderr, "round %d of %d done\n", round + 1, rounds);
     }
 
     const double linkRate = median(link), bufferedRate = median(buffered);
@@ -140,6 +194,9 @@ int main(int argc, char** argv) {
     std::printf("buffered / plain sockets %6.2f   target >= 2   %s\n",
                 bufferedRate / plainRateValue,
                 bufferedRate / plainRateValue >= 2 ? "PASS" : "MISS");
+    std::printf("buffer pool get+release: %.1f ns per pair on 1 thread, %.1f ns per pair on each "
+                "of 2 threads\n",
+                median(poolOne), median(poolTwo));
     std::printf(
         "64 MiB copy: memcpy %.2f GB/s, klNetMem::parallelCopy %.2f GB/s (%u hardware "
         "threads)\n",

@@ -21,38 +21,43 @@ void klNetBuffer::addToBundle(const std::shared_ptr<klNetBuffer>& buffer) {
     }
 }
 
+bool klNetBuffer::tryAddToRun(std::shared_ptr<klNetBuffer>& run, bool& packed,
+                              const std::shared_ptr<klNetBuffer>& next) {
+    // The first buffer's room counts its header even when it is a bundle whose records go in
+    // without it: the first test is 24 bytes stricter than it need be.
+    const std::uint64_t used = packed ? run->getDataSize() : run->getDataSize() + kHeaderSize;
+    if (run->getDataSize() == 0 || next->getDataSize() == 0 ||
+        next->getDestination() != run->getDestination() ||
+        next->getDataSize() + used + kHeaderSize >= kCapacity) {
+        return false;
+    }
+    if (!packed) {
+        std::shared_ptr<klNetBuffer> bundle = klNetBufferPool::pop();
+        bundle->copyHeaderFrom(*run);
+        bundle->setType(klNetMessageTypeBundle);
+        bundle->setDataSize(0);
+        bundle->setCompression(klNetCompressionNone, 0);
+        bundle->setSequence(0);
+        bundle->addToBundle(run);
+        run = std::move(bundle);
+        packed = true;
+    }
+    run->addToBundle(next);
+    return true;
+}
+
 bool klNetBuffer::tryBundle(std::queue<std::shared_ptr<klNetBuffer>>& queue,
                             std::shared_ptr<klNetBuffer>& out) {
     if (queue.empty()) {
         return false;
     }
-    std::shared_ptr<klNetBuffer> first = std::move(queue.front());
+    std::shared_ptr<klNetBuffer> run = std::move(queue.front());
     queue.pop();
-    // The first buffer's room counts its header even when it is a bundle whose records go in
-    // without it: the first test is 24 bytes stricter than it need be.
-    std::uint64_t used = first->getDataSize() + kHeaderSize;
-    std::shared_ptr<klNetBuffer> bundle;
-    while (!queue.empty()) {
-        const std::shared_ptr<klNetBuffer>& next = queue.front();
-        if (first->getDataSize() == 0 || next->getDataSize() == 0 ||
-            next->getDestination() != first->getDestination() ||
-            next->getDataSize() + used + kHeaderSize >= kCapacity) {
-            break;
-        }
-        if (!bundle) {
-            bundle = klNetBufferPool::pop();
-            bundle->copyHeaderFrom(*first);
-            bundle->setType(klNetMessageTypeBundle);
-            bundle->setDataSize(0);
-            bundle->setCompression(klNetCompressionNone, 0);
-            bundle->setSequence(0);
-            bundle->addToBundle(first);
-        }
-        bundle->addToBundle(next);
+    bool packed = false;
+    while (!queue.empty() && tryAddToRun(run, packed, queue.front())) {
         queue.pop();
-        used = bundle->getDataSize();
     }
-    out = bundle ? std::move(bundle) : std::move(first);
+    out = std::move(run);
     return true;
 }
 

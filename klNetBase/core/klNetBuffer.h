@@ -112,6 +112,13 @@ public:
     // size 0 are never packed. False, with out unchanged, when the queue is empty.
     static bool tryBundle(std::queue<std::shared_ptr<klNetBuffer>>& queue,
                           std::shared_ptr<klNetBuffer>& out);
+    // The same rule one buffer at a time, for a stage that packs buffers as they come: run is a
+    // run's first buffer while packed is false, and the bundle made of the run once packed is true.
+    // Packs next into the run (making the bundle from a pool buffer on the first join) exactly as
+    // tryBundle would have when next followed the run's buffers in its queue, and returns true;
+    // false, with nothing changed, when next does not join (it then starts a run of its own).
+    static bool tryAddToRun(std::shared_ptr<klNetBuffer>& run, bool& packed,
+                            const std::shared_ptr<klNetBuffer>& next);
     // Pushes one buffer per record of this bundle onto out, in record order. Bundles arrive from
     // the network, so records are read within this buffer's payload area only: a record that runs
     // past the area is cut short at its edge (its dataSize then says what was copied), and a header

@@ -1,6 +1,5 @@
 #include <klNetBase/send/klNetBufferedSender.h>
 
-#include <klNetBase/core/klNetBufferPool.h>
 #include <klNetBase/runtime/klNetAffinityManager.h>
 
 namespace {
@@ -13,8 +12,7 @@ std::uint64_t wireSize(const klNetBuffer& buffer) {
 
 klNetBufferedSender::klNetBufferedSender(const std::vector<std::shared_ptr<klNetSender>>& senders,
                                          int capacity)
-    : klNetSender(senders) {
-    m_queue.set_capacity(capacity > 0 ? capacity : kDefaultCapacity);
+    : klNetSender(senders), m_capacity(capacity > 0 ? capacity : kDefaultCapacity) {
     m_workers.reserve(getChildren().size());
     for (const auto& child : getChildren()) {
         m_workers.push_back(
@@ -23,22 +21,19 @@ klNetBufferedSender::klNetBufferedSender(const std::vector<std::shared_ptr<klNet
 }
 
 klNetBufferedSender::~klNetBufferedSender() {
-    std::shared_ptr<klNetBuffer> discarded;
-    while (m_queue.try_pop(discarded)) {
-        --m_pending;
+    std::deque<Batch> discarded;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        discarded.swap(m_batches);
+        m_pending -= m_waiting;
+        m_waiting = 0;
+        m_stopping = true;
     }
-    discarded.reset();
-    m_queue.set_capacity(kShutdownCapacity);
-    std::shared_ptr<klNetBuffer> stop = klNetBufferPool::pop();
-    stop->setDataSize(0);
-    for (std::size_t i = 0; i < m_workers.size(); ++i) {
-        m_queue.push(stop);
-    }
+    m_work.notify_all();
+    discarded.clear();
     for (const auto& worker : m_workers) {
-        m_queue.push(stop);
         worker->join();
     }
-    m_queue.clear();
 }
 
 std::shared_ptr<klNetSender> klNetBufferedSender::create(
@@ -53,22 +48,59 @@ std::shared_ptr<klNetSender> klNetBufferedSender::create(const std::shared_ptr<k
 
 void klNetBufferedSender::send(const std::shared_ptr<klNetBuffer>& buffer) {
     rethrowError();
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_waiting >= m_capacity) {
+        ++m_blockedSenders;
+        m_room.wait(lock, [this] { return m_waiting < m_capacity || failed(); });
+        --m_blockedSenders;
+        if (failed()) {
+            return;  // the queue was emptied for the error; it shows at the next call
+        }
+    }
+    if (m_batches.empty() || m_batches.back().closed) {
+        m_batches.emplace_back();
+    }
+    Batch& batch = m_batches.back();
+    if (batch.runs.empty() ||
+        !klNetBuffer::tryAddToRun(batch.runs.back().buffer, batch.runs.back().packed, buffer)) {
+        batch.runs.push_back({buffer, false});
+    }
+    batch.bytes += wireSize(*buffer);
+    ++batch.buffers;
+    batch.closed = batch.bytes >= kBatchLimit || buffer->getDataSize() == 0;
+    ++m_waiting;
     ++m_pending;
-    m_queue.push(buffer);
+    // Only a worker that sleeps needs the system call of a wake-up; a busy one finds the batch
+    // when it comes back.
+    const bool wake = m_idleWorkers > 0;
+    lock.unlock();
+    if (wake) {
+        m_work.notify_one();
+    }
 }
 
 void klNetBufferedSender::waitAllDataTransfered() {
-    while (m_pending.load() != 0 && !failed()) {
-        std::this_thread::yield();
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_drained.wait(lock, [this] { return m_pending == 0 || failed(); });
     }
     rethrowError();
     klNetSender::waitAllDataTransfered();
 }
 
-void klNetBufferedSender::storeError(std::exception_ptr error) {
-    std::lock_guard<std::mutex> lock(m_errorMutex);
-    m_error = std::move(error);
-    m_failed.store(true, std::memory_order_release);
+void klNetBufferedSender::fail(std::exception_ptr error) {
+    std::deque<Batch> discarded;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_error = std::move(error);
+        m_failed.store(true, std::memory_order_release);
+        // Frees callers blocked on a full queue; they see the error at their next call.
+        discarded.swap(m_batches);
+        m_waiting = 0;
+    }
+    m_room.notify_all();
+    m_drained.notify_all();
+    m_work.notify_all();
 }
 
 void klNetBufferedSender::rethrowError() {
@@ -77,55 +109,56 @@ void klNetBufferedSender::rethrowError() {
     }
     std::exception_ptr error;
     {
-        std::lock_guard<std::mutex> lock(m_errorMutex);
+        std::lock_guard<std::mutex> lock(m_mutex);
         error = m_error;
     }
     std::rethrow_exception(error);
 }
 
-void klNetBufferedSender::popUntilMaxSize(std::queue<std::shared_ptr<klNetBuffer>>& batch,
-                                          std::uint64_t maxSize) {
-    std::shared_ptr<klNetBuffer> buffer;
-    // Spin briefly before sleeping: waking a sleeping worker costs the producer a system call per
-    // buffer, and a worker that sleeps between short bursts sends many small bundles.
-    bool taken = false;
-    for (int spin = 0; spin < 64 && !(taken = m_queue.try_pop(buffer)); ++spin) {
-        std::this_thread::yield();
+bool klNetBufferedSender::takeBatch(Batch& batch) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    ++m_idleWorkers;
+    m_work.wait(lock, [this] { return !m_batches.empty() || m_stopping || failed(); });
+    --m_idleWorkers;
+    if (m_batches.empty() || failed()) {
+        return false;
     }
-    if (!taken) {
-        m_queue.pop(buffer);
+    batch = std::move(m_batches.front());
+    m_batches.pop_front();
+    m_waiting -= batch.buffers;
+    const bool wake = m_blockedSenders > 0;
+    lock.unlock();
+    if (wake) {
+        m_room.notify_all();
     }
-    std::uint64_t total = wireSize(*buffer);
-    bool stop = buffer->getDataSize() == 0;
-    batch.push(std::move(buffer));
-    while (!failed() && total < maxSize && !stop && m_queue.try_pop(buffer)) {
-        total += wireSize(*buffer);
-        stop = buffer->getDataSize() == 0;
-        batch.push(std::move(buffer));
-    }
+    return true;
 }
 
 void klNetBufferedSender::sendTo(std::shared_ptr<klNetSender> child) {
     try {
         klNetAffinityManager::setNodeAffinity(child->getNodeAffinity());
-        for (;;) {
-            std::queue<std::shared_ptr<klNetBuffer>> batch;
-            popUntilMaxSize(batch, kBatchLimit);
-            const std::int64_t taken = std::int64_t(batch.size());
-            std::shared_ptr<klNetBuffer> out;
-            while (klNetBuffer::tryBundle(batch, out)) {
-                if (failed() || out->getDataSize() == 0) {
+        for (Batch batch; takeBatch(batch);) {
+            for (const Run& run : batch.runs) {
+                if (failed()) {
                     return;
                 }
-                child->send(out);
+                if (run.buffer->getDataSize() == 0) {
+                    break;  // a stop signal ends its batch and this worker
+                }
+                child->send(run.buffer);
             }
-            m_pending -= taken;
+            const bool stop = batch.runs.back().buffer->getDataSize() == 0;
+            const std::int64_t passed = batch.buffers;
+            batch = Batch();  // lets go of the sent buffers before they count as passed on
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if ((m_pending -= passed) == 0) {
+                m_drained.notify_all();
+            }
+            if (stop) {
+                return;
+            }
         }
     } catch (...) {
-        storeError(std::current_exception());
-        // Release callers blocked on a full queue; they see the error at their next call.
-        std::shared_ptr<klNetBuffer> discarded;
-        while (m_queue.try_pop(discarded) && discarded->getDataSize() != 0) {
-        }
+        fail(std::current_exception());
     }
 }

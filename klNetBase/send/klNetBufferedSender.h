@@ -1,33 +1,39 @@
 // klNetBufferedSender: decouples callers from the network.
 //
-// send() only puts the buffer on a bounded concurrent queue (it blocks while the queue is full)
-// and returns. One worker thread per child takes batches of up to 65536 bytes off the queue,
-// packs small buffers of a batch into bundles and sends them on through its child; with several
-// children (several links to one peer) the workers compete for the queue, spreading the load.
-// Buffers of one batch keep their order; batches taken by different workers may overtake each
-// other, which the receiving side's sort stage puts right.
+// send() packs the buffer into the batches that wait for the workers and returns; one worker
+// thread per child takes the oldest batch and sends its buffers on through its child. A batch
+// collects buffers in the order they are sent until they reach 64 KiB (counted as data size + 24
+// header bytes each) or a stop signal; within it, consecutive small buffers for one destination
+// are packed into bundles as they arrive, by exactly the rule of klNetBuffer::tryBundle, so a
+// small buffer is copied once at send() and let go at once instead of waiting in a queue. A batch
+// that a worker takes before it is full simply ends there: what the workers find is what goes
+// out, as if they had taken the batch off a queue. With several children (several links to one
+// peer) the workers take turns at the batches, spreading the load; buffers of one batch keep their
+// order, batches taken by different workers may overtake each other, which the receiving side's
+// sort stage puts right.
+//
+// At most `capacity` buffers wait that no worker has taken yet; send() blocks while that many do.
 //
 // A buffer of data size 0 is a stop signal: the worker that takes it ends, and it is not sent.
 // A worker's error is kept and rethrown to callers by every later send() and by
-// waitAllDataTransfered(); a failed buffered sender stays failed. The destructor discards buffers
-// still queued, stops and joins every worker (a worker finishes its current batch first); shut the
-// links down first if a worker may be blocked on one.
+// waitAllDataTransfered(); a failed buffered sender stays failed, and callers blocked in send()
+// return (the error shows at their next call). The destructor discards batches no worker has
+// taken, stops and joins every worker (a worker finishes its current batch first); shut the links
+// down first if a worker may be blocked on one.
 //
 // Thread safety: send() from any number of threads at once; waitAllDataTransfered() from any
-// thread.
+// thread. One mutex guards the batches and counters; senders hold it while they pack.
 #pragma once
 
 #include <klNetBase/send/klNetSender.h>
 
-#include <tbb/cache_aligned_allocator.h>
-#include <tbb/concurrent_queue.h>
-
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <exception>
 #include <memory>
 #include <mutex>
-#include <queue>
 #include <thread>
 #include <vector>
 
@@ -35,9 +41,8 @@ class KLNETBASE_EXPORT klNetBufferedSender : public klNetSender {
 public:
     static constexpr int kDefaultCapacity = 256;
     static constexpr std::uint64_t kBatchLimit = 0x10000;
-    static constexpr int kShutdownCapacity = 10000;
 
-    // capacity: queued buffers before send() blocks; 0 or less gives 256.
+    // capacity: buffers waiting before send() blocks; 0 or less gives 256.
     klNetBufferedSender(const std::vector<std::shared_ptr<klNetSender>>& senders, int capacity);
     ~klNetBufferedSender() override;
 
@@ -50,27 +55,46 @@ public:
                                                int capacity);
 
     void send(const std::shared_ptr<klNetBuffer>& buffer) override;
-    // Waits (spinning with yields) until every accepted buffer has been passed on, then waits for
-    // the children; rethrows a worker's error.
+    // Waits until every accepted buffer has been passed on, then waits for the children;
+    // rethrows a worker's error.
     void waitAllDataTransfered() override;
 
 private:
-    using Queue =
-        tbb::concurrent_bounded_queue<std::shared_ptr<klNetBuffer>,
-                                      tbb::cache_aligned_allocator<std::shared_ptr<klNetBuffer>>>;
+    // What goes out in one piece: a buffer as it was sent, or the bundle its run was packed into.
+    struct Run {
+        std::shared_ptr<klNetBuffer> buffer;
+        bool packed;
+    };
+    struct Batch {
+        std::vector<Run> runs;
+        std::uint64_t bytes = 0;
+        std::int64_t buffers = 0;  // sent into this batch, packed ones included
+        bool closed = false;       // full, or ended by a stop signal
+    };
 
     void sendTo(std::shared_ptr<klNetSender> child);
-    void popUntilMaxSize(std::queue<std::shared_ptr<klNetBuffer>>& batch, std::uint64_t maxSize);
-    void storeError(std::exception_ptr error);
+    // Waits for the oldest batch and takes it; false when the worker is to end instead.
+    bool takeBatch(Batch& batch);
+    void fail(std::exception_ptr error);
     void rethrowError();
     bool failed() const { return m_failed.load(std::memory_order_acquire); }
 
-    Queue m_queue;
-    // Buffers accepted by send() whose batch has not yet been passed on completely.
-    std::atomic<std::int64_t> m_pending{0};
-
-    // The last worker error; written once per failure, read by callers.
-    std::mutex m_errorMutex;
+    const std::int64_t m_capacity;
+    std::mutex m_mutex;
+    // Workers wait for batches, senders for room, waitAllDataTransfered for the end of pending.
+    std::condition_variable m_work;
+    std::condition_variable m_room;
+    std::condition_variable m_drained;
+    // Guarded by m_mutex: batches no worker has taken, oldest first (the last may still grow);
+    // the buffers in them; the buffers accepted whose batch has not been passed on completely;
+    // idle workers and blocked senders (so that nobody is woken in vain); the destructor's call.
+    std::deque<Batch> m_batches;
+    std::int64_t m_waiting = 0;
+    std::int64_t m_pending = 0;
+    int m_idleWorkers = 0;
+    int m_blockedSenders = 0;
+    bool m_stopping = false;
+    // The last worker error, written under m_mutex; m_failed tells it is there without the lock.
     std::exception_ptr m_error;
     std::atomic<bool> m_failed{false};
 
