@@ -45,10 +45,6 @@ struct Codec {
     std::function<std::shared_ptr<klNetBlockCompressor>()> make;
 };
 
-void PrintTo(const Codec& codec, std::ostream* os) {
-    *os << codec.label;
-}
-
 const Codec kCodecs[] = {
     {"Lz4", "LZ4", klNetCompression(2), [] { return klNetLz4Compressor::create(); }},
     {"Zstd", "Zstandard", klNetCompression(3), [] { return klNetZstdCompressor::create(); }},
@@ -70,9 +66,7 @@ Bytes imageBytes(std::size_t size, unsigned seed) {
 Bytes randomBytes(std::size_t size, unsigned seed) {
     std::mt19937 random(seed);
     Bytes bytes(size);
-    for (auto& byte : bytes) {
-        byte = static_cast<unsigned char>(random());
-    }
+    std::generate(bytes.begin(), bytes.end(), std::ref(random));
     return bytes;
 }
 
@@ -86,13 +80,12 @@ Buffer stamped(const Bytes& payload, klNetMessageType type, std::size_t sequence
 }  // namespace
 
 TEST(klNetCompressorBase, DecidesByHeaderAndTheSettingOfTheBuffersType) {
-    struct Row {
+    const struct Row {
         klNetMessageType type;
         int compression, original, data, image;
         bool should;
         int requested;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {klNetMessageTypeStream, 0, 100, 2, 0, true, 2},
         {klNetMessageTypeMessage, 0, 50, 3, 0, true, 3},  // original below data size is fine
         {klNetMessageTypeMessage, 0, 100, 0, 4, false, 0},

@@ -62,10 +62,6 @@ const Pattern kPatterns[] = {
      "Multicast buffer 0 never arrived: more than 33554432 bytes held after it"},
 };
 
-void PrintTo(const Pattern& pattern, std::ostream* os) {
-    *os << pattern.name;
-}
-
 class HostilePeer : public testing::TestWithParam<Pattern> {};
 
 TEST_P(HostilePeer, MemoryStaysBoundedAndExcessGetsItsError) {
