@@ -45,6 +45,11 @@ struct Codec {
     std::function<std::shared_ptr<klNetBlockCompressor>()> make;
 };
 
+// Names the case in test names and failures.
+void PrintTo(const Codec& codec, std::ostream* os) {
+    *os << codec.label;
+}
+
 const Codec kCodecs[] = {
     {"Lz4", "LZ4", klNetCompression(2), [] { return klNetLz4Compressor::create(); }},
     {"Zstd", "Zstandard", klNetCompression(3), [] { return klNetZstdCompressor::create(); }},
