@@ -45,6 +45,7 @@ struct Codec {
     std::function<std::shared_ptr<klNetBlockCompressor>()> make;
 };
 
+// Names the case in test names and failures.
 void PrintTo(const Codec& codec, std::ostream* os) {
     *os << codec.label;
 }
@@ -70,9 +71,7 @@ Bytes imageBytes(std::size_t size, unsigned seed) {
 Bytes randomBytes(std::size_t size, unsigned seed) {
     std::mt19937 random(seed);
     Bytes bytes(size);
-    for (auto& byte : bytes) {
-        byte = static_cast<unsigned char>(random());
-    }
+    std::generate(bytes.begin(), bytes.end(), std::ref(random));
     return bytes;
 }
 
@@ -86,13 +85,12 @@ Buffer stamped(const Bytes& payload, klNetMessageType type, std::size_t sequence
 }  // namespace
 
 TEST(klNetCompressorBase, DecidesByHeaderAndTheSettingOfTheBuffersType) {
-    struct Row {
+    const struct Row {
         klNetMessageType type;
         int compression, original, data, image;
         bool should;
         int requested;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {klNetMessageTypeStream, 0, 100, 2, 0, true, 2},
         {klNetMessageTypeMessage, 0, 50, 3, 0, true, 3},  // original below data size is fine
         {klNetMessageTypeMessage, 0, 100, 0, 4, false, 0},

@@ -62,6 +62,7 @@ const Pattern kPatterns[] = {
      "Multicast buffer 0 never arrived: more than 33554432 bytes held after it"},
 };
 
+// Names the case in test names and failures.
 void PrintTo(const Pattern& pattern, std::ostream* os) {
     *os << pattern.name;
 }

@@ -157,12 +157,9 @@ private:
     }
 };
 
-// How sender->waitAllDataTransfered() ended, as outcome() tells, or "still waiting" after limit.
-inline std::string drained(const std::shared_ptr<klNetSender>& sender,
-                           Clock::duration limit = kBound) {
-    auto result = std::make_shared<std::string>("still waiting");
-    Task wait([sender, result] { *result = outcome([&] { sender->waitAllDataTransfered(); }); });
-    return wait.finishedWithin(limit) ? *result : "still waiting";
+// How sender->waitAllDataTransfered() ended (see outcomeWithin()).
+inline std::string drained(const std::shared_ptr<klNetSender>& sender) {
+    return outcomeWithin([sender] { sender->waitAllDataTransfered(); });
 }
 
 // A buffer as a sending stream would have stamped it.

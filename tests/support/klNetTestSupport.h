@@ -169,6 +169,14 @@ private:
     std::thread m_thread;
 };
 
+// How fn ended, as outcome() tells, run on a thread of its own; "still running" after limit. As
+// with Task, fn owns what it uses.
+inline std::string outcomeWithin(std::function<void()> fn, Clock::duration limit = kBound) {
+    auto result = std::make_shared<std::string>("still running");
+    Task task([fn, result] { *result = outcome(fn); });
+    return task.finishedWithin(limit) ? *result : "still running";
+}
+
 // Lets go of owner on a thread of its own, so that a destructor that hangs fails the test instead
 // of hanging it: true when the release ended within the bound.
 template <class T>
