@@ -1,8 +1,12 @@
 #include <klNetBase/send/klNetSender.h>
 
+#include <klNetBase/core/klNetBufferPool.h>
+
 #include <klNetBase/send/klNetBalancedSender.h>
 #include <klNetBase/send/klNetBufferedSender.h>
 #include <klNetBase/send/klNetLinkSender.h>
+
+#include <cstring>
 
 klNetSender::klNetSender(const std::set<unsigned int>& destinations)
     : m_destinations(destinations) {}
@@ -31,6 +35,14 @@ int klNetSender::getNodeAffinity() {
         }
     }
     return -1;
+}
+
+void klNetSender::sendFrom(const klNetHeader& header, const void* payload) {
+    std::shared_ptr<klNetBuffer> buffer = klNetBufferPool::pop();
+    buffer->setSendMode(klNetSendModeDefault);
+    *buffer->getHeader() = header;
+    std::memcpy(buffer->getData(), payload, header.dataSize);
+    send(buffer);
 }
 
 void klNetSender::resetStatistics() {
