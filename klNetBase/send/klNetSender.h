@@ -57,7 +57,8 @@ public:
     void shutdown();
 
     // One sender over the links: a link sender per link, all with the given destinations, behind a
-    // buffered sender (buffered) or a balanced sender (one link: that link's sender itself).
+    // buffered sender bounded by the pool buffers its waiting batches hold (buffered) or a balanced
+    // sender (one link: that link's sender itself).
     static std::shared_ptr<klNetSender> createBundle(std::vector<std::shared_ptr<klNetLink>> links,
                                                      bool buffered,
                                                      const std::set<unsigned int>& destinations);
