@@ -9,8 +9,15 @@
 //                   (bundling) into an unbundling receiver / ZeroMQ PUSH-PULL / plain sockets, one
 //                   88-byte frame per send
 //
-// Every workload runs on all three in each round, rounds interleaved; each figure is the median of
-// the rounds. Usage: klNetPeerBench [rounds (default 5)] [scale (default 1.0)]
+// Each ZeroMQ end has a context (and so an I/O thread) of its own, as two processes would.
+//
+// Two settings, each with every workload on all three contenders in each round, rounds
+// interleaved, each figure the median of the rounds:
+//   warm   one process for all rounds, after a warm-up that has grown the buffer pool to 1200
+//          buffers held at once (so that it holds far more free buffers than the caches of the
+//          processor: a pool that hands out the buffer let go longest ago misses on every one)
+//   fresh  every measurement in a process of its own, started for it
+// Usage: klNetPeerBench [rounds (default 5)] [scale (default 1.0)]; --help.
 #include "klBenchSupport.h"
 
 #include <zmq.h>
@@ -55,14 +62,16 @@ struct StreamPair {
     }
 };
 
+// One context per end: each end has an I/O thread of its own, as in two processes.
 struct ZmqPair {
-    void* context = zmq_ctx_new();
+    void* senderContext = zmq_ctx_new();
+    void* receiverContext = zmq_ctx_new();
     void* sender;
     void* receiver;
 
     ZmqPair(int senderType, int receiverType) {
-        sender = zmq_socket(context, senderType);
-        receiver = zmq_socket(context, receiverType);
+        sender = zmq_socket(senderContext, senderType);
+        receiver = zmq_socket(receiverContext, receiverType);
         require(zmq_bind(receiver, "tcp://127.0.0.1:*") == 0, "zmq_bind failed");
         char endpoint[256];
         std::size_t size = sizeof(endpoint);
@@ -75,8 +84,11 @@ struct ZmqPair {
         zmq_setsockopt(receiver, ZMQ_LINGER, &linger, sizeof(linger));
         zmq_close(sender);
         zmq_close(receiver);
-        zmq_ctx_term(context);
+        zmq_ctx_term(senderContext);
+        zmq_ctx_term(receiverContext);
     }
+    ZmqPair(const ZmqPair&) = delete;
+    ZmqPair& operator=(const ZmqPair&) = delete;
 };
 
 // ---- bulk: bytes per second --------------------------------------------------------------------
@@ -296,6 +308,72 @@ double smallPlain(long count) {
     return double(count) / secondsSince(start);
 }
 
+// ---- one measurement ---------------------------------------------------------------------------
+
+enum Workload { kBulk, kTrip, kSmallMessages, kWorkloads };
+enum Contender { kKl, kPlain, kZmq, kContenders };
+const char* const kWorkloadNames[] = {"bulk", "trip", "small"};
+const char* const kContenderNames[] = {"kl", "plain", "zmq"};
+
+struct Sizes {
+    std::size_t bulkBytes;
+    int trips;
+    long smallCount;
+
+    explicit Sizes(double scale)
+        : bulkBytes(std::max<std::size_t>(
+              kBulkBuffer, std::size_t(double(1ull << 30) * scale) / kBulkBuffer * kBulkBuffer)),
+          trips(std::max(100, int(20000 * scale))),
+          smallCount(std::max(1000L, long(1000000 * scale))) {}
+};
+
+// The connections that the warm setting keeps from round to round.
+struct Connections {
+    StreamPair streams;
+    PlainPair plain;
+};
+
+// One workload on one contender: {bytes/s}, {median us, 99th percentile us} or {messages/s}.
+std::vector<double> measure(Workload workload, Contender contender, const Sizes& sizes,
+                            Connections& connections) {
+    switch (workload) {
+        case kBulk:
+            return {contender == kKl      ? bulkStream(connections.streams, sizes.bulkBytes)
+                    : contender == kPlain ? bulkPlain(connections.plain, sizes.bulkBytes)
+                                          : bulkZmq(sizes.bulkBytes)};
+        case kTrip: {
+            const std::vector<double> trips = contender == kKl
+                                                  ? tripsStream(connections.streams, sizes.trips)
+                                              : contender == kPlain
+                                                  ? tripsPlain(connections.plain, sizes.trips)
+                                                  : tripsZmq(sizes.trips);
+            return {median(trips), percentile(trips, 0.99)};
+        }
+        default:
+            return {contender == kKl      ? smallStream(sizes.smallCount)
+                    : contender == kPlain ? smallPlain(sizes.smallCount)
+                                          : smallZmq(sizes.smallCount)};
+    }
+}
+
+// The same measurement in a process of its own: this program again, with --one.
+std::vector<double> measureFresh(Workload workload, Contender contender, double scale) {
+    char self[4096];
+    const ssize_t length = ::readlink("/proc/self/exe", self, sizeof(self) - 1);
+    require(length > 0, "cannot find this program");
+    self[length] = '\0';
+    const std::string command = std::string("'") + self + "' --one " + kWorkloadNames[workload] +
+                                " " + kContenderNames[contender] + " " + std::to_string(scale);
+    FILE* child = ::popen(command.c_str(), "r");
+    require(child != nullptr, "cannot start a measuring process");
+    std::vector<double> figures;
+    for (double value; std::fscanf(child, "%lf", &value) == 1;) {
+        figures.push_back(value);
+    }
+    require(::pclose(child) == 0 && !figures.empty(), "a measuring process failed");
+    return figures;
+}
+
 // ---- the table ---------------------------------------------------------------------------------
 
 struct Row {
@@ -309,62 +387,140 @@ void printRow(const Row& row) {
                 row.unit, row.kl, row.plain, row.zmq, row.kl / row.plain, row.kl / row.zmq);
 }
 
-}  // namespace
+// Medians over the rounds of every figure of every workload and contender.
+struct Figures {
+    std::vector<double> values[kWorkloads][kContenders][2];
 
-int main(int argc, char** argv) {
-    const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
-    const double scale = argc > 2 ? std::max(0.001, std::atof(argv[2])) : 1.0;
-    const std::size_t bulkBytes = std::max<std::size_t>(
-        kBulkBuffer, std::size_t(double(1ull << 30) * scale) / kBulkBuffer * kBulkBuffer);
-    const int trips = std::max(100, int(20000 * scale));
-    const long smallCount = std::max(1000L, long(1000000 * scale));
-
-    StreamPair streams;
-    PlainPair plain;
-    std::vector<double> bulk[3], tripMedian[3], tripTail[3], small[3];
-    for (int round = 0; round < rounds; ++round) {
-        bulk[0].push_back(bulkStream(streams, bulkBytes));
-        bulk[1].push_back(bulkPlain(plain, bulkBytes));
-        bulk[2].push_back(bulkZmq(bulkBytes));
-        const std::vector<double> trip[3] = {tripsStream(streams, trips), tripsPlain(plain, trips),
-                                             tripsZmq(trips)};
-        for (int i = 0; i < 3; ++i) {
-            tripMedian[i].push_back(median(trip[i]));
-            tripTail[i].push_back(percentile(trip[i], 0.99));
+    void add(Workload workload, Contender contender, const std::vector<double>& figures) {
+        for (std::size_t i = 0; i < figures.size() && i < 2; ++i) {
+            values[workload][contender][i].push_back(figures[i]);
         }
-        small[0].push_back(smallStream(smallCount));
-        small[1].push_back(smallPlain(smallCount));
-        small[2].push_back(smallZmq(smallCount));
-        std::fprintf(stderr, "round %d of %d done\n", round + 1, rounds);
     }
+    double at(Workload workload, Contender contender, int i = 0) const {
+        return median(values[workload][contender][i]);
+    }
+};
 
-    const Row rows[] = {
-        {"bulk 1 GiB", "GB/s", median(bulk[0]) / 1e9, median(bulk[1]) / 1e9, median(bulk[2]) / 1e9},
-        {"round trip 64 B, median", "us", median(tripMedian[0]), median(tripMedian[1]),
-         median(tripMedian[2])},
-        {"round trip 64 B, 99th pct", "us", median(tripTail[0]), median(tripTail[1]),
-         median(tripTail[2])},
-        {"small messages 64 B", "M/s", median(small[0]) / 1e6, median(small[1]) / 1e6,
-         median(small[2]) / 1e6},
+struct Verdicts {
+    double bulk, trip, small;
+};
+
+Verdicts printTable(const char* title, const Figures& figures) {
+    const auto row = [&](const char* figure, const char* unit, Workload workload, int i,
+                         double unitScale) {
+        return Row{figure, unit, figures.at(workload, kKl, i) / unitScale,
+                   figures.at(workload, kPlain, i) / unitScale,
+                   figures.at(workload, kZmq, i) / unitScale};
     };
-    std::printf("median of %d interleaved rounds, loopback, both ends in one process, %u cores\n\n",
-                rounds, std::thread::hardware_concurrency());
+    const Row rows[] = {
+        row("bulk 1 GiB", "GB/s", kBulk, 0, 1e9),
+        row("round trip 64 B, median", "us", kTrip, 0, 1),
+        row("round trip 64 B, 99th pct", "us", kTrip, 1, 1),
+        row("small messages 64 B", "M/s", kSmallMessages, 0, 1e6),
+    };
+    std::printf("\n%s\n\n", title);
     std::printf("| %-28s | %-5s | %10s | %10s | %10s | %8s | %8s |\n", "figure", "unit",
                 "klNetBase", "plain", "ZeroMQ", "kl/plain", "kl/ZeroMQ");
     std::printf("|%s|%s|%s|%s|%s|%s|%s|\n", std::string(30, '-').c_str(),
                 std::string(7, '-').c_str(), std::string(12, '-').c_str(),
                 std::string(12, '-').c_str(), std::string(12, '-').c_str(),
                 std::string(10, '-').c_str(), std::string(10, '-').c_str());
-    for (const Row& row : rows) {
-        printRow(row);
+    for (const Row& r : rows) {
+        printRow(r);
     }
-    const double bulkRatio = rows[0].kl / rows[0].plain;
-    const double tripRatio = rows[1].kl / rows[1].plain;
-    const double smallRatio = rows[3].kl / rows[3].zmq;
+    return {rows[0].kl / rows[0].plain, rows[1].kl / rows[1].plain, rows[3].kl / rows[3].zmq};
+}
+
+void printTargets(const char* setting, const Verdicts& v) {
     std::printf(
-        "\ntargets: bulk >= 0.95 x plain: %.3f %s; round trip <= 1.1 x plain: %.3f %s; "
-        "small messages >= 1.2 x ZeroMQ: %.3f %s\n",
-        bulkRatio, bulkRatio >= 0.95 ? "PASS" : "MISS", tripRatio,
-        tripRatio <= 1.1 ? "PASS" : "MISS", smallRatio, smallRatio >= 1.2 ? "PASS" : "MISS");
+        "%s: bulk >= 0.95 x plain: %.3f %s; round trip <= 1.1 x plain: %.3f %s; small messages "
+        ">= 1.2 x ZeroMQ: %.3f %s\n",
+        setting, v.bulk, v.bulk >= 0.95 ? "PASS" : "MISS", v.trip, v.trip <= 1.1 ? "PASS" : "MISS",
+        v.small, v.small >= 1.2 ? "PASS" : "MISS");
+}
+
+[[noreturn]] void usageError(const std::string& text) {
+    std::fprintf(stderr, "klNetPeerBench: %s (see --help)\n", text.c_str());
+    std::exit(2);
+}
+
+// A number from text within [low, high], or a usage error.
+double numberIn(const char* text, double low, double high) {
+    char* end = nullptr;
+    const double value = std::strtod(text, &end);
+    if (end == text || *end != '\0' || !(value >= low && value <= high)) {
+        usageError(std::string("bad number '") + text + "'");
+    }
+    return value;
+}
+
+int indexOf(const char* const* names, int count, const std::string& name) {
+    for (int i = 0; i < count; ++i) {
+        if (name == names[i]) {
+            return i;
+        }
+    }
+    usageError("unknown name '" + name + "'");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 1 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+        std::printf(
+            "usage: klNetPeerBench [ROUNDS] [SCALE]\n"
+            "The stream against plain sockets and ZeroMQ over loopback: bulk, round trip and\n"
+            "small messages, the median of ROUNDS interleaved rounds (default 5), with the pool\n"
+            "grown by a warm-up in one process and in a fresh process for every measurement.\n"
+            "SCALE (default 1.0) scales the amount of data of every workload.\n");
+        return 0;
+    }
+    if (argc > 1 && std::strcmp(argv[1], "--one") == 0) {  // the fresh setting's child
+        if (argc != 5) {
+            usageError("--one needs a workload, a contender and a scale");
+        }
+        const auto workload = Workload(indexOf(kWorkloadNames, kWorkloads, argv[2]));
+        const auto contender = Contender(indexOf(kContenderNames, kContenders, argv[3]));
+        Connections connections;
+        for (double value : measure(workload, contender, Sizes(numberIn(argv[4], 0.001, 100)),
+                                    connections)) {
+            std::printf("%.9g\n", value);
+        }
+        return 0;
+    }
+    if (argc > 3) {
+        usageError("too many arguments");
+    }
+    const int rounds = argc > 1 ? int(numberIn(argv[1], 1, 1000)) : 5;
+    const double scale = argc > 2 ? numberIn(argv[2], 0.001, 100) : 1.0;
+    const Sizes sizes(scale);
+
+    Figures warm, fresh;
+    {
+        // The warm-up: 1200 buffers held at once, then let go.
+        std::vector<std::shared_ptr<klNetBuffer>> held;
+        klNetBufferPool::popMany(1200, held);
+    }
+    Connections connections;
+    for (int round = 0; round < rounds; ++round) {
+        for (int w = 0; w < kWorkloads; ++w) {
+            for (int c = 0; c < kContenders; ++c) {
+                warm.add(Workload(w), Contender(c),
+                         measure(Workload(w), Contender(c), sizes, connections));
+                fresh.add(Workload(w), Contender(c),
+                          measureFresh(Workload(w), Contender(c), scale));
+            }
+        }
+        std::fprintf(stderr, "round %d of %d done\n", round + 1, rounds);
+    }
+
+    std::printf("median of %d interleaved rounds, loopback, both ends in one process, %u cores\n",
+                rounds, std::thread::hardware_concurrency());
+    const Verdicts warmVerdicts =
+        printTable("warm: one process, buffer pool grown to 1200 buffers first", warm);
+    const Verdicts freshVerdicts = printTable("fresh: a new process for every measurement", fresh);
+    std::printf("\ntargets\n");
+    printTargets("warm ", warmVerdicts);
+    printTargets("fresh", freshVerdicts);
     return 0;
 }

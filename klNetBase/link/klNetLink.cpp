@@ -3,6 +3,8 @@
 #include <klNetBase/core/klNetBufferPool.h>
 #include <klNetBase/core/klNetError.h>
 
+#include <cstring>
+
 namespace {
 
 // Ciphering starts after the payload-size field and runs over the rest of the header and the
@@ -38,6 +40,19 @@ void klNetLink::recvAvailable(std::queue<std::shared_ptr<klNetBuffer>>& queue) {
     std::shared_ptr<klNetBuffer> buffer;
     recv(buffer);
     queue.push(std::move(buffer));
+}
+
+void klNetLink::sendFrom(const klNetHeader& header, const void* payload) {
+    std::shared_ptr<klNetBuffer> buffer = klNetBufferPool::pop();
+    *buffer->getHeader() = header;
+    std::memcpy(buffer->getData(), payload, header.dataSize);
+    send(buffer);
+}
+
+bool klNetLink::recvInto(void*, std::size_t, klNetMessageType, klNetHeader&,
+                         std::shared_ptr<klNetBuffer>& buffer) {
+    recv(buffer);
+    return false;
 }
 
 void klNetLink::setRecvTimeout(double) {

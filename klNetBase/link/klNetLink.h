@@ -35,6 +35,15 @@ public:
     // Receives what can be had at once, at least one buffer, onto the back of queue. The default
     // receives exactly one buffer.
     virtual void recvAvailable(std::queue<std::shared_ptr<klNetBuffer>>& queue);
+    // Writes one whole buffer whose payload (header.dataSize bytes) is at payload, in the caller's
+    // memory; the same bytes as send() of a buffer holding them. The default copies header and
+    // payload into a pool buffer and sends that.
+    virtual void sendFrom(const klNetHeader& header, const void* payload);
+    // Receives one whole buffer. When its header says type `type` and at most `room` payload
+    // bytes, the payload goes straight to target, its header to header, and the result is true;
+    // otherwise buffer receives it as recv() would (false). The default always does the latter.
+    virtual bool recvInto(void* target, std::size_t room, klNetMessageType type,
+                          klNetHeader& header, std::shared_ptr<klNetBuffer>& buffer);
     // Closes the link; blocked calls on other threads end in klConnectionClosed. Any thread.
     virtual void shutdown() = 0;
     // A number identifying what a receiver polls on.
@@ -61,6 +70,7 @@ public:
     void setCipher(const std::shared_ptr<klNetCipherBase>& cipher) { m_cipher = cipher; }
 
 protected:
+    bool hasCipher() const { return m_cipher != nullptr; }
     // Without a cipher: buffer itself. With one: an enciphered copy from the pool; buffer is left
     // unchanged, so a buffer sent on several links is enciphered from the same clear text each
     // time.

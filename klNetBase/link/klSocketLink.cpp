@@ -13,6 +13,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -153,31 +154,80 @@ void klSocketLink::send(const std::shared_ptr<klNetBuffer>& buffer) {
     }
 }
 
-void klSocketLink::recv(std::shared_ptr<klNetBuffer>& buffer) {
-    buffer = klNetBufferPool::pop();
+void klSocketLink::recvHeader(klNetBuffer& buffer) {
     if (!m_compatibilityMode) {
-        recv(buffer->getBuffer(), klNetBuffer::getHeaderSize());
+        recv(buffer.getBuffer(), klNetBuffer::getHeaderSize());
     } else {
-        recv(buffer->getBuffer(), kCompatibilityHeaderSize);
-        buffer->setMessageId(0);
-        buffer->setMessageBufferCount(0);
+        recv(buffer.getBuffer(), kCompatibilityHeaderSize);
+        buffer.setMessageId(0);
+        buffer.setMessageBufferCount(0);
     }
     // The size field is never ciphered, so it can be checked before deciphering.
-    if (buffer->getDataSize() >= kInvalidBufferSize) {
+    if (buffer.getDataSize() >= kInvalidBufferSize) {
         throw klNetError("Received invalid buffer size. Possibly stream is out of sync.");
     }
+}
+
+void klSocketLink::recv(std::shared_ptr<klNetBuffer>& buffer) {
+    buffer = klNetBufferPool::pop();
+    recvHeader(*buffer);
     recv(buffer->getData(), buffer->getDataSize());
     decryptBuffer(buffer);
 }
 
+void klSocketLink::sendFrom(const klNetHeader& header, const void* payload) {
+    if (hasCipher() || m_compatibilityMode) {
+        klNetLink::sendFrom(header, payload);
+        return;
+    }
+    iovec parts[2] = {{const_cast<klNetHeader*>(&header), sizeof(header)},
+                      {const_cast<void*>(payload), header.dataSize}};
+    sendParts(parts, 2);
+}
+
+bool klSocketLink::recvInto(void* target, std::size_t room, klNetMessageType type,
+                            klNetHeader& header, std::shared_ptr<klNetBuffer>& buffer) {
+    if (hasCipher()) {  // the type is ciphered: it is known only once the whole buffer is here
+        recv(buffer);
+        return false;
+    }
+    std::shared_ptr<klNetBuffer> received = klNetBufferPool::pop();
+    recvHeader(*received);
+    if (received->getType() == type && received->getDataSize() <= room) {
+        recv(target, received->getDataSize());
+        header = *received->getHeader();
+        return true;
+    }
+    recv(received->getData(), received->getDataSize());
+    buffer = std::move(received);
+    return false;
+}
+
 void klSocketLink::send(const void* data, std::size_t length) {
-    const auto* next = static_cast<const char*>(data);
+    iovec part{const_cast<void*>(data), length};
+    sendParts(&part, 1);
+}
+
+void klSocketLink::sendParts(iovec* parts, int count) {
     klSocketHandle fd = getDescriptor();
     if (fd == klInvalidSocket) {
         throw klConnectionClosed();
     }
-    while (length > 0) {
-        const ssize_t sent = ::send(fd, next, length, MSG_NOSIGNAL);
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = std::size_t(count);
+    for (;;) {
+        while (message.msg_iovlen > 0 && message.msg_iov->iov_len == 0) {
+            ++message.msg_iov;
+            --message.msg_iovlen;
+        }
+        if (message.msg_iovlen == 0) {
+            return;
+        }
+        const ssize_t sent =
+            message.msg_iovlen == 1
+                ? ::send(fd, message.msg_iov->iov_base, message.msg_iov->iov_len, MSG_NOSIGNAL)
+                : ::sendmsg(fd, &message, MSG_NOSIGNAL);
         if (sent < 0) {
             const int error = errno;
             if (error == EINTR && getDescriptor() != klInvalidSocket) {
@@ -189,9 +239,18 @@ void klSocketLink::send(const void* data, std::size_t length) {
             }
             throw klNetError("send error. " + klNetError::getErrorString(error));
         }
-        next += sent;
-        length -= std::size_t(sent);
-        if (length > 0 && getDescriptor() == klInvalidSocket) {
+        // Advances over what went out; a partial write is rare on a blocking socket.
+        for (std::size_t done = std::size_t(sent); done > 0;) {
+            const std::size_t step = std::min(done, message.msg_iov->iov_len);
+            message.msg_iov->iov_base = static_cast<char*>(message.msg_iov->iov_base) + step;
+            message.msg_iov->iov_len -= step;
+            done -= step;
+            if (message.msg_iov->iov_len == 0) {
+                ++message.msg_iov;
+                --message.msg_iovlen;
+            }
+        }
+        if (message.msg_iovlen > 0 && getDescriptor() == klInvalidSocket) {
             throw klConnectionClosed();
         }
     }

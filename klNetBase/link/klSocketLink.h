@@ -65,6 +65,11 @@ public:
 
     void send(const std::shared_ptr<klNetBuffer>& buffer) override;
     void recv(std::shared_ptr<klNetBuffer>& buffer) override;
+    // Without a cipher and in the normal framing: header and caller memory in one writev, and a
+    // payload read straight into the caller's memory. Otherwise as the base (through a buffer).
+    void sendFrom(const klNetHeader& header, const void* payload) override;
+    bool recvInto(void* target, std::size_t room, klNetMessageType type, klNetHeader& header,
+                  std::shared_ptr<klNetBuffer>& buffer) override;
     void shutdown() override;
     unsigned int getRecvHandle() override { return static_cast<unsigned int>(getDescriptor()); }
     void checkAlive() override;
@@ -124,6 +129,11 @@ protected:
     }
 
 private:
+    // Writes every byte of the count parts, advancing over partial writes: send() for one part,
+    // sendmsg() (one writev) for several.
+    void sendParts(struct iovec* parts, int count);
+    // Reads the header of the next buffer and checks its size.
+    void recvHeader(klNetBuffer& buffer);
     void connectTo(const klSocketAddress& address, double timeoutSeconds);
     [[noreturn]] void throwRecvFailure(bool peerClosed);
 

@@ -25,6 +25,12 @@ void klNetReceiver::recvAvailable(std::queue<std::shared_ptr<klNetBuffer>>& queu
     queue.push(std::move(buffer));
 }
 
+bool klNetReceiver::recvInto(void*, std::size_t, klNetMessageType, klNetHeader&,
+                             std::shared_ptr<klNetBuffer>& buffer) {
+    recv(buffer);
+    return false;
+}
+
 void klNetReceiver::addToRecvQueue(const std::shared_ptr<klNetBuffer>&) {
     throw klNetError("Adding buffer to queue not supported by this receiver");
 }

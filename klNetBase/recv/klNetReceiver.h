@@ -32,6 +32,11 @@ public:
     virtual void recv(std::shared_ptr<klNetBuffer>& buffer) = 0;
     // Appends at least one buffer to queue; the default receives exactly one.
     virtual void recvAvailable(std::queue<std::shared_ptr<klNetBuffer>>& queue);
+    // Receives the next buffer as recv() would. A stage that reads a link itself may put the
+    // payload straight into the caller's memory instead, as klNetLink::recvInto says (true); the
+    // default receives into buffer (false).
+    virtual bool recvInto(void* target, std::size_t room, klNetMessageType type,
+                          klNetHeader& header, std::shared_ptr<klNetBuffer>& buffer);
     // Injects a buffer from outside; the default refuses with
     // "Adding buffer to queue not supported by this receiver".
     virtual void addToRecvQueue(const std::shared_ptr<klNetBuffer>& buffer);

@@ -11,8 +11,10 @@ std::uint64_t wireSize(const klNetBuffer& buffer) {
 }  // namespace
 
 klNetBufferedSender::klNetBufferedSender(const std::vector<std::shared_ptr<klNetSender>>& senders,
-                                         int capacity)
-    : klNetSender(senders), m_capacity(capacity > 0 ? capacity : kDefaultCapacity) {
+                                         int capacity, Bound bound)
+    : klNetSender(senders),
+      m_capacity(capacity > 0 ? capacity : kDefaultCapacity),
+      m_bound(bound) {
     m_workers.reserve(getChildren().size());
     for (const auto& child : getChildren()) {
         m_workers.push_back(
@@ -27,6 +29,7 @@ klNetBufferedSender::~klNetBufferedSender() {
         discarded.swap(m_batches);
         m_pending -= m_waiting;
         m_waiting = 0;
+        m_waitingRuns = 0;
         m_stopping = true;
     }
     m_work.notify_all();
@@ -46,12 +49,21 @@ std::shared_ptr<klNetSender> klNetBufferedSender::create(const std::shared_ptr<k
     return create(std::vector<std::shared_ptr<klNetSender>>{sender}, capacity);
 }
 
+std::shared_ptr<klNetSender> klNetBufferedSender::create(
+    const std::vector<std::shared_ptr<klNetSender>>& senders, int capacity, Bound bound) {
+    return std::make_shared<klNetBufferedSender>(senders, capacity, bound);
+}
+
+bool klNetBufferedSender::full() const {
+    return (m_bound == Bound::Buffers ? m_waiting : m_waitingRuns) >= m_capacity;
+}
+
 void klNetBufferedSender::send(const std::shared_ptr<klNetBuffer>& buffer) {
     rethrowError();
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (m_waiting >= m_capacity) {
+    if (full()) {
         ++m_blockedSenders;
-        m_room.wait(lock, [this] { return m_waiting < m_capacity || failed(); });
+        m_room.wait(lock, [this] { return !full() || failed(); });
         --m_blockedSenders;
         if (failed()) {
             return;  // the queue was emptied for the error; it shows at the next call
@@ -64,6 +76,7 @@ void klNetBufferedSender::send(const std::shared_ptr<klNetBuffer>& buffer) {
     if (batch.runs.empty() ||
         !klNetBuffer::tryAddToRun(batch.runs.back().buffer, batch.runs.back().packed, buffer)) {
         batch.runs.push_back({buffer, false});
+        ++m_waitingRuns;
     }
     batch.bytes += wireSize(*buffer);
     ++batch.buffers;
@@ -97,6 +110,7 @@ void klNetBufferedSender::fail(std::exception_ptr error) {
         // Frees callers blocked on a full queue; they see the error at their next call.
         discarded.swap(m_batches);
         m_waiting = 0;
+        m_waitingRuns = 0;
     }
     m_room.notify_all();
     m_drained.notify_all();
@@ -126,6 +140,7 @@ bool klNetBufferedSender::takeBatch(Batch& batch) {
     batch = std::move(m_batches.front());
     m_batches.pop_front();
     m_waiting -= batch.buffers;
+    m_waitingRuns -= std::int64_t(batch.runs.size());
     const bool wake = m_blockedSenders > 0;
     lock.unlock();
     if (wake) {

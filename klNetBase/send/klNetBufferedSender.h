@@ -12,7 +12,12 @@
 // order, batches taken by different workers may overtake each other, which the receiving side's
 // sort stage puts right.
 //
-// At most `capacity` buffers wait that no worker has taken yet; send() blocks while that many do.
+// send() blocks while the waiting batches (those no worker has taken yet) are at their bound. The
+// bound is `capacity` buffers sent into them, or, with Bound::PoolBuffers, `capacity` pool buffers
+// held by them: a buffer that waits as it was sent holds one, and so does a bundle of any number
+// of packed small buffers (those are let go at send()). The second bounds memory just as well and
+// lets a stream of small buffers run far ahead of the workers, so that a sending thread rarely
+// has to wait for a worker to wake; klNetSender::createBundle uses it.
 //
 // A buffer of data size 0 is a stop signal: the worker that takes it ends, and it is not sent.
 // A worker's error is kept and rethrown to callers by every later send() and by
@@ -42,8 +47,13 @@ public:
     static constexpr int kDefaultCapacity = 256;
     static constexpr std::uint64_t kBatchLimit = 0x10000;
 
-    // capacity: buffers waiting before send() blocks; 0 or less gives 256.
-    klNetBufferedSender(const std::vector<std::shared_ptr<klNetSender>>& senders, int capacity);
+    // What capacity counts (above).
+    enum class Bound { Buffers, PoolBuffers };
+
+    // capacity: waiting buffers (or pool buffers they hold) before send() blocks; 0 or less gives
+    // 256.
+    klNetBufferedSender(const std::vector<std::shared_ptr<klNetSender>>& senders, int capacity,
+                        Bound bound = Bound::Buffers);
     ~klNetBufferedSender() override;
 
     klNetBufferedSender(const klNetBufferedSender&) = delete;
@@ -53,6 +63,8 @@ public:
         const std::vector<std::shared_ptr<klNetSender>>& senders, int capacity);
     static std::shared_ptr<klNetSender> create(const std::shared_ptr<klNetSender>& sender,
                                                int capacity);
+    static std::shared_ptr<klNetSender> create(
+        const std::vector<std::shared_ptr<klNetSender>>& senders, int capacity, Bound bound);
 
     void send(const std::shared_ptr<klNetBuffer>& buffer) override;
     // Waits until every accepted buffer has been passed on, then waits for the children;
@@ -75,21 +87,26 @@ private:
     void sendTo(std::shared_ptr<klNetSender> child);
     // Waits for the oldest batch and takes it; false when the worker is to end instead.
     bool takeBatch(Batch& batch);
+    // Whether the waiting batches are at their bound. REQUIRES: m_mutex held.
+    bool full() const;
     void fail(std::exception_ptr error);
     void rethrowError();
     bool failed() const { return m_failed.load(std::memory_order_acquire); }
 
     const std::int64_t m_capacity;
+    const Bound m_bound;
     std::mutex m_mutex;
     // Workers wait for batches, senders for room, waitAllDataTransfered for the end of pending.
     std::condition_variable m_work;
     std::condition_variable m_room;
     std::condition_variable m_drained;
     // Guarded by m_mutex: batches no worker has taken, oldest first (the last may still grow);
-    // the buffers in them; the buffers accepted whose batch has not been passed on completely;
-    // idle workers and blocked senders (so that nobody is woken in vain); the destructor's call.
+    // the buffers sent into them and the runs (pool buffers) they hold; the buffers accepted whose
+    // batch has not been passed on completely; idle workers and blocked senders (so that nobody
+    // is woken in vain); the destructor's call.
     std::deque<Batch> m_batches;
     std::int64_t m_waiting = 0;
+    std::int64_t m_waitingRuns = 0;
     std::int64_t m_pending = 0;
     int m_idleWorkers = 0;
     int m_blockedSenders = 0;

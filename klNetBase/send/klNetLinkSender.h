@@ -14,6 +14,9 @@ public:
                                                const std::set<unsigned int>& destinations);
 
     void send(const std::shared_ptr<klNetBuffer>& buffer) override { m_link->send(buffer); }
+    void sendFrom(const klNetHeader& header, const void* payload) override {
+        m_link->sendFrom(header, payload);
+    }
     // The link's affinity.
     int getNodeAffinity() override { return m_link->getNodeAffinity(); }
 

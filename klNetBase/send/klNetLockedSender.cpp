@@ -12,6 +12,11 @@ std::shared_ptr<klNetSender> klNetLockedSender::create(const std::shared_ptr<klN
     return std::shared_ptr<klNetSender>(new klNetLockedSender(sender));
 }
 
+void klNetLockedSender::sendFrom(const klNetHeader& header, const void* payload) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_target->sendFrom(header, payload);
+}
+
 void klNetLockedSender::send(const std::shared_ptr<klNetBuffer>& buffer) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_target->send(buffer);

@@ -14,6 +14,7 @@ public:
     static std::shared_ptr<klNetSender> create(const std::shared_ptr<klNetSender>& sender);
 
     void send(const std::shared_ptr<klNetBuffer>& buffer) override;
+    void sendFrom(const klNetHeader& header, const void* payload) override;
 
 private:
     explicit klNetLockedSender(const std::shared_ptr<klNetSender>& target);

@@ -1,8 +1,12 @@
 #include <klNetBase/send/klNetSender.h>
 
+#include <klNetBase/core/klNetBufferPool.h>
+
 #include <klNetBase/send/klNetBalancedSender.h>
 #include <klNetBase/send/klNetBufferedSender.h>
 #include <klNetBase/send/klNetLinkSender.h>
+
+#include <cstring>
 
 klNetSender::klNetSender(const std::set<unsigned int>& destinations)
     : m_destinations(destinations) {}
@@ -31,6 +35,14 @@ int klNetSender::getNodeAffinity() {
         }
     }
     return -1;
+}
+
+void klNetSender::sendFrom(const klNetHeader& header, const void* payload) {
+    std::shared_ptr<klNetBuffer> buffer = klNetBufferPool::pop();
+    buffer->setSendMode(klNetSendModeDefault);
+    *buffer->getHeader() = header;
+    std::memcpy(buffer->getData(), payload, header.dataSize);
+    send(buffer);
 }
 
 void klNetSender::resetStatistics() {
@@ -80,7 +92,7 @@ std::shared_ptr<klNetSender> klNetSender::createBundle(
         senders.push_back(klNetLinkSender::create(link, destinations));
     }
     if (buffered) {
-        return klNetBufferedSender::create(senders, -1);
+        return klNetBufferedSender::create(senders, -1, klNetBufferedSender::Bound::PoolBuffers);
     }
     return klNetBalancedSender::create(senders);
 }

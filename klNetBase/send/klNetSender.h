@@ -36,6 +36,10 @@ public:
     // The first non-negative affinity of the children, or -1.
     virtual int getNodeAffinity();
     virtual void send(const std::shared_ptr<klNetBuffer>& buffer) = 0;
+    // Sends one buffer whose payload (header.dataSize bytes) is at payload, in the caller's memory,
+    // which may change once this returns. The default copies it into a pool buffer (send mode 0)
+    // and sends that; a stage that can pass the caller's memory on at once overrides it.
+    virtual void sendFrom(const klNetHeader& header, const void* payload);
     virtual void resetStatistics();
     // Bytes saved by compressing stages below this one.
     virtual std::uint64_t getCompressedBytes();
@@ -53,7 +57,8 @@ public:
     void shutdown();
 
     // One sender over the links: a link sender per link, all with the given destinations, behind a
-    // buffered sender (buffered) or a balanced sender (one link: that link's sender itself).
+    // buffered sender bounded by the pool buffers its waiting batches hold (buffered) or a balanced
+    // sender (one link: that link's sender itself).
     static std::shared_ptr<klNetSender> createBundle(std::vector<std::shared_ptr<klNetLink>> links,
                                                      bool buffered,
                                                      const std::set<unsigned int>& destinations);

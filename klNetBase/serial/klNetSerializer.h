@@ -129,6 +129,15 @@ protected:
 
     // Stamps the current send buffer and hands it to sendBuffer(); nothing when there is none.
     void flushSendBuffer();
+    // Bytes written into the current send buffer and not yet handed on, and the room left in it;
+    // both 0 without a send buffer.
+    std::size_t getUnsentSize() const {
+        return m_sendBuffer ? std::size_t(m_writePosition - m_sendBuffer->getData()) : 0;
+    }
+    std::size_t getSendRoom() const { return m_sendBuffer ? writeRoom() : 0; }
+    std::int64_t getSendThreshold() const { return m_sendThreshold; }
+    // Unread bytes of the current receive buffer.
+    std::size_t getReadable() const { return readable(); }
     // Drops the current receive buffer together with its unread bytes.
     void discardRecvBuffer() {
         m_recvBuffer.reset();

@@ -155,17 +155,82 @@ void klNetStream::sendBuffer(const std::shared_ptr<klNetBuffer>& buffer) {
     m_sentBytes += wireSize(*buffer);
 }
 
+void klNetStream::acceptStreamBuffer(const klNetBuffer& buffer) {
+    if (buffer.getType() != klNetMessageTypeStream) {
+        throw klNetError(std::ostringstream()
+                         << "Stream out of sync. Stream expected at " << m_rank << " from "
+                         << buffer.getSource() << " to " << buffer.getDestination());
+    }
+    m_receivedBytes += wireSize(buffer);
+}
+
 void klNetStream::recvBuffer(std::shared_ptr<klNetBuffer>& buffer) {
     requireReceiver();
     std::shared_ptr<klNetBuffer> received;
     m_receiver->recv(received);
-    if (received->getType() != klNetMessageTypeStream) {
-        throw klNetError(std::ostringstream()
-                         << "Stream out of sync. Stream expected at " << m_rank << " from "
-                         << received->getSource() << " to " << received->getDestination());
-    }
-    m_receivedBytes += wireSize(*received);
+    acceptStreamBuffer(*received);
     buffer = std::move(received);
+}
+
+void klNetStream::sendWhole(const unsigned char* payload, std::size_t size) {
+    // Stamped as a flushed stream buffer would be; the message fields carry nothing here.
+    klNetHeader header{};
+    header.dataSize = header.originalDataSize = std::uint32_t(size);
+    header.sequence = std::uint16_t(m_multicastSequence++);
+    header.type = std::uint8_t(getMessageType());
+    header.source = m_rank;
+    m_sender->sendFrom(header, payload);
+    m_sentBytes += size + klNetBuffer::getHeaderSize();
+}
+
+void klNetStream::putBytes(const void* source, std::size_t n) {
+    const auto* from = static_cast<const unsigned char*>(source);
+    const std::size_t whole = std::size_t(getSendThreshold());
+    if (m_sender && whole != 0) {
+        // Fill a partly written buffer first: it goes out before the whole ones, as it would.
+        const std::size_t unsent = getUnsentSize();
+        if (unsent != 0 && n > getSendRoom()) {
+            const std::size_t room = getSendRoom();
+            klNetSerializer::putBytes(from, room);
+            flushSendBuffer();
+            from += room;
+            n -= room;
+        }
+        if (getUnsentSize() == 0) {
+            for (; n >= whole; from += whole, n -= whole) {
+                sendWhole(from, whole);
+            }
+        }
+    }
+    klNetSerializer::putBytes(from, n);
+}
+
+void klNetStream::getBytes(void* target, std::size_t n) {
+    auto* to = static_cast<unsigned char*>(target);
+    const std::size_t buffered = std::min(n, getReadable());
+    klNetSerializer::getBytes(to, buffered);
+    to += buffered;
+    n -= buffered;
+    while (n != 0) {
+        requireReceiver();
+        klNetHeader header;
+        std::shared_ptr<klNetBuffer> received;
+        if (m_receiver->recvInto(to, n, klNetMessageTypeStream, header, received)) {
+            m_receivedBytes += header.dataSize + klNetBuffer::getHeaderSize();
+            to += header.dataSize;
+            n -= header.dataSize;
+            continue;
+        }
+        // Too big for what is left to read, or from a stage that keeps its buffers: read on
+        // from it as the serializer would.
+        acceptStreamBuffer(*received);
+        setRecvBuffer(received);
+        const std::size_t part = std::min(n, received->getDataSize());
+        received.reset();
+        klNetSerializer::getBytes(to, part);
+        to += part;
+        n -= part;
+    }
 }
 
 void klNetStream::sendMessage(klNetMessage& message, int destination, klNetBufferSendMode mode) {

@@ -87,6 +87,17 @@ public:
     // abort, before or while waiting.
     void waitReadableOrAbort();
 
+    // The serializer's putBytes and getBytes, without the copy through a pool buffer where a whole
+    // buffer comes from or goes to the caller's memory: the whole buffers that a write covers go
+    // out at once, each as a header and the caller's bytes (over a link sender straight from the
+    // caller's memory with one writev), and a read that has room for the whole payload of the next
+    // stream-data buffer takes it straight into the caller's memory (from a link receiver). The
+    // bytes on the wire and the order of buffers are those of the serializer's functions, except
+    // that a write that ends exactly at a buffer's end sends that buffer at once instead of at the
+    // next write or flush.
+    void putBytes(const void* source, std::size_t n);
+    void getBytes(void* target, std::size_t n);
+
     // Sends the partly filled buffer now.
     void flush() { flushSendBuffer(); }
     // Manipulator: stream << klNetStream::flush. On a serializer that is no stream: klNetError
@@ -126,6 +137,10 @@ protected:
 
 private:
     void requireReceiver() const;
+    // Stamps and sends one whole buffer's payload from the caller's memory.
+    void sendWhole(const unsigned char* payload, std::size_t size);
+    // Checks a buffer read for the byte stream and counts it.
+    void acceptStreamBuffer(const klNetBuffer& buffer);
     // Throws when one more buffer from source may not wait for its partners.
     void checkPendingRoom(std::size_t source) const;
 

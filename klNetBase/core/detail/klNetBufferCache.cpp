@@ -29,9 +29,11 @@ namespace {
 std::mutex g_registryMutex;
 klNetBufferCache::Thread* g_threads = nullptr;  // guarded by g_registryMutex
 
-// Trivial thread-locals, so that the fast path reads them without an initialisation check.
-thread_local klNetBufferCache::Thread* t_thread = nullptr;
-thread_local bool t_ended = false;
+// Trivial thread-locals, so that the fast path reads them without an initialisation check, in
+// the static TLS block (a few bytes), so without a call to find them.
+__attribute__((tls_model("initial-exec"))) thread_local klNetBufferCache::Thread* t_thread =
+    nullptr;
+__attribute__((tls_model("initial-exec"))) thread_local bool t_ended = false;
 
 klNetBufferCache::Thread& threadCaches() {
     thread_local klNetBufferCache::Thread caches;
@@ -61,7 +63,7 @@ klNetBufferCache::Thread::~Thread() {
         klNetBufferPool* pool = nullptr;
         std::size_t count = 0;
         {
-            std::lock_guard<std::mutex> cacheLock(cache.m_mutex);
+            std::lock_guard<klNetOwnerLock> cacheLock(cache.m_lock);
             pool = cache.m_pool;
             count = cache.drain(buffers);
         }
@@ -89,7 +91,7 @@ klNetBufferCache* klNetBufferCache::forThisThread(klNetBufferPool& pool) {
         }
     }
     for (klNetBufferCache& cache : thread->caches) {
-        std::lock_guard<std::mutex> lock(cache.m_mutex);
+        std::lock_guard<klNetOwnerLock> lock(cache.m_lock);
         if (cache.m_poolId.load(std::memory_order_relaxed) == 0) {
             cache.m_pool = &pool;
             cache.m_poolId.store(pool.m_id, std::memory_order_relaxed);
@@ -117,7 +119,7 @@ void klNetBufferCache::releaseAll(const klNetBufferPool& pool, std::vector<klNet
     std::lock_guard<std::mutex> lock(g_registryMutex);
     for (Thread* thread = g_threads; thread != nullptr; thread = thread->next) {
         for (klNetBufferCache& cache : thread->caches) {
-            std::lock_guard<std::mutex> cacheLock(cache.m_mutex);
+            std::lock_guard<klNetOwnerLock> cacheLock(cache.m_lock);
             if (cache.m_poolId.load(std::memory_order_relaxed) == pool.m_id) {
                 klNetBuffer* buffers[kSize];
                 out.insert(out.end(), buffers, buffers + cache.drain(buffers));
@@ -127,7 +129,7 @@ void klNetBufferCache::releaseAll(const klNetBufferPool& pool, std::vector<klNet
 }
 
 klNetBuffer* klNetBufferCache::take() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::lock_guard<klNetOwnerLock> lock(m_lock);
     if (m_count == 0) {
         return nullptr;
     }
@@ -138,7 +140,7 @@ klNetBuffer* klNetBufferCache::take() {
 }
 
 std::size_t klNetBufferCache::put(klNetBuffer* buffer, klNetBuffer** overflow) {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::lock_guard<klNetOwnerLock> lock(m_lock);
     std::size_t moved = 0;
     if (m_count == kSize) {
         for (; moved < kSize / 2; ++moved) {

@@ -8,9 +8,10 @@
 // pool can take a buffer from another thread's cache when it has no other, and can free what the
 // caches hold of it when it goes; a thread that ends gives its cached buffers back to their pools.
 //
-// Thread safety: each cache has a mutex of its own, taken by its thread on every take and put
-// (uncontended but for the rare visits of a pool from another thread). Lock order: the registry,
-// then a cache, then a pool's shared list.
+// Thread safety: each cache has a lock of its own, taken by its thread on every take and put
+// (uncontended but for the rare visits of a pool from another thread, so one atomic exchange to
+// take it and a plain store to give it back). Lock order: the registry, then a cache, then a
+// pool's shared list.
 #pragma once
 
 #include <klNetBase/core/klNetBufferPool.h>
@@ -19,7 +20,25 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <thread>
 #include <vector>
+
+// A lock for data that one thread uses almost alone: another party that finds it taken yields
+// until it is free.
+class klNetOwnerLock {
+public:
+    void lock() noexcept {
+        while (m_taken.exchange(true, std::memory_order_acquire)) {
+            while (m_taken.load(std::memory_order_relaxed)) {
+                std::this_thread::yield();
+            }
+        }
+    }
+    void unlock() noexcept { m_taken.store(false, std::memory_order_release); }
+
+private:
+    std::atomic<bool> m_taken{false};
+};
 
 class klNetBufferCache {
 public:
@@ -42,14 +61,14 @@ public:
     class Thread;
 
 private:
-    // Moves everything out and forgets the pool. REQUIRES: m_mutex held.
+    // Moves everything out and forgets the pool. REQUIRES: m_lock held.
     std::size_t drain(klNetBuffer** out);
-    // The pool this cache serves, 0 when none; written under m_mutex, read on the owner's fast
+    // The pool this cache serves, 0 when none; written under m_lock, read on the owner's fast
     // path without it.
     std::atomic<std::uint64_t> m_poolId{0};
     klNetBufferPool* m_pool = nullptr;
-    std::mutex m_mutex;
-    // Guarded by m_mutex.
+    klNetOwnerLock m_lock;
+    // Guarded by m_lock.
     klNetBuffer* m_ring[kSize] = {};
     std::size_t m_first = 0;
     std::size_t m_count = 0;
