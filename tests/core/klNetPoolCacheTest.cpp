@@ -1,5 +1,6 @@
 // The buffer pool's thread caches: what a thread lets go of stays reusable by every thread, is
 // bounded, is freed with the pool, and getting and releasing a buffer allocates nothing.
+#include <support/klNetAllocationProbe.h>
 #include <support/klNetTestSupport.h>
 
 #include <sys/mman.h>
@@ -7,14 +8,10 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
-#include <new>
 
 using namespace kltest;
 
 namespace {
-
-std::atomic<long> g_allocations{0};
 
 // Whether the page that holds buffer is still mapped (mincore fails with ENOMEM once it is not).
 bool mapped(const klNetBuffer* buffer) {
@@ -25,23 +22,6 @@ bool mapped(const klNetBuffer* buffer) {
 }
 
 }  // namespace
-
-// Counts every allocation of the test program.
-void* operator new(std::size_t size) {
-    ++g_allocations;
-    if (void* memory = std::malloc(size != 0 ? size : 1)) {
-        return memory;
-    }
-    throw std::bad_alloc();
-}
-
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
 
 TEST(klNetPoolCache, ABufferLetGoOnAnotherThreadIsReusedWithItsContentsBeforeANewOneIsMade) {
     for (const bool threadEnds : {false, true}) {
@@ -102,7 +82,7 @@ TEST(klNetPoolCache, GettingAndReleasingWarmBuffersAllocatesNothingAndObservedOn
     Buffers warm;
     pool.getMany(4, warm);
     warm.clear();
-    const long before = g_allocations.load();
+    const std::size_t before = allocationCount();
     int reusedWhileObserved = 0;
     for (int i = 0; i < 1000; ++i) {
         Buffer one = pool.get();
@@ -112,6 +92,6 @@ TEST(klNetPoolCache, GettingAndReleasingWarmBuffersAllocatesNothingAndObservedOn
         Buffer other = pool.get();
         reusedWhileObserved += other.get() == raw || !observer.expired() ? 1 : 0;
     }
-    EXPECT_EQ(before, g_allocations.load());
+    EXPECT_EQ(before, allocationCount());
     EXPECT_EQ(0, reusedWhileObserved);
 }

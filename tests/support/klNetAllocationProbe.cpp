@@ -6,6 +6,7 @@
 
 namespace {
 std::atomic<std::size_t> g_largest{0};
+std::atomic<std::size_t> g_count{0};
 }  // namespace
 
 std::size_t kltest::largestAllocation() {
@@ -16,8 +17,13 @@ void kltest::resetLargestAllocation() {
     g_largest = 0;
 }
 
+std::size_t kltest::allocationCount() {
+    return g_count.load();
+}
+
 // In a translation unit of their own so that no caller sees malloc and free behind them.
 void* operator new(std::size_t size) {
+    ++g_count;
     std::size_t seen = g_largest.load();
     while (size > seen && !g_largest.compare_exchange_weak(seen, size)) {
     }
