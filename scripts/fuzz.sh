@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # Fuzzes every parser of bytes that come from another process. Configures a clang build with
 # libFuzzer, AddressSanitizer and UndefinedBehaviorSanitizer in build/fuzz, builds every fuzz
-# target, and runs the targets one after the other, each for SECONDS on a copy of its seed corpus
-# (fuzz/corpus/<target>/). Prints per target the inputs executed, the inputs it added to its copy
-# of the corpus, and its findings; an input that crashed, leaked, hung or ran out of memory is kept
-# in build/fuzz/findings/<target>/ and libFuzzer's output in build/fuzz/logs/<target>.log.
+# target, and runs the targets one after the other, each for SECONDS on its working corpus
+# build/fuzz/work/<target>/: the seed corpus (fuzz/corpus/<target>/) plus what earlier runs added,
+# so that coverage builds up from run to run (--fresh starts again from the seeds). Prints per
+# target the inputs executed, the inputs it added to its working corpus, and its findings; an
+# input that crashed, leaked, hung or ran out of memory is kept in build/fuzz/findings/<target>/
+# and libFuzzer's output in build/fuzz/logs/<target>.log.
 #
-#   scripts/fuzz.sh [--runs N] [SECONDS] [TARGET...]
+#   scripts/fuzz.sh [--runs N] [--fresh] [SECONDS] [TARGET...]
 #       SECONDS per target (default 60); --runs ends a target sooner, after N executions; all
 #       targets unless some are named
 #
@@ -20,6 +22,7 @@ usage() {
 
 seconds=60
 runs=-1
+fresh=0
 targets=()
 while [[ $# -gt 0 ]]; do
   argument=$1
@@ -33,6 +36,7 @@ while [[ $# -gt 0 ]]; do
       runs=$1
       shift
       ;;
+    --fresh) fresh=1 ;;
     -*) echo "fuzz.sh: unknown option '$argument' (see --help)" >&2; exit 2 ;;
     *)
       if [[ "$argument" =~ ^[0-9]+$ ]]; then
@@ -76,7 +80,7 @@ for target in "${targets[@]}"; do
   work="$build/work/$target"
   findings="$build/findings/$target"
   log="$build/logs/$target.log"
-  rm -rf "$work"
+  [[ $fresh -eq 1 ]] && rm -rf "$work"
   mkdir -p "$work" "$findings"
   cp fuzz/corpus/"$target"/* "$work"/ 2>/dev/null || true
   echo "   fuzzing $target for ${seconds}s$([[ $runs -gt 0 ]] && echo " or $runs executions") ..." >&2
