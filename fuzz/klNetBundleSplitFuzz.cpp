@@ -38,16 +38,23 @@ void splitOne(klfuzz::Input& input) {
 
     std::queue<std::shared_ptr<klNetBuffer>> parts;
     bundle->split(parts);
-    std::vector<std::uint8_t> joined;
+    // Compared in place: joining the parts into a vector of their own cost this target half of
+    // its time in fresh pages of the sanitizer's allocator.
+    std::size_t joined = 0;
+    bool same = true;
     while (!parts.empty()) {
         const klNetBuffer& part = *parts.front();
         check(part.getDataSize() <= klNetBuffer::getCapacity(),
               "a part is larger than its payload area");
-        joined.insert(joined.end(), part.getBuffer(), part.getBuffer() + part.getBufferSize());
+        const std::size_t size = part.getBufferSize();
+        same = same && joined + size <= payload.size() &&
+               std::memcmp(payload.data() + joined, part.getBuffer(), size) == 0;
+        joined += size;
         parts.pop();
     }
     if (wellFormed(payload)) {
-        check(joined == payload, "a well-formed bundle did not split into its records");
+        check(same && joined == payload.size(),
+              "a well-formed bundle did not split into its records");
     }
 }
 
