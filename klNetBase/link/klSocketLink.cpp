@@ -454,9 +454,23 @@ std::unique_ptr<klSocketLink> klSocketLink::checkForHPCNetSocket(klSocketHandle 
     std::size_t seen = 0;
     const auto deadline = std::chrono::steady_clock::now() + kGreetingWait;
     try {
-        while ((seen = link->peekAvailable(&greeting, sizeof(greeting))) < sizeof(greeting) &&
-               std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        // Sleeps in poll() until bytes come, so that a greeting is seen the moment it arrives;
+        // only the rest of a greeting that came in parts is waited for by short sleeps.
+        bool readable = false;
+        for (;;) {
+            seen = link->peekAvailable(&greeting, sizeof(greeting));
+            const auto now = std::chrono::steady_clock::now();
+            if (seen == sizeof(greeting) || now >= deadline || (readable && seen == 0)) {
+                break;  // a greeting, the end of the wait, or a peer that closed without one
+            }
+            if (seen > 0) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                continue;
+            }
+            const auto left =
+                std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count();
+            short events = 0;
+            readable = klSocketOps::pollOne(descriptor, POLLIN, int(left), events) > 0;
         }
     } catch (const std::exception&) {
         link->takeDescriptor();
