@@ -67,12 +67,17 @@ private:
 };
 
 // The bytes cut into pool buffers of at most piece payload bytes each, as a reading message
-// would receive them.
+// would receive them; into longer pieces where there would be over kMaxCutBuffers, since every
+// buffer is a pool buffer of its own and thousands of them would cost a run its time in mapping
+// and unmapping pages instead of in parsing.
+constexpr std::size_t kMaxCutBuffers = 512;
+
 inline std::vector<std::shared_ptr<klNetBuffer>> cutIntoBuffers(const std::uint8_t* data,
                                                                 std::size_t size,
                                                                 std::size_t piece) {
     std::vector<std::shared_ptr<klNetBuffer>> buffers;
-    piece = std::min(std::max<std::size_t>(piece, 1), klNetBuffer::getCapacity());
+    piece = std::max({piece, std::size_t(1), (size + kMaxCutBuffers - 1) / kMaxCutBuffers});
+    piece = std::min(piece, klNetBuffer::getCapacity());
     for (std::size_t offset = 0; offset < size; offset += piece) {
         const std::size_t n = std::min(piece, size - offset);
         std::shared_ptr<klNetBuffer> buffer = klNetBufferPool::pop();

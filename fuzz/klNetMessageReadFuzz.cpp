@@ -4,29 +4,11 @@
 // message, and read back as a sequence of values chosen by the input itself. Whatever the bytes,
 // reading must end in a value or in klNetError: never a crash, an out-of-bounds access or an
 // allocation sized by an untrusted length.
-#include <klNetBase/klNetBase.h>
+#include "klFuzzSupport.h"
 
-#include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
 #include <string>
-#include <vector>
 
 namespace {
-
-std::vector<std::shared_ptr<klNetBuffer>> cut(const std::uint8_t* data, std::size_t size,
-                                              std::size_t piece) {
-    std::vector<std::shared_ptr<klNetBuffer>> buffers;
-    for (std::size_t offset = 0; offset < size; offset += piece) {
-        const std::size_t n = std::min(piece, size - offset);
-        std::shared_ptr<klNetBuffer> buffer = klNetBufferPool::pop();
-        std::memcpy(buffer->getData(), data + offset, n);
-        buffer->setDataSize(n);
-        buffers.push_back(std::move(buffer));
-    }
-    return buffers;
-}
 
 void readValues(klNetMessage& reader, const std::uint8_t* plan, std::size_t planSize) {
     for (std::size_t i = 0; i < planSize; ++i) {
@@ -87,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::size_t payloadSize = size - 2 - planSize;
 
     klNetMessage reader;
-    reader.setRecvBuffers(cut(payload, payloadSize, piece));
+    reader.setRecvBuffers(klfuzz::cutIntoBuffers(payload, payloadSize, piece));
     try {
         readValues(reader, plan, planSize);
     } catch (const klNetError&) {
