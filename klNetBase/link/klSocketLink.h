@@ -105,8 +105,9 @@ public:
     bool getCompatibilityMode() const { return m_compatibilityMode; }
     void setCompatibilityMode(bool on) { m_compatibilityMode = on; }
 
-    // Accepting side of the greeting: within about 2 seconds, either a link ready for buffers (the
-    // greeting consumed and echoed) or null, with the descriptor left open and its bytes unread.
+    // Accepting side of the greeting: within about 2 seconds (at once when the peer closes first),
+    // either a link ready for buffers (the greeting consumed and echoed) or null, with the
+    // descriptor left open and its bytes unread.
     static std::unique_ptr<klSocketLink> checkForHPCNetSocket(klSocketHandle descriptor);
     // Connecting side: sends the greeting and waits up to 30 seconds for the same answer;
     // anything else throws "Unexpected respnse from server".
