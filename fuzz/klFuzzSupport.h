@@ -278,11 +278,11 @@ private:
     std::thread m_writer;
 };
 
-// Number of descriptors this process has open.
-inline int openDescriptors() {
-    DIR* dir = ::opendir("/proc/self/fd");
+// Number of entries of a directory of /proc/self.
+inline int entriesOf(const char* directory) {
+    DIR* dir = ::opendir(directory);
     if (dir == nullptr) {
-        fail("opendir /proc/self/fd");
+        fail(directory);
     }
     int count = 0;
     while (::readdir(dir) != nullptr) {
@@ -290,6 +290,19 @@ inline int openDescriptors() {
     }
     ::closedir(dir);
     return count;
+}
+
+// Number of descriptors this process has open.
+inline int openDescriptors() { return entriesOf("/proc/self/fd"); }
+
+// Waits, at most about 200 ms, until the process has no more than count threads. A thread that
+// has reported its end (a Qt thread's finished signal, say) still holds its per-thread data until
+// it has exited, and libFuzzer's leak check after an input must not run before then. Bounded
+// short, as an input may also have started threads that stay (a thread pool's first workers).
+inline void awaitThreadCount(int count) {
+    for (int i = 0; i < 200 && entriesOf("/proc/self/task") > count; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 // Aborts (a finding) when the scope leaves more descriptors open than it found: a hostile peer

@@ -88,6 +88,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     klfuzz::DescriptorCheck descriptors;
     klfuzz::SocketFeeder client(klfuzz::SocketFeeder::kTcp,
                                 std::vector<std::uint8_t>(data, data + size));
+    // The client's writer included: it is joined only as the input ends.
+    const int threads = klfuzz::entriesOf("/proc/self/task");
     {
         klNetService service(0, "");
         service.setConsole(false);
@@ -99,5 +101,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // by the application's event loop: run what it would have run.
     QCoreApplication::sendPostedEvents();
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    klfuzz::awaitThreadCount(threads);
     return 0;
 }
