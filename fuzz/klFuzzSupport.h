@@ -164,8 +164,16 @@ private:
     std::size_t m_next = 0;
 };
 
-[[noreturn]] inline void fail(const char* what) {
-    std::fprintf(stderr, "fuzz harness: %s: %s\n", what, std::strerror(errno));
+// The harness's own trouble (not a finding in the code under test). Also written to the file
+// named by KLFUZZ_HARNESS_LOG when set, as libFuzzer's -close_fd_mask may have closed stderr.
+[[noreturn]] inline void fail(const char* what, int error = errno) {
+    std::fprintf(stderr, "fuzz harness: %s: %s\n", what, std::strerror(error));
+    if (const char* path = std::getenv("KLFUZZ_HARNESS_LOG")) {
+        if (std::FILE* log = std::fopen(path, "a")) {
+            std::fprintf(log, "fuzz harness: %s: %s\n", what, std::strerror(error));
+            std::fclose(log);
+        }
+    }
     std::abort();
 }
 
@@ -253,16 +261,22 @@ private:
         sockaddr_in address{};
         socklen_t length = sizeof(address);
         ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-        m_far = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         // Other programs on the machine share the ephemeral ports: wait a little for one to
-        // come free rather than report the harness's own trouble as a finding.
+        // come free, on a fresh socket each time, rather than report the harness's own trouble
+        // as a finding.
         for (int attempt = 0;; ++attempt) {
-            if (m_far >= 0 &&
-                ::connect(m_far, reinterpret_cast<sockaddr*>(&address), length) == 0) {
+            m_far = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            if (m_far < 0) {
+                fail("loopback socket");
+            }
+            if (::connect(m_far, reinterpret_cast<sockaddr*>(&address), length) == 0) {
                 break;
             }
-            if (m_far < 0 || errno != EADDRNOTAVAIL || attempt == 100) {
-                fail("loopback connect");
+            const int error = errno;
+            ::close(m_far);
+            m_far = -1;
+            if (attempt == 200) {
+                fail("loopback connect", error);
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }

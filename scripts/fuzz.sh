@@ -88,8 +88,13 @@ for target in "${targets[@]}"; do
   # Output of the code under test is dropped (-close_fd_mask); libFuzzer's own goes to the log.
   # -max_len keeps inputs small (a buffer's worth of frames); -timeout catches hangs well above
   # the longest wait in the code (2 s for a greeting).
+  # The harness's own trouble (a loopback connection it could not make, say) goes to this file,
+  # as the target's stderr is closed.
+  harness="$build/logs/$target.harness"
+  rm -f "$harness"
   status=0
   started=$SECONDS
+  KLFUZZ_HARNESS_LOG="$harness" \
   "$build/bin/$target" -max_total_time="$seconds" -runs="$runs" -max_len=16384 -timeout=30 \
     -rss_limit_mb=4096 -print_final_stats=1 -close_fd_mask=3 \
     -artifact_prefix="$findings/" "$work" >"$log" 2>&1 || status=$?
@@ -99,8 +104,9 @@ for target in "${targets[@]}"; do
   summary="none"
   if [[ $status -ne 0 || $new_findings -gt 0 ]]; then
     found=1
-    reason=$(grep -m1 -E '^(==[0-9]+==ERROR|SUMMARY|.*runtime error|==[0-9]+== ERROR)' "$log" \
-      || echo "exit status $status")
+    reason=$(head -1 "$harness" 2>/dev/null ||
+      grep -m1 -E '^(==[0-9]+==ERROR|SUMMARY|.*runtime error|==[0-9]+== ERROR)' "$log" ||
+      echo "exit status $status")
     summary="$new_findings input(s) in $findings: $reason"
   fi
   printf '%-28s %12s %8s %8s  %s\n' "$target" "${executions:-?}" $((SECONDS - started)) \
