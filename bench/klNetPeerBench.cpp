@@ -466,15 +466,6 @@ int indexOf(const char* const* names, int count, const std::string& name) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc > 1 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
-        std::printf(
-            "usage: klNetPeerBench [ROUNDS] [SCALE]\n"
-            "The stream against plain sockets and ZeroMQ over loopback: bulk, round trip and\n"
-            "small messages, the median of ROUNDS interleaved rounds (default 5), with the pool\n"
-            "grown by a warm-up in one process and in a fresh process for every measurement.\n"
-            "SCALE (default 1.0) scales the amount of data of every workload.\n");
-        return 0;
-    }
     if (argc > 1 && std::strcmp(argv[1], "--one") == 0) {  // the fresh setting's child
         if (argc != 5) {
             usageError("--one needs a workload, a contender and a scale");
@@ -488,11 +479,18 @@ int main(int argc, char** argv) {
         }
         return 0;
     }
-    if (argc > 3) {
-        usageError("too many arguments");
+    const std::vector<double> args = numericArguments(
+        argc, argv,
+        "[ROUNDS] [SCALE]\nThe stream against plain sockets and ZeroMQ over loopback: bulk, round\n"
+        "trip and small messages, the median of ROUNDS interleaved rounds (default 5), with the\n"
+        "pool grown by a warm-up in one process and in a fresh process for every measurement.\n"
+        "SCALE (default 1.0) scales the amount of data of every workload.\n",
+        2, 0.001);
+    const int rounds = args.empty() ? 5 : int(args[0]);
+    if (rounds < 1) {
+        usageError("ROUNDS must be at least 1");
     }
-    const int rounds = argc > 1 ? int(numberIn(argv[1], 1, 1000)) : 5;
-    const double scale = argc > 2 ? numberIn(argv[2], 0.001, 100) : 1.0;
+    const double scale = args.size() > 1 ? args[1] : 1.0;
     const Sizes sizes(scale);
 
     Figures warm, fresh;

@@ -144,21 +144,13 @@ double copyRate(bool parallel, std::vector<char>& from, std::vector<char>& to) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc > 1 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
-        std::printf(
-            "usage: klNetPipelineBench [ROUNDS]\n"
-            "Small-message rate of the link and buffered senders against plain sockets over\n"
-            "loopback, the buffer pool's get and release on one and two threads, and the\n"
-            "parallel copy; the median of ROUNDS interleaved rounds (default 5).\n");
-        return 0;
-    }
-    char* end = nullptr;
-    const long asked = argc > 1 ? std::strtol(argv[1], &end, 10) : 5;
-    if (argc > 2 || (argc > 1 && (*end != '\0' || asked < 1 || asked > 1000))) {
-        std::fprintf(stderr, "klNetPipelineBench: bad arguments (see --help)\n");
-        return 2;
-    }
-    const int rounds = int(asked);
+    const std::vector<double> args = numericArguments(
+        argc, argv,
+        "[ROUNDS]\nSmall-message rate of the link and buffered senders against plain sockets over\n"
+        "loopback, the buffer pool's get and release on one and two threads, and the\n"
+        "parallel copy; the median of ROUNDS interleaved rounds (default 5).\n",
+        1, 1);
+    const int rounds = args.empty() ? 5 : int(args[0]);
     const long bufferedCount = 1000000;
     const long oneByOneCount = 200000;
 
