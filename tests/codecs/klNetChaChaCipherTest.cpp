@@ -80,9 +80,9 @@ TEST(klNetChaChaCipher, RefusesABadKeyOrSession) {
                          "ChaCha20 session number must be below 2^63");
 }
 
-// Both ends send and receive at the same time, each on two threads; with equal keys every byte
-// arrives as sent, with another key the bytes arrive in the right frames but scrambled.
-TEST(klNetChaChaCipherLink, BothDirectionsAtOnceAndAWrongKey) {
+// Both ends send and receive at the same time, each on a thread of its own while this thread reads
+// both ends in turn: every header and payload byte arrives as sent.
+TEST(klNetChaChaCipherLink, BothDirectionsAtOnce) {
     constexpr std::size_t kBuffers = 200;
     std::vector<Buffer> buffers;
     for (std::size_t i = 0; i < 2 * kBuffers; ++i) {
@@ -93,39 +93,27 @@ TEST(klNetChaChaCipherLink, BothDirectionsAtOnceAndAWrongKey) {
         buffers.back()->setCompression(klNetCompression(i % 3), size);
     }
     const Bytes key = kltest::pattern(32);
-    const Bytes wrongKey = [&] {
-        Bytes bytes = key;
-        bytes[31] ^= 1;
-        return bytes;
-    }();
-    for (const Bytes* farKey : {&key, &wrongKey}) {
-        const auto links = kltest::connectedPair();
-        links.first->setCipher(cipher(Role::Connecting, key, 3));
-        links.second->setCipher(cipher(Role::Accepting, *farKey, 3));
-        // Each end sends its half of the buffers on a thread of its own while this thread reads
-        // both ends in turn.
-        const auto sendAll = [&buffers](std::shared_ptr<klSocketLink> link, std::size_t first) {
-            return std::make_unique<kltest::Task>([link, first, buffers] {
-                for (std::size_t i = 0; i < kBuffers; ++i) {
-                    link->send(buffers[first + i]);
-                }
-            });
-        };
-        const auto nearSends = sendAll(links.first, 0), farSends = sendAll(links.second, kBuffers);
-        std::size_t intact = 0;
-        for (const auto& [link, first] :
-             {std::pair(links.first, kBuffers), std::pair(links.second, std::size_t(0))}) {
+    const auto links = kltest::connectedPair();
+    links.first->setCipher(cipher(Role::Connecting, key, 3));
+    links.second->setCipher(cipher(Role::Accepting, key, 3));
+    const auto sendAll = [&buffers](std::shared_ptr<klSocketLink> link, std::size_t first) {
+        return std::make_unique<kltest::Task>([link, first, buffers] {
             for (std::size_t i = 0; i < kBuffers; ++i) {
-                Buffer got;
-                link->recv(got);
-                ASSERT_EQ(buffers[first + i]->getDataSize(), got->getDataSize());
-                intact += kltest::wireOf(*buffers[first + i]) == kltest::wireOf(*got);
+                link->send(buffers[first + i]);
             }
+        });
+    };
+    const auto nearSends = sendAll(links.first, 0), farSends = sendAll(links.second, kBuffers);
+    for (const auto& [link, first] :
+         {std::pair(links.first, kBuffers), std::pair(links.second, std::size_t(0))}) {
+        for (std::size_t i = 0; i < kBuffers; ++i) {
+            Buffer got;
+            link->recv(got);
+            ASSERT_EQ(kltest::wireOf(*buffers[first + i]), kltest::wireOf(*got)) << i;
         }
-        ASSERT_TRUE(nearSends->finishedWithin(kltest::kBound) &&
-                    farSends->finishedWithin(kltest::kBound));
-        EXPECT_EQ(farKey == &key ? 2 * kBuffers : 0, intact);
     }
+    EXPECT_TRUE(nearSends->finishedWithin(kltest::kBound) &&
+                farSends->finishedWithin(kltest::kBound));
 }
 
 }  // namespace

@@ -177,7 +177,8 @@ constexpr unsigned int kHeld = 70;
 
 // A buffered sender over probe children that share one recorder and hold held buffers at a gate.
 struct Rig {
-    explicit Rig(int capacity, int children = 1) {
+    explicit Rig(int capacity, int children = 1,
+                 klNetBufferedSender::Bound bound = klNetBufferedSender::Bound::Buffers) {
         recorder->hook = [gate = gate](const Buffer& buffer) {
             if (buffer->getDestination() == kHeld) {
                 gate->pass();
@@ -189,7 +190,7 @@ struct Rig {
             probes.back()->recorder = recorder;
             senders.push_back(probes.back());
         }
-        sender = klNetBufferedSender::create(senders, capacity);
+        sender = klNetBufferedSender::create(senders, capacity, bound);
     }
     ~Rig() { gate->open(); }  // never leave a worker held for the sender's destructor to join
     // Sends a held buffer and returns once held workers number held, this one alone in its batch.
@@ -252,6 +253,32 @@ TEST(klNetBufferedSender, BatchesEndOnceTheyReach64KiBAndRunsForOneDestinationAr
         (std::vector<std::size_t>{1, 65512, 2 * 40024, 24 + 10 + 24 + 20, 30, 24 + 40 + 24 + 50}),
         sizes);
     EXPECT_EQ(sent[0], rig.received().at(1));  // alone: passed on as it is
+}
+
+// Bounded by pool buffers, small buffers packed into one bundle hold one between them, while
+// every buffer that waits as it was sent holds one.
+TEST(klNetBufferedSender, BoundedByPoolBuffersPackedBuffersRunAheadAndOthersBlock) {
+    Rig rig(2, 1, klNetBufferedSender::Bound::PoolBuffers);
+    rig.hold();
+    Task packed([s = rig.sender] {
+        for (int i = 0; i < 1000; ++i) {  // 29000 bytes: one batch, one bundle
+            s->send(taggedBuffer(5, 1));
+        }
+        s->send(taggedBuffer(5, 2));  // a second pool buffer: the bound is reached
+    });
+    ASSERT_TRUE(packed.finishedWithin(kBound)) << "packed buffers were held back";
+    Task blocked([s = rig.sender] { s->send(taggedBuffer(6, 1)); });
+    EXPECT_FALSE(blocked.finishedWithin(kQuiet)) << "a third pool buffer fitted";
+    rig.gate->open();
+    ASSERT_TRUE(blocked.finishedWithin(kBound));
+    rig.sender->waitAllDataTransfered();
+    std::vector<std::pair<std::size_t, std::size_t>> sizes;  // data size, destination
+    for (const auto& buffer : rig.received()) {
+        sizes.emplace_back(buffer->getDataSize(), buffer->getDestination());
+    }
+    EXPECT_EQ((std::vector<std::pair<std::size_t, std::size_t>>{
+                  {1, kHeld}, {1000 * 29, 1}, {5, 2}, {6, 1}}),
+              sizes);
 }
 
 TEST(klNetBufferedSender, AWorkerErrorFreesBlockedCallersAndIsRethrownByEveryLaterCall) {

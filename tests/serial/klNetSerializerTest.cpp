@@ -182,7 +182,9 @@ TEST(klNetSerializer, HostileLengthsFromThePeerFailAtTheEndWithoutAHugeAllocatio
     const auto fails = [](const Bytes& wire, auto value) {
         klNetMessage message;
         message.setRecvBuffer(bufferWith(wire));
-        KL_EXPECT_THROW_TEXT(message.getValue(value), klNetError, kBeyondEnd);
+        for (int attempt = 0; attempt < 2; ++attempt) {  // and the message stays at its end
+            KL_EXPECT_THROW_TEXT(message.getValue(value), klNetError, kBeyondEnd);
+        }
     };
     fails({0x10, 0, 0, 0, 'a'}, std::string());
     std::apply([&](auto... value) { (fails(huge, value), ...); },
@@ -236,26 +238,6 @@ TEST(klNetMessage, TakenBuffersShareOneIdAndTheBufferCountEveryTakeDrawsAnIdAndM
     EXPECT_TRUE(message.takeSendBuffers().empty());  // NOLINT(bugprone-use-after-move)
     EXPECT_TRUE(moved.takeSendBuffers().empty());    // NOLINT(bugprone-use-after-move)
     EXPECT_EQ(data, concatPayloads(assigned.takeSendBuffers()));
-}
-
-TEST(klNetMessage, ReadsItsBuffersInOrderAndStopsAtTheEnd) {
-    const Bytes data = pattern(15);
-    const Buffers buffers = {bufferWith(Bytes(&data[0], &data[5])),
-                             bufferWith(Bytes(&data[5], &data[8])),
-                             bufferWith(Bytes(&data[8], &data[15]))};
-    klNetMessage message;
-    message.setRecvBuffers(buffers);
-    Bytes read(15);
-    message.getBytes(read.data(), 6);
-    EXPECT_EQ(3u + 7u, message.getMessageSize());  // the current buffer counts whole
-    message.setRecvBuffers(buffers);               // starts over with the first
-    EXPECT_EQ(15u, message.getMessageSize());
-    message.getBytes(read.data(), read.size());
-    EXPECT_EQ(data, read);
-    for (int attempt = 0; attempt < 2; ++attempt) {  // and the message stays at its end
-        KL_EXPECT_THROW_TEXT(message.getValue(read[0]), klNetError,
-                             "klNetMessage: try to read beyond buffer end.");
-    }
 }
 
 // The standard stream adapters between two klNetStreams over a loopback link.

@@ -49,12 +49,6 @@ struct StreamPair {
     std::unique_ptr<klNetStream> reader;
 };
 
-Bytes read(klNetStream& stream, std::size_t n) {
-    Bytes bytes(n);
-    stream.getBytes(bytes.data(), n);
-    return bytes;
-}
-
 class klNetWholeBuffer : public testing::TestWithParam<Framing> {};
 
 }  // namespace
@@ -79,15 +73,15 @@ TEST_P(klNetWholeBuffer, WritesAndReadsOfAnySizeCarryTheSameBytesAndRefuseAMessa
         pair.writer->flush();
     });
     // Reads that end inside buffers, span several and take whole ones straight in.
-    Bytes got = read(*pair.reader, 3);
+    Bytes got = readBytes(*pair.reader, 3);
     for (std::size_t size : {2 * kWhole + 1, kWhole + 16}) {
-        const Bytes more = read(*pair.reader, size);
+        const Bytes more = readBytes(*pair.reader, size);
         got.insert(got.end(), more.begin(), more.end());
     }
     EXPECT_EQ(data, got);
-    KL_EXPECT_THROW_TEXT(read(*pair.reader, kWhole), klNetError,
+    KL_EXPECT_THROW_TEXT(readBytes(*pair.reader, kWhole), klNetError,
                          "Stream out of sync. Stream expected at 2 from 7 to 0");
-    EXPECT_EQ(Bytes(data.begin(), data.begin() + kWhole), read(*pair.reader, kWhole));
+    EXPECT_EQ(Bytes(data.begin(), data.begin() + kWhole), readBytes(*pair.reader, kWhole));
     writing.join();
     const std::uint64_t wire = 5 * 24 + 4 * kWhole + 20;  // the message is not stream data
     EXPECT_EQ(wire + 25, pair.writer->getSentBytes());
