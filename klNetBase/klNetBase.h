@@ -43,6 +43,7 @@
 #include <klNetBase/recv/klNetForwardReceiver.h>
 #include <klNetBase/recv/klNetLinkReceiver.h>
 #include <klNetBase/recv/klNetMultiLinkReceiver.h>
+#include <klNetBase/recv/klNetReadAheadReceiver.h>
 #include <klNetBase/recv/klNetReceiver.h>
 #include <klNetBase/recv/klNetSortReceiver.h>
 #include <klNetBase/recv/klNetUnbundleReceiver.h>

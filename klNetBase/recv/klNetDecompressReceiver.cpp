@@ -10,12 +10,9 @@
 klNetDecompressReceiver::klNetDecompressReceiver(
     const std::shared_ptr<klNetCompressorBase>& compressor,
     std::vector<std::shared_ptr<klNetReceiver>>& receivers)
-    : klNetReceiver(receivers), m_compressor(compressor) {
-    // At least one decompressing thread, even where the machine cannot tell its thread count:
-    // compressed buffers would otherwise wait for ever.
-    const unsigned int count = std::max(1u, std::thread::hardware_concurrency());
-    // Storing an error then never allocates.
-    m_errors.reserve(getChildren().size() + count);
+    : klNetReadAheadReceiver(receivers, 0, receivers.size() + decompressThreadCount()),
+      m_compressor(compressor) {
+    const unsigned int count = decompressThreadCount();
     try {
         m_readingWorkers.reserve(getChildren().size());
         for (const auto& child : getChildren()) {
@@ -75,66 +72,32 @@ std::shared_ptr<klNetReceiver> klNetDecompressReceiver::create(
     return std::make_shared<klNetDecompressReceiver>(compressor, receivers);
 }
 
-bool klNetDecompressReceiver::drained() const {
+unsigned int klNetDecompressReceiver::decompressThreadCount() {
+    // At least one, even where the machine cannot tell its thread count: compressed buffers would
+    // otherwise wait for ever.
+    return std::max(1u, std::thread::hardware_concurrency());
+}
+
+bool klNetDecompressReceiver::nothingMoreToCome() const {
     // Every thread counts a buffer or itself out before it posts the result or wake-up buffer. A
     // reader that still sees something counted may therefore wait: a buffer is yet to come. One
     // that sees nothing counted knows that every error is stored; anything posted meanwhile is
     // handed out by later calls.
-    return m_readers.load() == 0 && (m_inFlight.load() == 0 || m_decompressors.load() == 0);
-}
-
-void klNetDecompressReceiver::recv(std::shared_ptr<klNetBuffer>& buffer) {
-    if (m_local.empty()) {
-        // Asked before looking at the queue: while anything is still to come, a wake-up buffer or
-        // a result follows, so waiting is safe; once not, every error is already stored.
-        const bool ended = failed() && drained();
-        std::shared_ptr<klNetBuffer> next;
-        if (!m_output.try_pop(next)) {
-            if (ended)
-                rethrowError();
-            m_output.pop(next);
-        }
-        m_local.push(std::move(next));
-        while (m_output.try_pop(next)) {
-            m_local.push(std::move(next));
-        }
-    }
-    buffer = std::move(m_local.front());
-    m_local.pop();
-    if (buffer->getDataSize() == 0 && failed()) {
-        rethrowError();
-    }
-}
-
-void klNetDecompressReceiver::recvAvailable(std::queue<std::shared_ptr<klNetBuffer>>& queue) {
-    std::shared_ptr<klNetBuffer> buffer;
-    recv(buffer);
-    queue.push(std::move(buffer));
-    while (!m_local.empty()) {
-        recv(buffer);
-        queue.push(std::move(buffer));
-    }
+    return failed() && m_readers.load() == 0 &&
+           (m_inFlight.load() == 0 || m_decompressors.load() == 0);
 }
 
 void klNetDecompressReceiver::addToRecvQueue(const std::shared_ptr<klNetBuffer>& buffer) {
     if (klNetOptions::getImageCompression() == kLocalImageCompression &&
         m_compressor->isCompressible(buffer)) {
-        m_output.push(m_compressor->compress(buffer));
+        deliver(m_compressor->compress(buffer));
     } else {
-        m_output.push(buffer);
+        deliver(buffer);
     }
 }
 
 bool klNetDecompressReceiver::isReadable() {
-    if (!m_local.empty()) {
-        return true;
-    }
-    std::shared_ptr<klNetBuffer> next;
-    if (!m_output.try_pop(next)) {
-        return false;
-    }
-    m_local.push(std::move(next));
-    return true;
+    return takeReady();
 }
 
 void klNetDecompressReceiver::recvFrom(std::shared_ptr<klNetReceiver> child) {
@@ -147,7 +110,7 @@ void klNetDecompressReceiver::recvFrom(std::shared_ptr<klNetReceiver> child) {
                 ++m_inFlight;
                 m_compressed.push(std::move(buffer));
             } else {
-                m_output.push(std::move(buffer));
+                deliver(std::move(buffer));
             }
         }
     } catch (...) {
@@ -171,39 +134,11 @@ void klNetDecompressReceiver::decompressLoop(int /*index*/) {
                 --m_inFlight;
                 throw;
             }
-            // Counted out before it goes, like a wake-up buffer (see drained()).
+            // Counted out before it goes, like a wake-up buffer (see nothingMoreToCome()).
             --m_inFlight;
-            m_output.push(std::move(out));
+            deliver(std::move(out));
         }
     } catch (...) {
         fail(std::current_exception(), m_decompressors);
     }
-}
-
-void klNetDecompressReceiver::fail(std::exception_ptr error, std::atomic<int>& running) {
-    {
-        std::lock_guard<std::mutex> lock(m_errorMutex);
-        m_errors.push_back(std::move(error));
-        m_failed.store(true, std::memory_order_release);
-    }
-    // Counted out before the wake-up buffer goes: a reader that still counts this thread waits,
-    // and the wake-up buffer is yet to come; one that does not finds the error stored.
-    --running;
-    try {
-        std::shared_ptr<klNetBuffer> wakeUp = klNetBufferPool::pop();
-        wakeUp->setDataSize(0);
-        m_output.push(std::move(wakeUp));
-    } catch (...) {
-        // Without a wake-up buffer the reader still learns of the error once nothing more can
-        // arrive.
-    }
-}
-
-void klNetDecompressReceiver::rethrowError() {
-    std::exception_ptr error;
-    {
-        std::lock_guard<std::mutex> lock(m_errorMutex);
-        error = m_errors.back();
-    }
-    std::rethrow_exception(error);
 }
