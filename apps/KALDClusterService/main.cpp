@@ -44,9 +44,15 @@ const char* const kUsage =
     "  --no-console             do not copy render servers' output to standard output\n"
     "  --allow CIDR             accept requests only from this address range (repeatable;\n"
     "                           default: every peer)\n"
-    "  --max-servers N          most render servers running at once (default 0: no limit)\n"
-    "  --max-requests N         most requests served at once (default 64)\n"
-    "  --request-timeout S      seconds a client has for each part of its request (default 10)\n"
+    "  --max-servers N          most render servers running at once (default 16; 0: no limit)\n"
+    "  --max-requests N         most requests served at once; further clients wait their turn\n"
+    "                           (default 64)\n"
+    "  --request-timeout S      seconds a client has for its whole request (default 10)\n"
+    "  --relay-to CIDR          allow relay requests to this address range (repeatable;\n"
+    "                           default: relaying is off)\n"
+    "  --max-relays N           most relays open at once (default 16)\n"
+    "  --relay-idle-timeout S   seconds after which a relay that carries nothing is closed\n"
+    "                           (default 300)\n"
     "  --help                   show this help and exit\n"
     "  --version                show the version and exit\n"
     "\n"
@@ -65,9 +71,13 @@ struct Options {
     bool console = true;
     klNetPeerFilter peerFilter;
     std::string allowed;  // the ranges as given, for the start-up log line
-    int maxServers = 0;
+    int maxServers = 16;
     int maxRequests = 64;
     double requestTimeout = klNetOptions::getConnectionTimeout();
+    klNetPeerFilter relayTargets;
+    std::string relayRanges;  // as given, for the start-up log line
+    int maxRelays = 16;
+    double relayIdleTimeout = 300.0;
 };
 
 int parseInt(const std::string& option, const std::string& text, long low, long high) {
@@ -89,6 +99,16 @@ double parseSeconds(const std::string& option, const std::string& text) {
                          " (a number of seconds above 0)");
     }
     return value;
+}
+
+// Adds an address range to a filter and to the list of ranges as given.
+void addRange(const std::string& range, klNetPeerFilter& filter, std::string& given) {
+    try {
+        filter.allow(range);
+    } catch (const klNetError& e) {
+        throw UsageError(e.what());
+    }
+    given += (given.empty() ? "" : ", ") + range;
 }
 
 // Fills options from the command line. Returns an exit status when the program is done already
@@ -142,13 +162,13 @@ int parseOptions(int argc, char** argv, Options& options) {
             noValue();
             options.console = false;
         } else if (option == "--allow") {
-            const std::string& range = takeValue();
-            try {
-                options.peerFilter.allow(range);
-            } catch (const klNetError& e) {
-                throw UsageError(e.what());
-            }
-            options.allowed += (options.allowed.empty() ? "" : ", ") + range;
+            addRange(takeValue(), options.peerFilter, options.allowed);
+        } else if (option == "--relay-to") {
+            addRange(takeValue(), options.relayTargets, options.relayRanges);
+        } else if (option == "--max-relays") {
+            options.maxRelays = parseInt(option, takeValue(), 1, 1000000);
+        } else if (option == "--relay-idle-timeout") {
+            options.relayIdleTimeout = parseSeconds(option, takeValue());
         } else if (option == "--max-servers") {
             options.maxServers = parseInt(option, takeValue(), 0, 1000000);
         } else if (option == "--max-requests") {
@@ -295,6 +315,9 @@ std::string runService(int argc, char** argv, const Options& options) {
     service.setMaxServers(options.maxServers);
     service.setMaxRequests(options.maxRequests);
     service.setRequestTimeout(options.requestTimeout);
+    service.setRelayTargets(options.relayTargets);
+    service.setMaxRelays(options.maxRelays);
+    service.setRelayIdleTimeout(options.relayIdleTimeout);
     service.setListeningHandler([&options](int port) {
         klLog::info("%s %s listening on port %d\n", kProgram,
                     klVersionInfo::the().getVersionString().c_str(), port);
@@ -302,6 +325,9 @@ std::string runService(int argc, char** argv, const Options& options) {
             klLog::info("No --allow given: requests from every peer are accepted\n");
         } else {
             klLog::info("Accepting requests from %s only\n", options.allowed.c_str());
+        }
+        if (!options.relayTargets.isEmpty()) {
+            klLog::info("Relaying to %s only\n", options.relayRanges.c_str());
         }
         std::printf("listening on port %d\n", port);
         std::fflush(stdout);

@@ -13,6 +13,27 @@
 
 namespace {
 
+// Appends text with every control character written as an escape, so that whatever a message
+// quotes (a peer's text among it) stays on its one line and cannot forge another.
+void appendEscaped(std::string& line, const char* text, std::size_t length) {
+    for (std::size_t i = 0; i < length; ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c >= 0x20 && c != 0x7f) {
+            line += char(c);
+        } else if (c == '\n') {
+            line += "\\n";
+        } else if (c == '\r') {
+            line += "\\r";
+        } else if (c == '\t') {
+            line += "\\t";
+        } else {
+            char escape[5];
+            std::snprintf(escape, sizeof(escape), "\\x%02x", c);
+            line += escape;
+        }
+    }
+}
+
 void writeLine(const char* level, const char* format, va_list args) {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -30,14 +51,16 @@ void writeLine(const char* level, const char* format, va_list args) {
     const int length = std::vsnprintf(nullptr, 0, format, copy);
     va_end(copy);
     if (length > 0) {
-        const std::size_t start = line.size();
-        line.resize(start + std::size_t(length) + 1);
-        std::vsnprintf(&line[start], std::size_t(length) + 1, format, args);
-        line.pop_back();
+        std::string message(std::size_t(length) + 1, '\0');
+        std::vsnprintf(message.data(), message.size(), format, args);
+        message.pop_back();
+        // The line's own end is the one newline kept as it is.
+        if (message.back() == '\n') {
+            message.pop_back();
+        }
+        appendEscaped(line, message.data(), message.size());
     }
-    if (line.empty() || line.back() != '\n') {
-        line += '\n';
-    }
+    line += '\n';
     // One write per line keeps lines of concurrent callers apart.
     ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
     (void)ignored;

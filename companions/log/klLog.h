@@ -1,6 +1,8 @@
 // klLog: diagnostics to standard error, one line per call:
 //   2026-11-21 09:50:12.345 ERROR <message>
-// Formats are printf-style and end in "\n" as the callers write them.
+// Formats are printf-style and end in "\n" as the callers write them. Every other control
+// character of the message (a line break inside a peer's text, say) is written as an escape
+// (\n, \r, \t, \xHH), so one call is always one line.
 // Thread safety: any thread; each call writes its line with one write.
 #pragma once
 

@@ -4,11 +4,14 @@
 #include <klNetBase/core/klNetError.h>
 #include <klNetBase/link/detail/klSocketOps.h>
 
+#include <klLog.h>
+
 #include <netinet/in.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <sstream>
@@ -85,10 +88,12 @@ void klBoundSocketLink::shutdown() {
 }
 
 namespace {
-constexpr int kResourceRetryMs = 50;
+constexpr int kFirstResourceRetryMs = 10;
+constexpr int kLastResourceRetryMs = 1000;
 }  // namespace
 
 klSocketHandle klBoundSocketLink::accept() const {
+    int retryMs = kFirstResourceRetryMs;
     for (;;) {
         const klSocketHandle fd = getDescriptor();
         if (fd == klInvalidSocket) {
@@ -104,6 +109,10 @@ klSocketHandle klBoundSocketLink::accept() const {
         }
         const klSocketHandle accepted = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
         if (accepted >= 0) {
+            if (m_starved) {
+                m_starved = false;
+                klLog::info("Accepting connections again\n");
+            }
             return accepted;
         }
         if (getDescriptor() == klInvalidSocket) {
@@ -114,11 +123,18 @@ klSocketHandle klBoundSocketLink::accept() const {
             errno == EPROTO) {
             continue;
         }
-        // Out of descriptors or memory: the connection stays queued; try again shortly rather
-        // than give the listener up, unless shutdown() comes meanwhile.
+        // Out of descriptors or memory: the connection stays queued; try again after a pause
+        // that grows while the shortage lasts, unless shutdown() comes meanwhile. Said once per
+        // shortage, so that a node in trouble is visible without flooding its log.
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            if (!m_starved) {
+                m_starved = true;
+                klLog::error("Unable to accept incomming connection. %s (retrying)\n",
+                             klNetError::getLastErrorString().c_str());
+            }
             pollfd shutdownWait{m_shutdownEvent, POLLIN, 0};
-            ::poll(&shutdownWait, 1, kResourceRetryMs);
+            ::poll(&shutdownWait, 1, retryMs);
+            retryMs = std::min(retryMs * 2, kLastResourceRetryMs);
             continue;
         }
         throw klNetError("Unable to accept incomming connection. " +

@@ -5,6 +5,10 @@
 // klSocketLink(const klBoundSocketLink&), which blocks until a client arrives. Accepted sockets are
 // blocking and close-on-exec.
 //
+// A system out of descriptors or memory does not end the listener: the connection stays queued,
+// accept() logs the first failure of such an episode with the system's text, retries with a
+// growing pause (at most 1 s), and logs again once it accepts.
+//
 // Thread safety: one thread accepts in a loop; any other thread may call shutdown(), which wakes
 // the accepting thread at once (it throws klConnectionClosed), frees the port, and makes every
 // later accept throw klConnectionClosed as well.
@@ -31,4 +35,7 @@ private:
 
     // Signalled once by shutdown() and never reset.
     klSocketHandle m_shutdownEvent = klInvalidSocket;
+    // Touched only by the accepting thread: whether accepting lacks resources since its last
+    // success.
+    mutable bool m_starved = false;
 };

@@ -88,16 +88,24 @@ void klSocketLink::connectTo(const klSocketAddress& address, double timeoutSecon
 
 klSocketLink::klSocketLink(const klBoundSocketLink& listener) {
     initialize();
-    setDescriptor(listener.accept());
-    setDelay(false);
-    setLinger(true, 1);
+    adoptConnected(listener.accept());
 }
 
 klSocketLink::klSocketLink(klSocketPipe& pipe, double timeoutSeconds) {
     initialize();
-    setDescriptor(pipe.recvSocket(timeoutSeconds));
-    setDelay(false);
-    setLinger(true, 1);
+    adoptConnected(pipe.recvSocket(timeoutSeconds));
+}
+
+void klSocketLink::adoptConnected(klSocketHandle descriptor) {
+    setDescriptor(descriptor);
+    try {
+        setDelay(false);
+        setLinger(true, 1);
+    } catch (...) {
+        // A constructor that throws gets no destructor.
+        ::close(takeDescriptor());
+        throw;
+    }
 }
 
 void klSocketLink::sendDescriptor(klSocketPipe& pipe, double timeoutSeconds) {

@@ -136,6 +136,8 @@ private:
     // Reads the header of the next buffer and checks its size.
     void recvHeader(klNetBuffer& buffer);
     void connectTo(const klSocketAddress& address, double timeoutSeconds);
+    // Takes a connected socket with the settings of every connection; on failure closes it.
+    void adoptConnected(klSocketHandle descriptor);
     [[noreturn]] void throwRecvFailure(bool peerClosed);
 
     std::atomic<klSocketHandle> m_descriptor{klInvalidSocket};

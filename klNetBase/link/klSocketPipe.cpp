@@ -117,8 +117,10 @@ void closeIfValid(klSocketHandle& fd) {
 
 klSocketPipe::klSocketPipe(bool) : m_serviceSide(true) {
     m_name = runtimeDirectory() + "/kaldService-" + newGuidText();
+    // A constructor that throws gets no destructor: everything opened so far is closed here.
     const auto fail = [this](int error) {
         closeDescriptors();
+        closeIfValid(m_shutdownEvent);
         throw klNetError(std::ostringstream() << "CreateNamedPipe failed. " << "Error:" << error);
     };
     sockaddr_un address;
@@ -148,6 +150,7 @@ klSocketPipe::klSocketPipe(bool) : m_serviceSide(true) {
 klSocketPipe::klSocketPipe(std::string name) : m_name(std::move(name)), m_serviceSide(false) {
     const auto fail = [this](const std::string& cause) {
         closeDescriptors();
+        closeIfValid(m_shutdownEvent);
         throw klNetError("Unable to connect to named pipe. " + cause);
     };
     sockaddr_un address;

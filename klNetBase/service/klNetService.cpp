@@ -1,6 +1,7 @@
 #include <klNetBase/service/klNetService.h>
 
 #include <klNetBase/core/klConnectionClosed.h>
+#include <klNetBase/core/klConnectionTimeout.h>
 #include <klNetBase/core/klNetBufferPool.h>
 #include <klNetBase/core/klNetError.h>
 #include <klNetBase/core/klNetOptions.h>
@@ -12,6 +13,7 @@
 #include <klNetBase/service/klNetServerProcess.h>
 #include <klNetBase/service/klNetServiceStatus.h>
 #include <klNetBase/service/klNetUtils.h>
+#include <klNetBase/service/detail/klNetDeadlineTimer.h>
 
 #include <klLog.h>
 #include <klVersionInfo.h>
@@ -66,6 +68,43 @@ bool readFlag(klNetStream& stream) {
     return flag != 0;
 }
 
+// A peer's text inside an error message: quoted, cut to its first kMaxVersionSize bytes, and
+// every byte that is not plain printable ASCII (or is a quote or backslash) escaped.
+std::string quoted(const std::string& text) {
+    std::string result = "\"";
+    for (const char c : text.substr(0, klNetService::kMaxVersionSize)) {
+        const unsigned char byte = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\') {
+            result += '\\';
+            result += c;
+        } else if (byte >= 0x20 && byte < 0x7f) {
+            result += c;
+        } else if (c == '\n') {
+            result += "\\n";
+        } else {
+            char escape[5];
+            std::snprintf(escape, sizeof(escape), "\\x%02x", byte);
+            result += escape;
+        }
+    }
+    return result + (text.size() > klNetService::kMaxVersionSize ? "...\"" : "\"");
+}
+
+// The version text selects a program directory (the installation of that version), so it must
+// be a plain name: letters, digits, '.', '-' and '_', no "..", at most kMaxVersionSize bytes.
+void checkVersionText(const std::string& version) {
+    const bool plain =
+        version.size() <= klNetService::kMaxVersionSize &&
+        version.find("..") == std::string::npos &&
+        std::all_of(version.begin(), version.end(), [](char c) {
+            return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                   c == '.' || c == '-' || c == '_';
+        });
+    if (!plain) {
+        throw klNetError("Invalid version text " + quoted(version));
+    }
+}
+
 std::string ownVersion() {
     return klVersionInfo::the().getVersionString();
 }
@@ -94,13 +133,74 @@ std::string normaliseVersion(const std::string& version) {
 
 }  // namespace
 
+// One accepted connection and its request. The deadline's action shuts the link down, which
+// ends whatever read or write of the request thread waits on it.
+struct klNetService::Request {
+    std::shared_ptr<klSocketLink> link;
+    std::string peer;  // numeric address, for the log
+    std::uint64_t deadline = 0;
+    std::atomic<bool> timedOut{false};
+};
+
+// The two ends of a relay and when it last carried a buffer either way. Each end is read by one
+// thread, which forwards to the other end; the last of the two threads to end retires the relay.
+struct klNetService::Relay {
+    using Clock = klNetDeadlineTimer::Clock;
+    std::shared_ptr<klNetLink> client;
+    std::shared_ptr<klNetLink> target;
+    std::atomic<Clock::rep> lastActivity{Clock::now().time_since_epoch().count()};
+    std::atomic<int> threads{0};
+    std::uint64_t idleTimer = 0;
+
+    Clock::time_point lastActive() const {
+        return Clock::time_point(Clock::duration(lastActivity.load()));
+    }
+    void close() {
+        client->shutdown();
+        target->shutdown();
+    }
+};
+
+// A start request's place under the server limit, held from before the launch until the server
+// is in the table, where it counts itself.
+class klNetService::StartSlot {
+public:
+    explicit StartSlot(klNetService& service) : m_service(service) {
+        std::lock_guard<std::mutex> guard(service.m_lock);
+        if (service.m_maxServers > 0 &&
+            service.runningServers() + service.m_startsInProgress >= service.m_maxServers) {
+            throw klNetError(std::ostringstream()
+                             << "Too many servers running (" << service.m_maxServers << ")");
+        }
+        ++service.m_startsInProgress;
+    }
+    ~StartSlot() {
+        std::lock_guard<std::mutex> guard(m_service.m_lock);
+        releaseLocked();
+    }
+    StartSlot(const StartSlot&) = delete;
+    StartSlot& operator=(const StartSlot&) = delete;
+    // REQUIRES: the service's m_lock held.
+    void releaseLocked() {
+        if (m_held) {
+            m_held = false;
+            --m_service.m_startsInProgress;
+        }
+    }
+
+private:
+    klNetService& m_service;
+    bool m_held = true;
+};
+
 std::atomic<bool> klNetService::s_inProcessDisplay{false};
 std::atomic<bool> klNetService::s_inProcessStereo{false};
 
 klNetService::klNetService(int port, std::string serviceArgument)
     : m_port(port),
       m_serviceArgument(std::move(serviceArgument)),
-      m_requestTimeout(klNetOptions::getConnectionTimeout()) {}
+      m_requestTimeout(klNetOptions::getConnectionTimeout()),
+      m_timer(std::make_unique<klNetDeadlineTimer>()) {}
 
 klNetService::~klNetService() {
     // A service that never ran may still have been handed requests.
@@ -121,7 +221,8 @@ void klNetService::run() {
         m_listeningHandler(m_port.load());
     }
 
-    for (;;) {
+    // Connections beyond the request limit wait in the listen backlog until a request ends.
+    while (waitForRequestSlot()) {
         try {
             std::unique_ptr<klSocketLink> link;
             try {
@@ -140,11 +241,6 @@ void klNetService::run() {
             }
             {
                 std::lock_guard<std::mutex> guard(m_requestLock);
-                if (m_activeRequests >= m_maxRequests) {
-                    klLog::error("Refused connection from %s: %d requests in progress\n",
-                                 peer.getName().c_str(), m_activeRequests);
-                    continue;
-                }
                 ++m_activeRequests;
             }
             handleRequest(link.release(), true);
@@ -165,6 +261,11 @@ void klNetService::stop() {
         m_stopped = true;
         listener = m_listener;
     }
+    {
+        std::lock_guard<std::mutex> guard(m_requestLock);
+        m_accepting = false;
+    }
+    m_requestsChanged.notify_all();
     if (listener) {
         listener->shutdown();
     }
@@ -184,21 +285,44 @@ void klNetService::handleExternalRequest(klSocketLink* link) {
 
 void klNetService::handleRequest(klSocketLink* link, bool greet) {
     // The request owns its link from here on, whatever happens.
-    std::shared_ptr<klSocketLink> owned(link);
-    const auto requestDone = [this] {
+    auto request = std::make_shared<Request>();
+    request->link.reset(link);
+    try {
+        request->peer = link->getPeerAddress().getName();
+    } catch (const std::exception&) {
+        request->peer = "an unknown peer";
+    }
+    request->deadline = m_timer->schedule(
+        klNetDeadlineTimer::Clock::now() +
+            std::chrono::duration_cast<klNetDeadlineTimer::Clock::duration>(
+                std::chrono::duration<double>(m_requestTimeout)),
+        [request] {
+            request->timedOut = true;
+            request->link->shutdown();
+            return klNetDeadlineTimer::kDone;
+        });
+    {
         std::lock_guard<std::mutex> guard(m_requestLock);
-        --m_activeRequests;
-        m_requestsDone.notify_all();
+        ++m_requestThreads;
+    }
+    const auto threadDone = [this] {
+        {
+            std::lock_guard<std::mutex> guard(m_requestLock);
+            --m_requestThreads;
+        }
+        m_requestsChanged.notify_all();
     };
-    QThread* thread = QThread::create([this, owned, greet] { serveRequest(owned, greet); });
+    QThread* thread = QThread::create([this, request, greet] { serveRequest(*request, greet); });
     if (thread == nullptr) {
-        requestDone();
+        m_timer->cancel(request->deadline);
+        requestEnded();
+        threadDone();
         throw klNetError("Unable to start a request thread");
     }
     QObject::connect(thread, &QThread::finished, thread, &QObject::deleteLater);
-    // Counted as done only once the thread has finished and its deletion is queued, so that
-    // whoever waits for the requests may then let the application delete the thread objects.
-    QObject::connect(thread, &QThread::finished, thread, requestDone, Qt::DirectConnection);
+    // A thread counts until it has finished and its deletion is queued, so that whoever waits for
+    // the threads may then let the application delete the thread objects.
+    QObject::connect(thread, &QThread::finished, thread, threadDone, Qt::DirectConnection);
     // deleteLater needs an event loop: the application's.
     if (QCoreApplication* application = QCoreApplication::instance()) {
         thread->moveToThread(application->thread());
@@ -206,32 +330,29 @@ void klNetService::handleRequest(klSocketLink* link, bool greet) {
     thread->start(QThread::InheritPriority);
 }
 
-void klNetService::serveRequest(const std::shared_ptr<klSocketLink>& link, bool greet) {
+void klNetService::serveRequest(Request& request, bool greet) {
+    std::uint32_t command = 0;
     try {
-        // A client that connects and then says nothing must not hold its thread for ever.
-        link->setRecvTimeout(m_requestTimeout);
+        // The deadline bounds the request as a whole; the receive time-out is a second line for
+        // each read.
+        request.link->setRecvTimeout(m_requestTimeout);
         if (greet) {
             std::uint32_t greeting = 0;
-            link->recv(&greeting, sizeof(greeting));
-            link->send(&greeting, sizeof(greeting));
+            request.link->recv(&greeting, sizeof(greeting));
+            request.link->send(&greeting, sizeof(greeting));
         }
-    } catch (const std::exception& e) {
-        klLog::error("%s\n", e.what());
-        return;
-    }
-
-    std::uint32_t command = 0;
-    {
-        klNetStream stream(link);
+        klNetStream stream(request.link);
         try {
             stream >> command;
-            dispatch(stream, *link, command);
+            dispatch(stream, request, command);
         } catch (const std::exception& e) {
-            try {
-                stream.sendException(e);
-                stream.flush();
-            } catch (const std::exception& failure) {
-                klLog::error("Failed to process command; %s\n", failure.what());
+            if (!request.timedOut) {
+                try {
+                    stream.sendException(e);
+                    stream.flush();
+                } catch (const std::exception& failure) {
+                    klLog::error("Failed to process command; %s\n", failure.what());
+                }
             }
         }
         try {
@@ -239,7 +360,18 @@ void klNetService::serveRequest(const std::shared_ptr<klSocketLink>& link, bool 
         } catch (const std::exception&) {
             // The client has gone; nothing is left to tell it.
         }
+    } catch (const std::exception& e) {
+        if (!request.timedOut) {
+            klLog::error("%s\n", e.what());
+        }
     }
+    m_timer->cancel(request.deadline);
+    if (request.timedOut) {
+        klLog::error("Request from %s timed out after %g s\n", request.peer.c_str(),
+                     m_requestTimeout);
+    }
+    // Closes the connection, unless a server or a relay holds it now.
+    request.link.reset();
     // Only a stop-server request clears the table at once; after the others stopped servers stay
     // listed until the next start or stop-server request.
     if (command == kStopServer) {
@@ -247,21 +379,22 @@ void klNetService::serveRequest(const std::shared_ptr<klSocketLink>& link, bool 
     }
     std::fflush(stderr);
     std::fflush(stdout);
+    requestEnded();
 }
 
-void klNetService::dispatch(klNetStream& stream, klSocketLink& link, std::uint32_t command) {
+void klNetService::dispatch(klNetStream& stream, Request& request, std::uint32_t command) {
     switch (command) {
         case kStartServer:
-            startServer(stream, link);
+            startServer(stream, request);
             break;
         case kConnectServer:
-            connectServer(stream, link);
+            connectServer(stream, request);
             break;
         case kStopService:
             stopService(stream);
             break;
         case kConnectService:
-            connectService(stream);
+            connectService(stream, request);
             break;
         case kStopServer:
             stopServer(stream);
@@ -277,11 +410,20 @@ void klNetService::dispatch(klNetStream& stream, klSocketLink& link, std::uint32
     }
 }
 
-void klNetService::startServer(klNetStream& stream, klSocketLink& link) {
+void klNetService::endRequestTime(Request& request) {
+    m_timer->cancel(request.deadline);
+    if (request.timedOut) {
+        throw klConnectionClosed();
+    }
+}
+
+void klNetService::startServer(klNetStream& stream, Request& request) {
     removeStoppedServers();
     try {
         const std::string extraArgument = readString(stream);
-        const std::string version = normaliseVersion(readString(stream));
+        std::string version = readString(stream);
+        checkVersionText(version);
+        version = normaliseVersion(version);
         const double clientVersion = klNetUtils::decimalValue(version);
         if (clientVersion > klNetUtils::decimalValue(ownVersion())) {
             throw klNetError("Incompatible versions: KALDClusterService " + ownVersion() +
@@ -294,22 +436,21 @@ void klNetService::startServer(klNetStream& stream, klSocketLink& link) {
         const bool thirdOption = readFlag(stream);
         const std::string bookingId = atLeast(clientVersion, 9.2) ? readString(stream) : "";
         const bool stereo = atLeast(clientVersion, 10.0) && readFlag(stream);
+        endRequestTime(request);
         s_inProcessDisplay = display;
         s_inProcessStereo = stereo;
 
-        if (m_maxServers > 0 && serverCount() >= m_maxServers) {
-            throw klNetError(std::ostringstream()
-                             << "Too many servers running (" << m_maxServers << ")");
-        }
+        StartSlot slot(*this);
         const unsigned id = ++m_lastServerId;
         auto server = klNetServerProcess::create(extraArgument, id, m_serviceArgument, version,
                                                  display, stereo, firstOption, secondOption,
                                                  thirdOption, bookingId);
         server->start(m_console);
-        addServer(server);
+        addServer(server, slot);
 
         // The socket is shared with the server from now on: its receive time-out must not go
         // along with it.
+        klSocketLink& link = *request.link;
         link.setRecvTimeout(0.0);
         const auto handOffStart = std::chrono::steady_clock::now();
         for (;;) {
@@ -338,12 +479,13 @@ void klNetService::startServer(klNetStream& stream, klSocketLink& link) {
     }
 }
 
-void klNetService::connectServer(klNetStream& stream, klSocketLink& link) {
+void klNetService::connectServer(klNetStream& stream, Request& request) {
     std::uint32_t id = 0;
     stream >> id;
+    endRequestTime(request);
     const auto server = getServer(id);
-    link.setRecvTimeout(0.0);
-    server->sendSocket(link, -1.0);
+    request.link->setRecvTimeout(0.0);
+    server->sendSocket(*request.link, -1.0);
     stream.sendSuccess();
 }
 
@@ -353,21 +495,81 @@ void klNetService::stopService(klNetStream& stream) {
     stop();
 }
 
-void klNetService::connectService(klNetStream& stream) {
+void klNetService::connectService(klNetStream& stream, Request& request) {
     const std::string host = readString(stream);
     std::uint32_t port = 0;
     stream >> port;
-    const std::shared_ptr<klNetLink> client = stream.getFirstLink();
-    auto target = std::make_shared<klSocketLink>(klSocketAddress(host, int(port)),
-                                                 kRelayConnectTimeout);
-    target->signalHPCNetSocket();
-    client->setRecvTimeout(0.0);
-    // Answer before the relay starts, so that the answer and relayed buffers never share the
-    // client's socket at the same time.
-    stream.sendSuccess();
-    stream.flush();
-    std::thread(connectLinks, client, target).detach();
-    std::thread(connectLinks, target, client).detach();
+    // Without targets of its own the service resolves nothing and connects nowhere, so that a
+    // client can use it neither as a proxy nor to probe the network behind it.
+    if (m_relayTargets.isEmpty()) {
+        klLog::error("Refused relay from %s: relaying is not enabled\n", request.peer.c_str());
+        throw klNetError("Relaying is not enabled on this service");
+    }
+    const klSocketAddress address(host, int(port));
+    if (!m_relayTargets.allows(address.getSockAddr())) {
+        klLog::error("Refused relay from %s to %s: not an allowed target\n",
+                     request.peer.c_str(), address.getName().c_str());
+        throw klNetError("Relaying to " + address.getName() + " is not allowed");
+    }
+    {
+        std::lock_guard<std::mutex> guard(m_requestLock);
+        if (m_activeRelays >= m_maxRelays) {
+            throw klNetError(std::ostringstream() << "Too many relays (" << m_maxRelays << ")");
+        }
+        ++m_activeRelays;
+    }
+    auto relay = std::make_shared<Relay>();
+    try {
+        relay->client = stream.getFirstLink();
+        auto target = std::make_shared<klSocketLink>(address, kRelayConnectTimeout);
+        target->signalHPCNetSocket();
+        relay->target = std::move(target);
+        endRequestTime(request);
+        {
+            // Listed only whole, and only while the service runs: shutdown() closes every relay
+            // it finds listed, and refuses the rest here.
+            std::lock_guard<std::mutex> guard(m_requestLock);
+            if (!m_accepting) {
+                throw klNetError("Service is shutting down");
+            }
+            m_relays.push_back(relay);
+        }
+        relay->client->setRecvTimeout(0.0);
+        // Answer before the relay starts, so that the answer and relayed buffers never share the
+        // client's socket at the same time.
+        stream.sendSuccess();
+        stream.flush();
+    } catch (...) {
+        relayEnded();
+        throw;
+    }
+    const auto idle = std::chrono::duration_cast<Relay::Clock::duration>(
+        std::chrono::duration<double>(m_relayIdleTimeout));
+    relay->idleTimer = m_timer->schedule(Relay::Clock::now() + idle, [relay, idle] {
+        const auto quietUntil = relay->lastActive() + idle;
+        if (Relay::Clock::now() < quietUntil) {
+            return quietUntil;
+        }
+        relay->close();
+        return klNetDeadlineTimer::kDone;
+    });
+    relay->threads = 2;
+    for (const bool toTarget : {true, false}) {
+        try {
+            std::thread([this, relay, toTarget] {
+                connectLinks(relay, toTarget ? relay->client : relay->target,
+                             toTarget ? relay->target : relay->client);
+            }).detach();
+        } catch (const std::exception& e) {
+            // The other direction, if it runs, ends as soon as its link is shut.
+            klLog::error("Unable to start a relay thread: %s\n", e.what());
+            relay->close();
+            if (--relay->threads == 0) {
+                m_timer->cancel(relay->idleTimer);
+                relayEnded();
+            }
+        }
+    }
 }
 
 void klNetService::stopServer(klNetStream& stream) {
@@ -415,12 +617,15 @@ std::shared_ptr<klNetServerProcess> klNetService::getServer(unsigned id) {
     return found->second;
 }
 
-void klNetService::addServer(const std::shared_ptr<klNetServerProcess>& server) {
+void klNetService::addServer(const std::shared_ptr<klNetServerProcess>& server,
+                             StartSlot& slot) {
     {
         std::lock_guard<std::mutex> guard(m_listenerLock);
         if (!m_stopped) {
             std::lock_guard<std::mutex> serversGuard(m_lock);
             m_servers[server->getId()] = server;
+            // Counted as a running server from now on.
+            slot.releaseLocked();
             return;
         }
     }
@@ -447,6 +652,10 @@ void klNetService::removeStoppedServers() {
 
 int klNetService::serverCount() {
     std::lock_guard<std::mutex> guard(m_lock);
+    return runningServers();
+}
+
+int klNetService::runningServers() const {
     int count = 0;
     for (const auto& [id, server] : m_servers) {
         count += server->isRunning() && !server->isStopRequested() ? 1 : 0;
@@ -465,19 +674,38 @@ std::vector<std::string> klNetService::bookingIds() {
     return ids;
 }
 
-void klNetService::connectLinks(std::shared_ptr<klNetLink> from, std::shared_ptr<klNetLink> to) {
+void klNetService::connectLinks(const std::shared_ptr<Relay>& relay,
+                                const std::shared_ptr<klNetLink>& from,
+                                const std::shared_ptr<klNetLink>& to) {
     try {
         std::shared_ptr<klNetBuffer> buffer = klNetBufferPool::pop();
         for (;;) {
             from->recv(buffer);
             to->send(buffer);
+            relay->lastActivity = Relay::Clock::now().time_since_epoch().count();
         }
     } catch (const std::exception&) {
-        // One side has gone: end the other direction too, so that neither thread nor socket
-        // outlives the relay.
-        from->shutdown();
-        to->shutdown();
+        // One side has gone (or the relay was idle too long, or the service stops): end the
+        // other direction too, so that neither thread nor socket outlives the relay.
     }
+    relay->close();
+    if (--relay->threads == 0) {
+        m_timer->cancel(relay->idleTimer);
+        relayEnded();
+    }
+}
+
+void klNetService::relayEnded() {
+    {
+        std::lock_guard<std::mutex> guard(m_requestLock);
+        --m_activeRelays;
+        m_relays.erase(std::remove_if(m_relays.begin(), m_relays.end(),
+                                      [](const std::weak_ptr<Relay>& relay) {
+                                          return relay.expired();
+                                      }),
+                       m_relays.end());
+    }
+    m_requestsChanged.notify_all();
 }
 
 void klNetService::shutdown() {
@@ -494,11 +722,40 @@ void klNetService::shutdown() {
     for (const auto& server : servers) {
         server->stop();
     }
+    std::vector<std::shared_ptr<Relay>> relays;
+    {
+        std::lock_guard<std::mutex> guard(m_requestLock);
+        m_accepting = false;
+        for (const auto& relay : m_relays) {
+            if (auto open = relay.lock()) {
+                relays.push_back(std::move(open));
+            }
+        }
+    }
+    for (const auto& relay : relays) {
+        relay->close();
+    }
+}
+
+bool klNetService::waitForRequestSlot() {
+    std::unique_lock<std::mutex> guard(m_requestLock);
+    m_requestsChanged.wait(guard,
+                           [this] { return !m_accepting || m_activeRequests < m_maxRequests; });
+    return m_accepting;
+}
+
+void klNetService::requestEnded() {
+    {
+        std::lock_guard<std::mutex> guard(m_requestLock);
+        --m_activeRequests;
+    }
+    m_requestsChanged.notify_all();
 }
 
 void klNetService::waitForRequests() {
     std::unique_lock<std::mutex> guard(m_requestLock);
-    m_requestsDone.wait(guard, [this] { return m_activeRequests == 0; });
+    m_requestsChanged.wait(guard,
+                           [this] { return m_requestThreads == 0 && m_activeRelays == 0; });
 }
 
 std::string klNetService::runInProcess() {

@@ -18,10 +18,12 @@
 //   6     get status           -                                      klNetServiceStatus
 //   7     stop by booking id   booking id (string)                    -
 //
-// Beyond what a client sees, the service defends itself against peers that misbehave: the
-// greeting and the request are read off the accepting thread under a time-out, peers may be
-// restricted to address ranges, running servers and concurrent requests are capped, and string
-// fields longer than 64 KiB are refused before anything is allocated for them.
+// Beyond what a client sees, the service defends itself against peers that misbehave: each
+// request must arrive whole within a time-out, counted from its accept; peers may be restricted
+// to address ranges; running servers, concurrent requests and relays are capped; relays go only
+// to address ranges the service is told, and end when idle; version texts are plain names
+// (letters, digits, '.', '-', '_', never "..") before they select a program; and string fields
+// longer than 64 KiB are refused before anything is allocated for them.
 //
 // Requirements: a QCoreApplication whose event loop runs on its thread; finished request threads
 // are deleted there, and started servers' output is delivered there.
@@ -45,6 +47,7 @@
 #include <vector>
 
 class klBoundSocketLink;
+class klNetDeadlineTimer;
 class klNetLink;
 class klNetServerProcess;
 class klNetStream;
@@ -65,6 +68,8 @@ public:
 
     // Longest string field a request may carry.
     static constexpr std::uint32_t kMaxStringSize = 64 * 1024;
+    // Longest version text a start request may carry.
+    static constexpr std::size_t kMaxVersionSize = 32;
 
     // Stores both; nothing is opened before run(). Port 0 lets the system choose.
     klNetService(int port, std::string serviceArgument);
@@ -81,22 +86,31 @@ public:
 
     // Peers allowed to connect; empty (the default) allows every peer.
     void setPeerFilter(const klNetPeerFilter& filter) { m_peerFilter = filter; }
-    // Most servers running at once; 0 (the default) for no limit. A start request beyond it is
+    // Most servers running at once (default 16; 0 for no limit). A start reserves its place
+    // before it launches anything, so concurrent starts never exceed the limit; one beyond it is
     // answered "Too many servers running (<n>)".
     void setMaxServers(int count) { m_maxServers = count; }
-    // Most requests served at once (default 64); a connection beyond it is closed at once.
+    // Most requests served at once (default 64). Further connections wait in the listen backlog,
+    // unaccepted, until a request ends: its answer sent and its connection closed.
     void setMaxRequests(int count) { m_maxRequests = count; }
-    // Time a client has for its greeting and for each read of its request (default: the
-    // connection time-out of the options, 10 s).
+    // Time a request has from its accept to its last byte (default: the connection time-out of
+    // the options, 10 s); the connection of a request that takes longer is closed. The wait for
+    // a started server to take over the connection is not part of it.
     void setRequestTimeout(double seconds) { m_requestTimeout = seconds; }
+    // Hosts that relay requests may connect to. Empty (the default) refuses every relay.
+    void setRelayTargets(const klNetPeerFilter& targets) { m_relayTargets = targets; }
+    // Most relays open at once (default 16); one beyond it is answered "Too many relays (<n>)".
+    void setMaxRelays(int count) { m_maxRelays = count; }
+    // A relay that carries nothing either way for this long is closed (default 300 s).
+    void setRelayIdleTimeout(double seconds) { m_relayIdleTimeout = seconds; }
     // Called on run()'s thread once the port is bound and listening, with the bound port.
     void setListeningHandler(std::function<void(int port)> handler) {
         m_listeningHandler = std::move(handler);
     }
 
     // Accepts and serves connections until the listener is shut down (stop(), or a stop-service
-    // request) or fails; then stops every server and waits for requests in progress. A failure
-    // to listen throws.
+    // request) or fails; then stops every server, closes every relay and waits for requests in
+    // progress. A failure to listen throws.
     void run();
     // Makes run() leave its loop. Any thread; harmless before or after run().
     void stop();
@@ -117,37 +131,55 @@ public:
     static std::string runInProcess();
 
 private:
+    struct Request;
+    struct Relay;
+    class StartSlot;
+
     void handleRequest(klSocketLink* link, bool greet);
-    void serveRequest(const std::shared_ptr<klSocketLink>& link, bool greet);
-    void dispatch(klNetStream& stream, klSocketLink& link, std::uint32_t command);
-    void startServer(klNetStream& stream, klSocketLink& link);
-    void connectServer(klNetStream& stream, klSocketLink& link);
+    void serveRequest(Request& request, bool greet);
+    void dispatch(klNetStream& stream, Request& request, std::uint32_t command);
+    // Ends the request's time limit once its last byte is read, before its connection is handed
+    // to a server or relayed; throws klConnectionClosed if the limit has passed already.
+    void endRequestTime(Request& request);
+    void startServer(klNetStream& stream, Request& request);
+    void connectServer(klNetStream& stream, Request& request);
     void stopServer(klNetStream& stream);
     void stopServerByBookingId(klNetStream& stream);
     void stopService(klNetStream& stream);
-    void connectService(klNetStream& stream);
+    void connectService(klNetStream& stream, Request& request);
     void getStatus(klNetStream& stream);
     std::shared_ptr<klNetServerProcess> getServer(unsigned id);
-    void addServer(const std::shared_ptr<klNetServerProcess>& server);
+    void addServer(const std::shared_ptr<klNetServerProcess>& server, StartSlot& slot);
     void removeStoppedServers();
-    static void connectLinks(std::shared_ptr<klNetLink> from, std::shared_ptr<klNetLink> to);
+    // Forwards buffers from one end of a relay to the other until either fails.
+    void connectLinks(const std::shared_ptr<Relay>& relay, const std::shared_ptr<klNetLink>& from,
+                      const std::shared_ptr<klNetLink>& to);
+    void relayEnded();
     void shutdown();
-    // Blocks until no request is in progress.
+    // Blocks until a request may be accepted; false once the service stops.
+    bool waitForRequestSlot();
+    void requestEnded();
+    // Blocks until no request thread and no relay is left.
     void waitForRequests();
+    int runningServers() const;  // REQUIRES: m_lock held
 
     // Set before run().
     std::atomic<int> m_port;
     const std::string m_serviceArgument;
     bool m_console = true;
     klNetPeerFilter m_peerFilter;
-    int m_maxServers = 0;
+    int m_maxServers = 16;
     int m_maxRequests = 64;
     double m_requestTimeout;
+    klNetPeerFilter m_relayTargets;
+    int m_maxRelays = 16;
+    double m_relayIdleTimeout = 300.0;
     std::function<void(int)> m_listeningHandler;
 
     // Guarded by m_lock.
-    std::mutex m_lock;
+    mutable std::mutex m_lock;
     std::map<unsigned, std::shared_ptr<klNetServerProcess>> m_servers;
+    int m_startsInProgress = 0;
 
     // Guarded by m_listenerLock.
     std::mutex m_listenerLock;
@@ -156,9 +188,15 @@ private:
 
     // Guarded by m_requestLock.
     std::mutex m_requestLock;
-    std::condition_variable m_requestsDone;
-    int m_activeRequests = 0;
+    std::condition_variable m_requestsChanged;
+    bool m_accepting = true;
+    int m_activeRequests = 0;  // accepted and not yet answered and closed
+    int m_requestThreads = 0;  // started and not yet finished
+    int m_activeRelays = 0;
+    std::vector<std::weak_ptr<Relay>> m_relays;
 
+    // Deadlines of requests and idle relays.
+    std::unique_ptr<klNetDeadlineTimer> m_timer;
     std::atomic<unsigned> m_lastServerId{0};
     klNetActionManager m_actionManager{0};
 

@@ -9,8 +9,10 @@
 #include <klServiceClient.h>
 
 #include <cstdio>
+#include <future>
 #include <iterator>
 #include <regex>
+#include <set>
 #include <sstream>
 
 using namespace kltest;
@@ -122,22 +124,151 @@ TEST(klNetServiceTest, StoppedServersLeaveTheTableOnlyAfterStopServerOrStart) {
     expectRenders(*first);
 }
 
-TEST(klNetServiceTest, RelaysToAnotherListener) {
-    ServiceDaemon service;
-    klBoundSocketLink listener(0);
-    auto echo = std::async(std::launch::async, [&] {
-        auto link = klSocketLink::checkForHPCNetSocket(klSocketLink(listener).takeDescriptor());
-        Buffer buffer;
-        link->recv(buffer);
-        link->send(buffer);
-    });
-    const auto stream = klServiceClient("127.0.0.1", service.port())
-                            .relay("127.0.0.1", std::uint32_t(listener.getAddress().getPort()));
-    *stream << std::string("through the relay") << klNetStream::flush;
+// An echo server for relays: takes connections one after the other, sends back the first buffer
+// of each and holds it until the other end closes; counts the connections it took.
+class EchoListener {
+public:
+    EchoListener()
+        : m_task([listener = m_listener, count = m_count] {
+              for (;;) {
+                  auto link = klSocketLink::checkForHPCNetSocket(
+                      klSocketLink(*listener).takeDescriptor());
+                  ++*count;
+                  Buffer buffer;
+                  outcome([&] {
+                      link->recv(buffer);
+                      link->send(buffer);
+                      link->recv(buffer);
+                  });
+              }
+          }) {}
+    ~EchoListener() {
+        m_listener->shutdown();
+        EXPECT_TRUE(m_task.finishedWithin(kBound));
+    }
+    std::uint32_t port() const { return std::uint32_t(m_listener->getAddress().getPort()); }
+    int connections() const { return *m_count; }
+
+private:
+    std::shared_ptr<klBoundSocketLink> m_listener = std::make_shared<klBoundSocketLink>(0);
+    std::shared_ptr<std::atomic<int>> m_count = std::make_shared<std::atomic<int>>(0);
+    Task m_task;
+};
+
+std::string echoedThrough(klNetStream& relay) {
+    relay << std::string("through the relay") << klNetStream::flush;
     std::string echoed;
-    *stream >> echoed;
-    EXPECT_EQ("through the relay", echoed);
-    echo.get();
+    relay >> echoed;
+    return echoed;
+}
+
+TEST(klNetServiceTest, RelaysOnlyToAllowedTargetsFewAtOnceAndNotWhenIdle) {
+    EchoListener echo;
+    const auto relayTo = [&](const ServiceDaemon& service) {
+        return klServiceClient("127.0.0.1", service.port()).relay("127.0.0.1", echo.port());
+    };
+    const std::pair<std::vector<std::string>, std::string> refusals[] = {
+        {{}, "Relaying is not enabled on this service"},
+        {{"--relay-to", "10.0.0.0/8"}, "Relaying to 127.0.0.1 is not allowed"}};
+    for (const auto& [options, refusal] : refusals) {
+        ServiceDaemon service(options);
+        EXPECT_EQ(refusal, outcome([&] { relayTo(service); }));
+    }
+
+    ServiceDaemon service({"--relay-to", "127.0.0.1", "--max-relays", "1",
+                           "--relay-idle-timeout", "0.5"});
+    const auto first = relayTo(service);
+    EXPECT_EQ("through the relay", echoedThrough(*first));
+    EXPECT_EQ("Too many relays (1)", outcome([&] { relayTo(service); }));
+    // Idle, the relay is closed, and its place is free again.
+    EXPECT_EQ("closed", outcome([&] { first->recvResult(); }));
+    EXPECT_EQ("through the relay", echoedThrough(*relayTo(service)));
+    // Refused relays opened no connection.
+    EXPECT_EQ(2, echo.connections());
+}
+
+// The service installed as .../KALDFarm-10.0/bin looks for other versions' servers by putting
+// the version into that path: a version text that is not a plain name must select nothing.
+TEST(klNetServiceTest, VersionTextsThatAreNotPlainNamesStartNothing) {
+    const TempDir root("versions", programDir());
+    const std::string bin = root.path("KALDFarm-10.0/bin");
+    std::filesystem::create_directories(bin);
+    std::filesystem::create_hard_link(programDir() + "/KALDClusterService",
+                                      bin + "/KALDClusterService");
+    const std::string planted = root.path("planted-ran");
+    root.addProgram("evil/bin/KALDClusterServer", "touch " + planted);
+    const std::string log = root.path("service.log");
+    ServiceDaemon service({"--log-file", log}, bin);
+
+    const std::pair<std::string, std::string> cases[] = {
+        {"10.0/../evil", "\"10.0/../evil\""},
+        {"10.0/../../evil", "\"10.0/../../evil\""},
+        {"9..2", "\"9..2\""},
+        {"99\nFAKE line", "\"99\\nFAKE line\""},
+        {std::string(40, '9'), "\"" + std::string(32, '9') + "...\""}};
+    for (const auto& [version, shown] : cases) {
+        auto stream = service.connect();
+        writeStart(*stream, version);
+        EXPECT_EQ("Invalid version text " + shown, outcome([&] { stream->recvResult(); }));
+    }
+    EXPECT_EQ(0, status(service).getNumberOfClusterServers());
+    EXPECT_FALSE(std::filesystem::exists(planted));
+    std::stringstream text;
+    text << std::ifstream(log).rdbuf();
+    EXPECT_NE(std::string::npos,
+              text.str().find("Failed to start server: Invalid version text \"99\\nFAKE line\"\n"));
+    EXPECT_EQ(std::string::npos, text.str().find("\nFAKE"));
+}
+
+TEST(klNetServiceTest, ConcurrentStartsStayWithinTheServerLimit) {
+    ServiceDaemon service({"--max-servers", "2"});
+    std::vector<std::future<std::string>> starts;
+    for (int i = 0; i < 8; ++i) {
+        starts.push_back(std::async(std::launch::async, [&] {
+            auto stream = service.connect();
+            writeStart(*stream, "10.0");
+            return outcome([&] { stream->recvResult(); });
+        }));
+    }
+    std::multiset<std::string> outcomes;
+    for (auto& start : starts) {
+        outcomes.insert(start.get());
+    }
+    EXPECT_EQ(2u, outcomes.count("returned"));
+    EXPECT_EQ(6u, outcomes.count("Too many servers running (2)"));
+}
+
+// A client that trickles its request holds its place only until the request time-out, and
+// clients beyond the request limit wait for a place instead of being turned away.
+TEST(klNetServiceTest, SlowClientsEndAtTheDeadlineAndBurstsWaitTheirTurn) {
+    ServiceDaemon service({"--max-requests", "2", "--request-timeout", "1"});
+    auto trickle = std::async(std::launch::async, [&] {
+        klSocketLink link(klSocketAddress("127.0.0.1", service.port()), 10.0);
+        // The greeting, then a buffer header of zeros, a byte every 100 ms.
+        const Bytes greeting = hex("C6A40506");
+        return outcome([&] {
+            for (std::size_t i = 0;; ++i) {
+                const Bytes::value_type byte = i < greeting.size() ? greeting[i] : 0;
+                link.send(&byte, 1);
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            }
+        });
+    });
+    std::vector<std::future<std::string>> clients;
+    for (int i = 0; i < 30; ++i) {
+        clients.push_back(std::async(std::launch::async, [&] {
+            return outcome([&] {
+                for (int n = 0; n < 3; ++n) {
+                    status(service);
+                }
+            });
+        }));
+    }
+    for (auto& client : clients) {
+        EXPECT_EQ("returned", client.get());
+    }
+    ASSERT_EQ(std::future_status::ready, trickle.wait_for(kBound));
+    EXPECT_EQ("closed", trickle.get());
 }
 
 // The daemon in a program directory of the test's own (hard-linked, so that it looks for its
