@@ -14,6 +14,7 @@
 #include <klNetBase/service/klNetServiceStatus.h>
 #include <klNetBase/service/klNetUtils.h>
 #include <klNetBase/service/detail/klNetDeadlineTimer.h>
+#include <klNetBase/service/detail/klNetNoEventDispatcher.h>
 
 #include <klLog.h>
 #include <klVersionInfo.h>
@@ -319,6 +320,9 @@ void klNetService::handleRequest(klSocketLink* link, bool greet) {
         threadDone();
         throw klNetError("Unable to start a request thread");
     }
+    // The thread runs no event loop: it needs no descriptor for one, and cannot fail for lack of
+    // one. The thread owns its dispatcher.
+    thread->setEventDispatcher(new klNetNoEventDispatcher);
     QObject::connect(thread, &QThread::finished, thread, &QObject::deleteLater);
     // A thread counts until it has finished and its deletion is queued, so that whoever waits for
     // the threads may then let the application delete the thread objects.

@@ -8,6 +8,8 @@
 #include <klRenderProtocol.h>
 #include <klServiceClient.h>
 
+#include <sys/resource.h>
+
 #include <cstdio>
 #include <future>
 #include <iterator>
@@ -330,6 +332,42 @@ TEST(klNetServiceTest, HostileClientsNeitherKnockItOverNorLeak) {
     EXPECT_TRUE(waitUntil([&] { return procEntries(service.pid(), "task") <= threads; }));
     EXPECT_EQ(0, status(service).getNumberOfClusterServers());
     EXPECT_LT(residentBytes(service.pid()), resident + 64 * 1024 * 1024);
+}
+
+// The service's descriptor limit lowered until idle clients use it up: it says so once, keeps
+// the waiting connections queued, and answers again once descriptors are free.
+TEST(klNetServiceTest, RunningOutOfDescriptorsIsLoggedOnceAndOutlived) {
+    const TempDir dir("descriptors");
+    const std::string log = dir.path("service.log");
+    ServiceDaemon service({"--log-file", log, "--request-timeout", "60"});
+    status(service);
+    const rlim_t open = procEntries(service.pid(), "fd");
+    const rlimit limit{open + 3, open + 3};
+    ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_NOFILE, &limit, nullptr));
+    const auto logText = [&] {
+        std::stringstream text;
+        text << std::ifstream(log).rdbuf();
+        return text.str();
+    };
+    const std::string shortage =
+        "ERROR Unable to accept incomming connection\\. 24:Too many open files \\(retrying\\)\n";
+    {
+        std::vector<std::unique_ptr<klSocketLink>> idle;
+        for (int i = 0; i < 10; ++i) {
+            idle.push_back(
+                std::make_unique<klSocketLink>(klSocketAddress("127.0.0.1", service.port()), 10.0));
+        }
+        EXPECT_TRUE(waitUntil([&] { return logText().find("Too many open files") != std::string::npos; }));
+    }
+    EXPECT_EQ("returned", outcome([&] { status(service); })) << logText();
+    // One line for each shortage, however often it retried, and one when it ended.
+    const std::string text = logText();
+    const auto count = [&text](const std::string& line) {
+        const std::regex pattern(line);
+        return std::distance(std::sregex_iterator(text.begin(), text.end(), pattern), {});
+    };
+    EXPECT_GE(count(shortage), 1) << text;
+    EXPECT_EQ(count(shortage), count("INFO Accepting connections again\n")) << text;
 }
 
 // ---- klnetctl ----------------------------------------------------------------------------------

@@ -97,11 +97,13 @@ TEST(klSocketPipeTest, ShutdownWakesAWaitingCallAndServiceCloseEndsTheServer) {
     EXPECT_EQ("closed", served.get()) << "the server must see the service go";
 }
 
-TEST(klSocketPipeTest, OpeningFailsWithTheSystemsReason) {
+TEST(klSocketPipeTest, OpeningFailsWithTheSystemsReasonAndLeavesNothingOpen) {
     klSocketPipe service;
     const std::string missing = service.getName() + "-missing";
+    const auto before = openDescriptors();
     EXPECT_EQ("Unable to connect to named pipe. 2:No such file or directory",
               outcome([&] { klSocketPipe{missing}; }));
+    EXPECT_EQ(before, openDescriptors());
 
     // A socket file nobody listens on refuses: retried ten times, 200 ms apart.
     const std::string idle = service.getName() + "-idle";
