@@ -336,7 +336,9 @@ public:
         : m_bookingId("klClusterRender-" + std::to_string(::getpid())) {
         if (options.nodes.empty()) {
             std::printf("Starting a cluster service on loopback ...\n");
-            m_local.emplace();
+            // A service of this run alone: as many servers as the run asks for.
+            m_local.emplace(
+                std::vector<std::string>{"--max-servers", std::to_string(options.servers)});
             m_services.emplace_back("127.0.0.1", m_local->port());
             std::printf("  KALDClusterService listening on 127.0.0.1:%d\n", m_local->port());
         } else {
