@@ -1,5 +1,6 @@
 // The cluster service under load, over loopback: status requests per second from 1 and from 50
-// clients at once, the time from a start request to the first pixels of a newly started render
+// clients at once, bursts of clients beyond the service's request limit (every one must be
+// served), the time from a start request to the first pixels of a newly started render
 // server, and the cost of handing one socket through a socket pipe.
 //
 //   klServiceBench [seconds per load figure, default 3] [start rounds, default 10]
@@ -52,6 +53,32 @@ double statusRate(const klServiceClient& service, int clients, double seconds) {
     return double(answered) / secondsSince(start);
 }
 
+// A burst: clients threads at once share requests status requests. Returns the seconds until
+// the last was answered and counts those that failed (the target is none).
+double burst(const klServiceClient& service, int clients, int requests, int& failures) {
+    std::atomic<int> next{0};
+    std::atomic<int> failed{0};
+    const auto start = Clock::now();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < clients; ++i) {
+        threads.emplace_back([&] {
+            while (next++ < requests) {
+                try {
+                    service.status();
+                } catch (const std::exception& e) {
+                    std::fprintf(stderr, "status request failed: %s\n", e.what());
+                    ++failed;
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    failures = failed;
+    return secondsSince(start);
+}
+
 // Seconds from sending a start request to the first band of pixels from the started server.
 double startToFirstPixel(const klServiceClient& service) {
     klRenderRequest row = klRenderRequest::defaultFrame(256, 256);
@@ -98,7 +125,8 @@ double handOffMicroseconds(int sockets) {
 int main(int argc, char** argv) {
     if (argc > 1 && std::string(argv[1]) == "--help") {
         std::printf("Usage: klServiceBench [seconds per load figure] [start rounds]\n"
-                    "Status requests per second (1 and 50 clients) and start-to-first-pixel\n"
+                    "Status requests per second (1 and 50 clients), bursts beyond the\n"
+                    "request limit (target: none fails), start-to-first-pixel\n"
                     "latency of a cluster service started on a loopback port, and the cost\n"
                     "of handing a socket through a socket pipe.\n");
         return 0;
@@ -117,6 +145,19 @@ int main(int argc, char** argv) {
         const double one = statusRate(service, 1, seconds);
         std::printf("status requests, 50 clients ...\n");
         const double fifty = statusRate(service, 50, seconds);
+        // Bursts against a service with the default request limit (64).
+        int burstFailures[2] = {0, 0};
+        double burstSeconds[2] = {0, 0};
+        {
+            klLocalService defaults({});
+            const klServiceClient fresh("127.0.0.1", defaults.port());
+            std::printf("burst of 30 clients, 100 requests ...\n");
+            burstSeconds[0] = burst(fresh, 30, 100, burstFailures[0]);
+            std::printf("burst of 200 clients, 1000 requests ...\n");
+            burstSeconds[1] = burst(fresh, 200, 1000, burstFailures[1]);
+            fresh.stopService();
+            defaults.waitForExit(30.0);
+        }
         std::vector<double> latencies;
         for (int i = 0; i < rounds; ++i) {
             std::printf("\rstart to first pixel, round %d of %d", i + 1, rounds);
@@ -129,6 +170,10 @@ int main(int argc, char** argv) {
                     "|---------------------------------|------------|\n");
         std::printf("| status requests/s, 1 client     | %10.0f |\n", one);
         std::printf("| status requests/s, 50 clients   | %10.0f |\n", fifty);
+        std::printf("| burst 30 x 100, failed (0)      | %10d |\n", burstFailures[0]);
+        std::printf("| burst 30 x 100, ms              | %10.1f |\n", burstSeconds[0] * 1e3);
+        std::printf("| burst 200 x 1000, failed (0)    | %10d |\n", burstFailures[1]);
+        std::printf("| burst 200 x 1000, ms            | %10.1f |\n", burstSeconds[1] * 1e3);
         std::printf("| start to first pixel, median ms | %10.1f |\n",
                     klbench::median(latencies) * 1e3);
         std::printf("| start to first pixel, max ms    | %10.1f |\n",
