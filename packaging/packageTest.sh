@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the Debian package from a build tree, unpacks it into a scratch root with dpkg -x and
-# checks what a node gets: the layout, the unit's ExecStart, the control fields, and programs that
-# run from the unpacked tree alone.
+# checks what a node gets: the layout, the unit's ExecStart, the control fields, binaries without a
+# run path, and programs that run from the unpacked tree alone. Then installs the build tree into a
+# scratch prefix and checks that its programs run from there without LD_LIBRARY_PATH.
 #   packageTest.sh BUILD_DIR WORK_DIR
 # Exit status 77 (skipped) without dpkg-deb or dpkg-shlibdeps.
 set -euo pipefail
@@ -52,11 +53,27 @@ grep -qx "ExecStart=/usr/bin/KALDClusterService --no-console" \
     "$root/usr/lib/systemd/system/KALDClusterService.service" ||
     fail "unit: $(grep ExecStart "$root/usr/lib/systemd/system/KALDClusterService.service")"
 
-# The programs find the library of the package, not the build tree's.
-if readelf -d "$root/usr/bin/KALDClusterService" | grep -qF "$build"; then
-    fail "KALDClusterService still points into the build tree"
-fi
+# No run path in the package (Debian policy): the programs find the library in /usr/lib, not in
+# the build tree or beside themselves.
+for binary in "$root"/usr/bin/* "$root"/usr/lib/lib*.so.*; do
+    if readelf -d "$binary" | grep -E '\((RUNPATH|RPATH)\)'; then
+        fail "$binary carries a run path"
+    fi
+done
 version=$(LD_LIBRARY_PATH=$root/usr/lib "$root/usr/bin/KALDClusterService" --version) ||
     fail "the unpacked KALDClusterService does not run"
 [[ $version == "KALDClusterService 10.0" ]] || fail "--version: $version"
+
+# Installed under any other prefix, the programs find the installed library through their
+# relative run path.
+prefix=$work/prefix
+cmake --install "$build" --prefix "$prefix" >"$work/install.log" 2>&1 ||
+    fail "cmake --install: $(tail -n 20 "$work/install.log")"
+version=$(env -u LD_LIBRARY_PATH "$prefix/bin/KALDClusterService" --version) ||
+    fail "the installed KALDClusterService does not run"
+[[ $version == "KALDClusterService 10.0" ]] || fail "installed --version: $version"
+env -u LD_LIBRARY_PATH ldd "$prefix/bin/KALDClusterService" |
+    grep -F "libklNetBase.so.10 => $prefix/" >/dev/null || fail "KALDClusterService loads another library"
+env -u LD_LIBRARY_PATH "$prefix/bin/klnetctl" --help >/dev/null ||
+    fail "the installed klnetctl does not run"
 echo "passed: $(basename "$deb")"
