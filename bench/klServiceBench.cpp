@@ -149,7 +149,7 @@ int main(int argc, char** argv) {
         int burstFailures[2] = {0, 0};
         double burstSeconds[2] = {0, 0};
         {
-            klLocalService defaults({});
+            klLocalService defaults(std::vector<std::string>{});
             const klServiceClient fresh("127.0.0.1", defaults.port());
             std::printf("burst of 30 clients, 100 requests ...\n");
             burstSeconds[0] = burst(fresh, 30, 100, burstFailures[0]);
