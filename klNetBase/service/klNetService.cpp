@@ -10,11 +10,11 @@
 #include <klNetBase/link/klSocketLink.h>
 #include <klNetBase/runtime/klNetMem.h>
 #include <klNetBase/serial/klNetStream.h>
+#include <klNetBase/service/detail/klNetDeadlineTimer.h>
+#include <klNetBase/service/detail/klNetNoEventDispatcher.h>
 #include <klNetBase/service/klNetServerProcess.h>
 #include <klNetBase/service/klNetServiceStatus.h>
 #include <klNetBase/service/klNetUtils.h>
-#include <klNetBase/service/detail/klNetDeadlineTimer.h>
-#include <klNetBase/service/detail/klNetNoEventDispatcher.h>
 
 #include <klLog.h>
 #include <klVersionInfo.h>
@@ -51,9 +51,9 @@ std::string readString(klNetStream& stream) {
     std::uint32_t length = 0;
     stream >> length;
     if (length > klNetService::kMaxStringSize) {
-        throw klNetError(std::ostringstream() << "String field too long (" << length
-                                              << " bytes, at most "
-                                              << klNetService::kMaxStringSize << ")");
+        throw klNetError(std::ostringstream()
+                         << "String field too long (" << length << " bytes, at most "
+                         << klNetService::kMaxStringSize << ")");
     }
     std::string text(length, '\0');
     if (length > 0) {
@@ -94,13 +94,12 @@ std::string quoted(const std::string& text) {
 // The version text selects a program directory (the installation of that version), so it must
 // be a plain name: letters, digits, '.', '-' and '_', no "..", at most kMaxVersionSize bytes.
 void checkVersionText(const std::string& version) {
-    const bool plain =
-        version.size() <= klNetService::kMaxVersionSize &&
-        version.find("..") == std::string::npos &&
-        std::all_of(version.begin(), version.end(), [](char c) {
-            return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-                   c == '.' || c == '-' || c == '_';
-        });
+    const bool plain = version.size() <= klNetService::kMaxVersionSize &&
+                       version.find("..") == std::string::npos &&
+                       std::all_of(version.begin(), version.end(), [](char c) {
+                           return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') ||
+                                  (c >= 'A' && c <= 'Z') || c == '.' || c == '-' || c == '_';
+                       });
     if (!plain) {
         throw klNetError("Invalid version text " + quoted(version));
     }
@@ -293,15 +292,15 @@ void klNetService::handleRequest(klSocketLink* link, bool greet) {
     } catch (const std::exception&) {
         request->peer = "an unknown peer";
     }
-    request->deadline = m_timer->schedule(
-        klNetDeadlineTimer::Clock::now() +
-            std::chrono::duration_cast<klNetDeadlineTimer::Clock::duration>(
-                std::chrono::duration<double>(m_requestTimeout)),
-        [request] {
-            request->timedOut = true;
-            request->link->shutdown();
-            return klNetDeadlineTimer::kDone;
-        });
+    request->deadline =
+        m_timer->schedule(klNetDeadlineTimer::Clock::now() +
+                              std::chrono::duration_cast<klNetDeadlineTimer::Clock::duration>(
+                                  std::chrono::duration<double>(m_requestTimeout)),
+                          [request] {
+                              request->timedOut = true;
+                              request->link->shutdown();
+                              return klNetDeadlineTimer::kDone;
+                          });
     {
         std::lock_guard<std::mutex> guard(m_requestLock);
         ++m_requestThreads;
@@ -446,9 +445,9 @@ void klNetService::startServer(klNetStream& stream, Request& request) {
 
         StartSlot slot(*this);
         const unsigned id = ++m_lastServerId;
-        auto server = klNetServerProcess::create(extraArgument, id, m_serviceArgument, version,
-                                                 display, stereo, firstOption, secondOption,
-                                                 thirdOption, bookingId);
+        auto server =
+            klNetServerProcess::create(extraArgument, id, m_serviceArgument, version, display,
+                                       stereo, firstOption, secondOption, thirdOption, bookingId);
         server->start(m_console);
         addServer(server, slot);
 
@@ -511,8 +510,8 @@ void klNetService::connectService(klNetStream& stream, Request& request) {
     }
     const klSocketAddress address(host, int(port));
     if (!m_relayTargets.allows(address.getSockAddr())) {
-        klLog::error("Refused relay from %s to %s: not an allowed target\n",
-                     request.peer.c_str(), address.getName().c_str());
+        klLog::error("Refused relay from %s to %s: not an allowed target\n", request.peer.c_str(),
+                     address.getName().c_str());
         throw klNetError("Relaying to " + address.getName() + " is not allowed");
     }
     {
@@ -621,8 +620,7 @@ std::shared_ptr<klNetServerProcess> klNetService::getServer(unsigned id) {
     return found->second;
 }
 
-void klNetService::addServer(const std::shared_ptr<klNetServerProcess>& server,
-                             StartSlot& slot) {
+void klNetService::addServer(const std::shared_ptr<klNetServerProcess>& server, StartSlot& slot) {
     {
         std::lock_guard<std::mutex> guard(m_listenerLock);
         if (!m_stopped) {
@@ -703,11 +701,10 @@ void klNetService::relayEnded() {
     {
         std::lock_guard<std::mutex> guard(m_requestLock);
         --m_activeRelays;
-        m_relays.erase(std::remove_if(m_relays.begin(), m_relays.end(),
-                                      [](const std::weak_ptr<Relay>& relay) {
-                                          return relay.expired();
-                                      }),
-                       m_relays.end());
+        m_relays.erase(
+            std::remove_if(m_relays.begin(), m_relays.end(),
+                           [](const std::weak_ptr<Relay>& relay) { return relay.expired(); }),
+            m_relays.end());
     }
     m_requestsChanged.notify_all();
 }
@@ -758,8 +755,7 @@ void klNetService::requestEnded() {
 
 void klNetService::waitForRequests() {
     std::unique_lock<std::mutex> guard(m_requestLock);
-    m_requestsChanged.wait(guard,
-                           [this] { return m_requestThreads == 0 && m_activeRelays == 0; });
+    m_requestsChanged.wait(guard, [this] { return m_requestThreads == 0 && m_activeRelays == 0; });
 }
 
 std::string klNetService::runInProcess() {

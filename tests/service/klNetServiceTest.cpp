@@ -133,8 +133,8 @@ public:
     EchoListener()
         : m_task([listener = m_listener, count = m_count] {
               for (;;) {
-                  auto link = klSocketLink::checkForHPCNetSocket(
-                      klSocketLink(*listener).takeDescriptor());
+                  auto link =
+                      klSocketLink::checkForHPCNetSocket(klSocketLink(*listener).takeDescriptor());
                   ++*count;
                   Buffer buffer;
                   outcome([&] {
@@ -177,8 +177,8 @@ TEST(klNetServiceTest, RelaysOnlyToAllowedTargetsFewAtOnceAndNotWhenIdle) {
         EXPECT_EQ(refusal, outcome([&] { relayTo(service); }));
     }
 
-    ServiceDaemon service({"--relay-to", "127.0.0.1", "--max-relays", "1",
-                           "--relay-idle-timeout", "0.5"});
+    ServiceDaemon service(
+        {"--relay-to", "127.0.0.1", "--max-relays", "1", "--relay-idle-timeout", "0.5"});
     const auto first = relayTo(service);
     EXPECT_EQ("through the relay", echoedThrough(*first));
     EXPECT_EQ("Too many relays (1)", outcome([&] { relayTo(service); }));
@@ -357,7 +357,8 @@ TEST(klNetServiceTest, RunningOutOfDescriptorsIsLoggedOnceAndOutlived) {
             idle.push_back(
                 std::make_unique<klSocketLink>(klSocketAddress("127.0.0.1", service.port()), 10.0));
         }
-        EXPECT_TRUE(waitUntil([&] { return logText().find("Too many open files") != std::string::npos; }));
+        EXPECT_TRUE(
+            waitUntil([&] { return logText().find("Too many open files") != std::string::npos; }));
     }
     EXPECT_EQ("returned", outcome([&] { status(service); })) << logText();
     // One line for each shortage, however often it retried, and one when it ended.
