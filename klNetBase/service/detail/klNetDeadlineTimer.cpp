@@ -40,8 +40,10 @@ void klNetDeadlineTimer::run() {
             m_changed.wait(guard);
             continue;
         }
-        if (Clock::now() < next->second.when) {
-            m_changed.wait_until(guard, next->second.when);
+        // A copy: the entry may be cancelled while this waits.
+        const Clock::time_point when = next->second.when;
+        if (Clock::now() < when) {
+            m_changed.wait_until(guard, when);
             continue;
         }
         Clock::time_point again = kDone;
