@@ -337,6 +337,11 @@ TEST(klNetServiceTest, HostileClientsNeitherKnockItOverNorLeak) {
 // The service's descriptor limit lowered until idle clients use it up: it says so once, keeps
 // the waiting connections queued, and answers again once descriptors are free.
 TEST(klNetServiceTest, RunningOutOfDescriptorsIsLoggedOnceAndOutlived) {
+#ifdef __SANITIZE_ADDRESS__
+    // UndefinedBehaviorSanitizer tests whether memory is readable through a pipe of its own: a
+    // process out of descriptors fails those tests and is reported, and stopped, for them.
+    GTEST_SKIP() << "the sanitizers need descriptors of their own";
+#endif
     const TempDir dir("descriptors");
     const std::string log = dir.path("service.log");
     ServiceDaemon service({"--log-file", log, "--request-timeout", "60"});
