@@ -69,8 +69,9 @@ klMetricsEndpoint::klMetricsEndpoint(klNetService& service, const std::string& a
     : m_service(service) {
     mg_init_library(0);
     // Few threads and short time-outs: a monitoring endpoint, not a web server.
-    const char* options[] = {"listening_ports", address.c_str(), "num_threads", "2",
-                             "request_timeout_ms", "10000", "enable_keep_alive", "no", nullptr};
+    const char* options[] = {
+        "listening_ports", address.c_str(),     "num_threads", "2",    "request_timeout_ms",
+        "10000",           "enable_keep_alive", "no",          nullptr};
     mg_callbacks callbacks{};
     callbacks.log_message = &logMessage;
     std::string failure = "unknown reason";
@@ -112,23 +113,32 @@ std::string klMetricsEndpoint::metricsText(klNetService& service) {
         out << "klnet_refusals_total{reason=\"" << reason << "\"} "
             << (found == metrics.refusals.end() ? 0 : found->second) << '\n';
     }
-    family(out, "klnet_servers_running", "gauge", "Render servers running.");
-    out << "klnet_servers_running " << metrics.serversRunning << '\n';
-    family(out, "klnet_servers_started_total", "counter", "Render servers started.");
-    out << "klnet_servers_started_total " << metrics.serversStarted << '\n';
-    family(out, "klnet_handoffs_total", "counter", "Client connections handed to servers.");
-    out << "klnet_handoffs_total " << metrics.handOffs << '\n';
-    family(out, "klnet_relays_open", "gauge", "Relays open.");
-    out << "klnet_relays_open " << metrics.relaysOpen << '\n';
-    family(out, "klnet_relays_total", "counter", "Relays opened.");
-    out << "klnet_relays_total " << metrics.relaysOpened << '\n';
-    family(out, "klnet_relayed_bytes_total", "counter", "Bytes relayed, both ways.");
-    out << "klnet_relayed_bytes_total " << metrics.bytesRelayed << '\n';
+    const struct {
+        const char* name;
+        const char* type;
+        const char* help;
+        std::uint64_t value;
+    } single[] = {
+        {"klnet_servers_running", "gauge", "Render servers running.",
+         std::uint64_t(metrics.serversRunning)},
+        {"klnet_servers_started_total", "counter", "Render servers started.",
+         std::uint64_t(metrics.serversStarted)},
+        {"klnet_handoffs_total", "counter", "Client connections handed to servers.",
+         std::uint64_t(metrics.handOffs)},
+        {"klnet_relays_open", "gauge", "Relays open.", std::uint64_t(metrics.relaysOpen)},
+        {"klnet_relays_total", "counter", "Relays opened.", metrics.relaysOpened},
+        {"klnet_relayed_bytes_total", "counter", "Bytes relayed, both ways.",
+         std::uint64_t(metrics.bytesRelayed)},
+    };
+    for (const auto& metric : single) {
+        family(out, metric.name, metric.type, metric.help);
+        out << metric.name << ' ' << metric.value << '\n';
+    }
     family(out, "klnet_request_duration_seconds", "histogram",
            "Time from a request's accept to its end.");
     for (std::size_t i = 0; i < Metrics::kLatencyBounds.size(); ++i) {
-        out << "klnet_request_duration_seconds_bucket{le=\"" << Metrics::kLatencyBounds[i]
-            << "\"} " << metrics.latencyBuckets[i] << '\n';
+        out << "klnet_request_duration_seconds_bucket{le=\"" << Metrics::kLatencyBounds[i] << "\"} "
+            << metrics.latencyBuckets[i] << '\n';
     }
     out << "klnet_request_duration_seconds_bucket{le=\"+Inf\"} " << metrics.latencyCount << '\n'
         << "klnet_request_duration_seconds_sum " << metrics.latencySum << '\n'
