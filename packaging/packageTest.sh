@@ -89,13 +89,22 @@ for doc in klnetbase klnetbase-dev; do
         grep -q "^klnetbase (10.0) " || fail "$doc/changelog.Debian.gz does not start at 10.0"
 done
 
-# Manual pages, when the build makes them: one for each program, compressed.
-if grep -q "^usr/share/man/" "$work/runtime.txt"; then
+# Manual pages and completions, when the build installs any (see the prefix installation at the
+# end): a page for each program, compressed, and every completion, all in the runtime package.
+prefix=$work/prefix
+cmake --install "$build" --prefix "$prefix" >"$work/install.log" 2>&1 ||
+    fail "cmake --install: $(tail -n 20 "$work/install.log")"
+if [[ -d $prefix/share/man ]]; then
     for program in KALDClusterService KALDClusterServer klnetctl klClusterRender; do
         grep -qx "usr/share/man/man1/$program\.1\.gz" "$work/runtime.txt" ||
-            fail "no manual page for $program"
+            fail "no manual page for $program in klnetbase"
     done
 fi
+for completion in "$prefix"/share/bash-completion/completions/*; do
+    [[ -e $completion ]] || continue
+    grep -qx "usr/share/bash-completion/completions/${completion##*/}" "$work/runtime.txt" ||
+        fail "klnetbase lacks the completion ${completion##*/}"
+done
 
 # The service: options from the conffile, maintainer scripts that parse.
 control=$work/control
@@ -126,17 +135,15 @@ version=$(LD_LIBRARY_PATH=$root/$lib "$root/usr/bin/KALDClusterService" --versio
     fail "the unpacked KALDClusterService does not run"
 [[ $version == "KALDClusterService 10.0" ]] || fail "--version: $version"
 
-# The codecs' pkg-config file brings the core library along, both from the unpacked tree.
+# The codecs' pkg-config file brings the core library along, after it as the linker needs, both
+# from the unpacked tree.
 flags=$(PKG_CONFIG_PATH=$root/$lib/pkgconfig pkg-config --libs klNetBaseCodecs) ||
     fail "pkg-config does not know klNetBaseCodecs"
 [[ " $flags " == *" -L$root/"*" -lklNetBaseCodecs -lklNetBase "* ]] ||
     fail "pkg-config --libs klNetBaseCodecs: $flags"
 
-# Installed under any other prefix, the programs find the installed library through their
+# Installed under any other prefix (above), the programs find the installed library through their
 # relative run path.
-prefix=$work/prefix
-cmake --install "$build" --prefix "$prefix" >"$work/install.log" 2>&1 ||
-    fail "cmake --install: $(tail -n 20 "$work/install.log")"
 version=$(env -u LD_LIBRARY_PATH "$prefix/bin/KALDClusterService" --version) ||
     fail "the installed KALDClusterService does not run"
 [[ $version == "KALDClusterService 10.0" ]] || fail "installed --version: $version"
