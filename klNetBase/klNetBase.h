@@ -23,6 +23,8 @@
 #include <klNetBase/link/klBoundSocketLink.h>
 #include <klNetBase/link/klNetCipherBase.h>
 #include <klNetBase/link/klNetLink.h>
+#include <klNetBase/link/klNetLinkSeal.h>
+#include <klNetBase/link/klNetLinkSealer.h>
 #include <klNetBase/link/klSocketAddress.h>
 #include <klNetBase/link/klSocketHandle.h>
 #include <klNetBase/link/klSocketLink.h>

@@ -4,3 +4,5 @@ kl_add_test(klNetCompressorsTest SOURCES codecs/klNetCompressorsTest.cpp LABELS 
 target_link_libraries(klNetCompressorsTest PRIVATE klNetBase::codecs)
 kl_add_test(klNetChaChaCipherTest SOURCES codecs/klNetChaChaCipherTest.cpp LABELS threaded)
 target_link_libraries(klNetChaChaCipherTest PRIVATE klNetBase::codecs)
+kl_add_test(klNetFarmSealerTest SOURCES codecs/klNetFarmSealerTest.cpp LABELS threaded)
+target_link_libraries(klNetFarmSealerTest PRIVATE klNetBase::codecs)

@@ -93,7 +93,16 @@ klSocketLink::klSocketLink(const klBoundSocketLink& listener) {
 
 klSocketLink::klSocketLink(klSocketPipe& pipe, double timeoutSeconds) {
     initialize();
-    adoptConnected(pipe.recvSocket(timeoutSeconds));
+    std::string sealState;
+    adoptConnected(pipe.recvSocket(timeoutSeconds, &sealState));
+    if (!sealState.empty()) {
+        try {
+            m_seal = klNetLinkSeal::restore(sealState);
+        } catch (...) {
+            ::close(takeDescriptor());
+            throw;
+        }
+    }
 }
 
 void klSocketLink::adoptConnected(klSocketHandle descriptor) {
@@ -108,10 +117,61 @@ void klSocketLink::adoptConnected(klSocketHandle descriptor) {
     }
 }
 
-void klSocketLink::sendDescriptor(klSocketPipe& pipe, double timeoutSeconds) {
+void klSocketLink::sendDescriptor(klSocketPipe& pipe, double timeoutSeconds,
+                                  std::uint64_t framesReserved) {
     setBlocking(true);
-    pipe.sendSocket(getDescriptor(), timeoutSeconds);
+    pipe.sendSocket(getDescriptor(), timeoutSeconds,
+                    m_seal ? m_seal->exportState(framesReserved) : std::string());
 }
+
+void klSocketLink::setSeal(std::unique_ptr<klNetLinkSeal> seal) {
+    if (seal && (hasCipher() || m_compatibilityMode)) {
+        throw klNetError("A sealed link takes neither a cipher nor the compatibility framing");
+    }
+    m_seal = std::move(seal);
+}
+
+namespace {
+
+// The clear frame of a sealed link: the wire header and the largest payload.
+constexpr std::size_t kMaxClearFrame = klNetBuffer::kHeaderSize + 131602;
+
+}  // namespace
+
+void klSocketLink::sendSealed(const klNetBuffer& buffer) {
+    const std::size_t clearSize = buffer.getBufferSize();
+    const std::uint32_t sealedSize = std::uint32_t(clearSize + m_seal->overhead());
+    m_sealedOut.resize(sizeof(sealedSize) + sealedSize);
+    std::memcpy(m_sealedOut.data(), &sealedSize, sizeof(sealedSize));
+    m_seal->seal(buffer.getBuffer(), clearSize,
+                 m_sealedOut.data(), sizeof(sealedSize), m_sealedOut.data() + sizeof(sealedSize));
+    send(m_sealedOut.data(), m_sealedOut.size());
+}
+
+void klSocketLink::recvSealed(klNetBuffer& buffer) {
+    std::uint32_t sealedSize = 0;
+    recv(&sealedSize, sizeof(sealedSize));
+    const std::size_t overhead = m_seal->overhead();
+    if (sealedSize < klNetBuffer::kHeaderSize + overhead ||
+        sealedSize > kMaxClearFrame + overhead) {
+        shutdown();
+        throw klNetError(std::ostringstream() << "Received sealed frame of invalid size "
+                                              << sealedSize << ". Possibly stream is out of sync.");
+    }
+    m_sealedIn.resize(sealedSize);
+    recv(m_sealedIn.data(), sealedSize);
+    const std::size_t clearSize = sealedSize - overhead;
+    // Opened straight into the pool buffer; a frame that does not open is never delivered.
+    if (!m_seal->open(m_sealedIn.data(), sealedSize,
+                      reinterpret_cast<const unsigned char*>(&sealedSize), sizeof(sealedSize),
+                      buffer.getBuffer()) ||
+        buffer.getBufferSize() != clearSize) {
+        shutdown();
+        throw klNetError(
+            "Sealed frame failed authentication: the connection was changed on its way");
+    }
+}
+
 
 klSocketLink::~klSocketLink() {
     const klSocketHandle fd = m_descriptor.exchange(klInvalidSocket);
@@ -153,6 +213,10 @@ void klSocketLink::checkAlive() {
 }
 
 void klSocketLink::send(const std::shared_ptr<klNetBuffer>& buffer) {
+    if (m_seal) {
+        sendSealed(*buffer);
+        return;
+    }
     const std::shared_ptr<klNetBuffer> wire = encryptBuffer(buffer);
     if (!m_compatibilityMode) {
         send(wire->getBuffer(), wire->getBufferSize());
@@ -178,13 +242,17 @@ void klSocketLink::recvHeader(klNetBuffer& buffer) {
 
 void klSocketLink::recv(std::shared_ptr<klNetBuffer>& buffer) {
     buffer = klNetBufferPool::pop();
+    if (m_seal) {
+        recvSealed(*buffer);
+        return;
+    }
     recvHeader(*buffer);
     recv(buffer->getData(), buffer->getDataSize());
     decryptBuffer(buffer);
 }
 
 void klSocketLink::sendFrom(const klNetHeader& header, const void* payload) {
-    if (hasCipher() || m_compatibilityMode) {
+    if (hasCipher() || m_compatibilityMode || m_seal) {
         klNetLink::sendFrom(header, payload);
         return;
     }
@@ -195,7 +263,7 @@ void klSocketLink::sendFrom(const klNetHeader& header, const void* payload) {
 
 bool klSocketLink::recvInto(void* target, std::size_t room, klNetMessageType type,
                             klNetHeader& header, std::shared_ptr<klNetBuffer>& buffer) {
-    if (hasCipher()) {  // the type is ciphered: it is known only once the whole buffer is here
+    if (hasCipher() || m_seal) {  // the type is known only once the whole buffer is here
         recv(buffer);
         return false;
     }

@@ -9,6 +9,10 @@
 // the 20-byte header (the accepting side then switches to compatibility mode and echoes the value).
 // A received payload size above 131602 means the stream is out of sync and is refused.
 //
+// A sealed link (setSeal) frames each buffer as [length | sealed header and payload | tag] instead
+// (klNetLinkSeal): a frame that does not open ends the link with "Sealed frame failed
+// authentication", and nothing of it is delivered. Peers that seal greet with 101010103.
+//
 // Failures: a peer that goes away is klConnectionClosed; a receive that runs into the time-out set
 // by setRecvTimeout() is klConnectionTimeout and leaves the link usable; any other receive failure
 // shuts the link down. Nothing raises SIGPIPE.
@@ -21,6 +25,7 @@
 
 #include <klNetBase/klNetBaseExport.h>
 #include <klNetBase/link/klNetLink.h>
+#include <klNetBase/link/klNetLinkSeal.h>
 #include <klNetBase/link/klSocketAddress.h>
 #include <klNetBase/link/klSocketHandle.h>
 
@@ -29,6 +34,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 class klBoundSocketLink;
 class klNetInterfaceOptions;
@@ -39,6 +45,7 @@ class KLNETBASE_EXPORT klSocketLink : public klNetLink {
 public:
     static constexpr std::uint32_t kCompatibilityGreeting = 101010101;
     static constexpr std::uint32_t kGreeting = 101010102;
+    static constexpr std::uint32_t kSealedGreeting = 101010103;
 
     // Connects with Nagle off and a 1-second linger. Failure throws
     // "Unable to connect to '<address>' port:<port>. " + the cause, e.g. the system's refusal text
@@ -49,7 +56,8 @@ public:
     // Waits for and takes the next connection of the listener; Nagle off, 1-second linger.
     explicit klSocketLink(const klBoundSocketLink& listener);
     // Server side of a hand-off: the next socket the service passes through the pipe
-    // (klSocketPipe::recvSocket and its failures); Nagle off, 1-second linger.
+    // (klSocketPipe::recvSocket and its failures); Nagle off, 1-second linger. A sealed
+    // connection arrives with its seal's state and goes on sealed (klNetLinkSeal::restore).
     klSocketLink(klSocketPipe& pipe, double timeoutSeconds);
     ~klSocketLink() override;
 
@@ -100,8 +108,17 @@ public:
     // Hands the descriptor over: the link is closed for its user but leaves the socket open.
     klSocketHandle takeDescriptor();
     // Service side of a hand-off: makes the socket blocking and passes it to the server through
-    // the pipe (klSocketPipe::sendSocket and its failures). The link keeps its descriptor.
-    void sendDescriptor(klSocketPipe& pipe, double timeoutSeconds);
+    // the pipe (klSocketPipe::sendSocket and its failures). The link keeps its descriptor. A
+    // sealed link passes its seal's state along, with framesReserved frames kept for the answer
+    // this end still sends.
+    void sendDescriptor(klSocketPipe& pipe, double timeoutSeconds,
+                        std::uint64_t framesReserved = 1);
+
+    // From the next buffer on, every frame in both directions is sealed (both ends must set
+    // their seals at the same point of the stream, as a handshake does). Not with a cipher or the
+    // compatibility framing. Before traffic, on the owning thread.
+    void setSeal(std::unique_ptr<klNetLinkSeal> seal);
+    bool isSealed() const { return m_seal != nullptr; }
     bool getCompatibilityMode() const { return m_compatibilityMode; }
     void setCompatibilityMode(bool on) { m_compatibilityMode = on; }
 
@@ -135,12 +152,18 @@ private:
     void sendParts(struct iovec* parts, int count);
     // Reads the header of the next buffer and checks its size.
     void recvHeader(klNetBuffer& buffer);
+    void sendSealed(const klNetBuffer& buffer);
+    void recvSealed(klNetBuffer& buffer);
     void connectTo(const klSocketAddress& address, double timeoutSeconds);
     // Takes a connected socket with the settings of every connection; on failure closes it.
     void adoptConnected(klSocketHandle descriptor);
     [[noreturn]] void throwRecvFailure(bool peerClosed);
 
     std::atomic<klSocketHandle> m_descriptor{klInvalidSocket};
+    std::unique_ptr<klNetLinkSeal> m_seal;
+    // The sending and the receiving thread's frames of a sealed link.
+    std::vector<unsigned char> m_sealedOut;
+    std::vector<unsigned char> m_sealedIn;
     // Shut but not yet closed; guarded by s_closeMutex until destruction.
     klSocketHandle m_shutDescriptor = klInvalidSocket;
     bool m_compatibilityMode = false;

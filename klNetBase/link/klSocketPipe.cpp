@@ -254,7 +254,11 @@ void klSocketPipe::acceptServer(double timeoutSeconds) {
     m_connected = true;
 }
 
-void klSocketPipe::sendSocket(klSocketHandle socket, double timeoutSeconds) {
+void klSocketPipe::sendSocket(klSocketHandle socket, double timeoutSeconds,
+                              const std::string& sealState) {
+    if (sealState.size() > kMaxSealState) {
+        throw klNetError("Unable to pass socket to server");
+    }
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_descriptor == klInvalidSocket) {
         throw klConnectionClosed();
@@ -267,11 +271,12 @@ void klSocketPipe::sendSocket(klSocketHandle socket, double timeoutSeconds) {
     }
 
     const std::uint64_t value = std::uint64_t(socket);
-    iovec data{const_cast<std::uint64_t*>(&value), sizeof(value)};
+    iovec data[2] = {{const_cast<std::uint64_t*>(&value), sizeof(value)},
+                     {const_cast<char*>(sealState.data()), sealState.size()}};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
     msghdr message{};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
+    message.msg_iov = data;
+    message.msg_iovlen = sealState.empty() ? 1 : 2;
     message.msg_control = control;
     message.msg_controllen = sizeof(control);
     cmsghdr* rights = CMSG_FIRSTHDR(&message);
@@ -283,7 +288,7 @@ void klSocketPipe::sendSocket(klSocketHandle socket, double timeoutSeconds) {
     do {
         sent = ::sendmsg(m_connection, &message, MSG_NOSIGNAL);
     } while (sent < 0 && errno == EINTR);
-    if (sent != ssize_t(sizeof(value))) {
+    if (sent != ssize_t(sizeof(value) + sealState.size())) {
         throw klNetError("Unable to pass socket to server");
     }
 
@@ -295,7 +300,7 @@ void klSocketPipe::sendSocket(klSocketHandle socket, double timeoutSeconds) {
     }
 }
 
-klSocketHandle klSocketPipe::recvSocket(double timeoutSeconds) {
+klSocketHandle klSocketPipe::recvSocket(double timeoutSeconds, std::string* sealState) {
     if (m_descriptor == klInvalidSocket) {
         throw klConnectionClosed();
     }
@@ -316,11 +321,12 @@ klSocketHandle klSocketPipe::recvSocket(double timeoutSeconds) {
     m_readPending = false;
 
     std::uint64_t value = 0;
-    iovec data{&value, sizeof(value)};
+    char state[kMaxSealState];
+    iovec data[2] = {{&value, sizeof(value)}, {state, sizeof(state)}};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 4)] = {};
     msghdr message{};
-    message.msg_iov = &data;
-    message.msg_iovlen = 1;
+    message.msg_iov = data;
+    message.msg_iovlen = 2;
     message.msg_control = control;
     message.msg_controllen = sizeof(control);
     ssize_t received;
@@ -356,8 +362,9 @@ klSocketHandle klSocketPipe::recvSocket(double timeoutSeconds) {
         }
         throw klConnectionClosed();
     }
-    if (received != ssize_t(sizeof(value)) || (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) ||
-        socket == klInvalidSocket || extra) {
+    const bool sealed = received > ssize_t(sizeof(value));
+    if (received < ssize_t(sizeof(value)) || (sealed && sealState == nullptr) ||
+        (message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) || socket == klInvalidSocket || extra) {
         if (socket != klInvalidSocket) {
             ::close(socket);
         }
@@ -366,6 +373,9 @@ klSocketHandle klSocketPipe::recvSocket(double timeoutSeconds) {
     if (!sendPacket(m_descriptor, &value, sizeof(value))) {
         ::close(socket);
         throw klNetError("Unable acknowledge received socket");
+    }
+    if (sealState != nullptr) {
+        sealState->assign(state, sealed ? std::size_t(received) - sizeof(value) : 0);
     }
     return socket;
 }

@@ -51,14 +51,19 @@ public:
     // shutdown(), "Unable to connect pipe" (also for a peer of another user id, which is
     // dropped so that a later call may accept the right one), "Unable to read process id",
     // "Unable to duplicate socket: " + text, "Unable to pass socket to server",
-    // "Error on socket transfer to server".
-    void sendSocket(klSocketHandle socket, double timeoutSeconds);
+    // "Error on socket transfer to server". A sealed connection's seal state (at most
+    // kMaxSealState bytes) travels in the same message, after the descriptor number.
+    void sendSocket(klSocketHandle socket, double timeoutSeconds,
+                    const std::string& sealState = std::string());
     // Server side: waits (at most timeoutSeconds; 0 or less without limit) for the next socket
     // and returns it, close-on-exec, owned by the caller. A call that times out leaves its read
     // pending for the next call. The service closing its end, or shutdown(), is
     // klConnectionClosed. Failures: "Unable to send process id", "Error waiting for new socket",
-    // "Unable acknowledge received socket".
-    klSocketHandle recvSocket(double timeoutSeconds);
+    // "Unable acknowledge received socket". sealState, when given, receives the seal state that
+    // came with the socket (empty for a plain connection); without it a sealed one is refused.
+    klSocketHandle recvSocket(double timeoutSeconds, std::string* sealState = nullptr);
+
+    static constexpr std::size_t kMaxSealState = 256;
     // Wakes a waiting call, which throws klConnectionClosed, and ends the pipe for both sides:
     // the service side closes its descriptors at once, the server side at destruction.
     void shutdown();

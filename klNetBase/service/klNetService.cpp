@@ -6,6 +6,7 @@
 #include <klNetBase/core/klNetError.h>
 #include <klNetBase/core/klNetOptions.h>
 #include <klNetBase/link/klBoundSocketLink.h>
+#include <klNetBase/link/klNetLinkSealer.h>
 #include <klNetBase/link/klSocketAddress.h>
 #include <klNetBase/link/klSocketLink.h>
 #include <klNetBase/runtime/klNetMem.h>
@@ -332,10 +333,11 @@ void klNetService::serveRequest(Request& request, bool greet) {
         // The deadline bounds the request as a whole; the receive time-out is a second line for
         // each read.
         request.link->setRecvTimeout(m_requestTimeout);
-        if (greet) {
-            std::uint32_t greeting = 0;
-            request.link->recv(&greeting, sizeof(greeting));
-            request.link->send(&greeting, sizeof(greeting));
+        if (greet && !greetClient(request)) {
+            m_timer->cancel(request.deadline);
+            request.link.reset();
+            requestEnded();
+            return;
         }
         klNetStream stream(request.link);
         try {
@@ -377,6 +379,31 @@ void klNetService::serveRequest(Request& request, bool greet) {
     std::fflush(stderr);
     std::fflush(stdout);
     requestEnded();
+}
+
+bool klNetService::greetClient(Request& request) {
+    std::uint32_t greeting = 0;
+    request.link->recv(&greeting, sizeof(greeting));
+    if (!m_sealer) {
+        request.link->send(&greeting, sizeof(greeting));
+        return true;
+    }
+    // A keyed service talks to sealed clients only, and says nothing to the others.
+    if (greeting != klSocketLink::kSealedGreeting) {
+        klLog::warning("Refused connection from %s: not sealed\n", request.peer.c_str());
+        countRefusal("unsealed");
+        return false;
+    }
+    try {
+        m_sealer->accept(*request.link);
+    } catch (const std::exception& e) {
+        if (!request.timedOut) {
+            klLog::warning("Refused connection from %s: %s\n", request.peer.c_str(), e.what());
+            countRefusal("key");
+        }
+        return false;
+    }
+    return true;
 }
 
 void klNetService::dispatch(klNetStream& stream, Request& request, std::uint32_t command) {
@@ -525,7 +552,11 @@ void klNetService::connectService(klNetStream& stream, Request& request) {
     try {
         relay->client = stream.getFirstLink();
         auto target = std::make_shared<klSocketLink>(address, kRelayConnectTimeout);
-        target->signalHPCNetSocket();
+        if (m_sealer) {
+            m_sealer->connect(*target, kRelayConnectTimeout);
+        } else {
+            target->signalHPCNetSocket();
+        }
         relay->target = std::move(target);
         endRequestTime(request);
         {

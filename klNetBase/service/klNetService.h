@@ -56,6 +56,7 @@
 class klBoundSocketLink;
 class klNetDeadlineTimer;
 class klNetLink;
+class klNetLinkSealer;
 class klNetServerProcess;
 class klNetStream;
 class klSocketLink;
@@ -104,6 +105,12 @@ public:
     // the options, 10 s); the connection of a request that takes longer is closed. The wait for
     // a started server to take over the connection is not part of it.
     void setRequestTimeout(double seconds) { m_requestTimeout = seconds; }
+    // With a sealer, the service serves sealed clients only: a client's greeting must be the
+    // sealed one and its handshake must prove the key, or its connection is closed at once and
+    // logged; relays to other services are sealed as well. A connection handed to a render
+    // server carries its seal's state along, so client and server go on sealed. Without one
+    // (the default) the service greets and serves every client in the clear.
+    void setLinkSealer(std::shared_ptr<klNetLinkSealer> sealer) { m_sealer = std::move(sealer); }
     // Hosts that relay requests may connect to. Empty (the default) refuses every relay.
     void setRelayTargets(const klNetPeerFilter& targets) { m_relayTargets = targets; }
     // Most relays open at once (default 16); one beyond it is answered "Too many relays (<n>)".
@@ -149,8 +156,8 @@ public:
     struct Metrics {
         // By command code (0: an unknown code) and outcome.
         std::array<std::array<std::uint64_t, kOutcomes>, 8> requests{};
-        // By reason: "peer", "version", "server-limit", "relay-disabled", "relay-target",
-        // "relay-limit".
+        // By reason: "peer", "unsealed", "key", "version", "server-limit", "relay-disabled",
+        // "relay-target", "relay-limit".
         std::map<std::string, std::uint64_t> refusals;
         int serversRunning = 0;
         std::uint64_t serversStarted = 0;
@@ -187,6 +194,9 @@ private:
     // Ends the request's time limit once its last byte is read, before its connection is handed
     // to a server or relayed; throws klConnectionClosed if the limit has passed already.
     void endRequestTime(Request& request);
+    // Reads the client's greeting and answers it (plainly, or through the sealer's handshake);
+    // false when the connection is refused, which has then been logged.
+    bool greetClient(Request& request);
     void startServer(klNetStream& stream, Request& request);
     void connectServer(klNetStream& stream, Request& request);
     void stopServer(klNetStream& stream, Request& request);
@@ -223,6 +233,7 @@ private:
     int m_maxRequests = 64;
     double m_requestTimeout;
     klNetPeerFilter m_relayTargets;
+    std::shared_ptr<klNetLinkSealer> m_sealer;
     int m_maxRelays = 16;
     double m_relayIdleTimeout = 300.0;
     std::function<void(int)> m_listeningHandler;

@@ -5,5 +5,7 @@
 #include <klNetBase/codecs/klNetBlockCompressor.h>
 #include <klNetBase/codecs/klNetChaChaCipher.h>
 #include <klNetBase/codecs/klNetCodecsExport.h>
+#include <klNetBase/codecs/klNetFarmKey.h>
+#include <klNetBase/codecs/klNetFarmSealer.h>
 #include <klNetBase/codecs/klNetLz4Compressor.h>
 #include <klNetBase/codecs/klNetZstdCompressor.h>

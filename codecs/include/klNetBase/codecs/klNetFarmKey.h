@@ -1,0 +1,38 @@
+// klNetFarmKey: the secret a render farm's services and clients share: 32 random bytes in a
+// file that only its owner may read.
+//
+// Made once with generate() (klnetctl keygen), copied to every node and client, and loaded by
+// every program that talks to the farm. The bytes are wiped when the key goes.
+//
+// Thread safety: a loaded key is read-only and may be shared by any number of threads.
+#pragma once
+
+#include <klNetBase/codecs/klNetCodecsExport.h>
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+class KLNETCODECS_EXPORT klNetFarmKey {
+public:
+    static constexpr std::size_t kSize = 32;
+
+    // Writes a new key of random bytes to path, created with mode 0600. An existing file is
+    // never overwritten: "Key file '<path>' exists already". Other failures name the file and
+    // the system's text.
+    static void generate(const std::string& path);
+    // Reads the key at path. A file that group or others may read is refused, as ssh refuses a
+    // private key: "Key file '<path>' is readable by group or others (mode 0644): chmod 600 it";
+    // one of another size: "Key file '<path>' does not hold a key of 32 bytes".
+    static klNetFarmKey load(const std::string& path);
+    // A key from its bytes (tests, and keys kept elsewhere).
+    explicit klNetFarmKey(const std::array<std::uint8_t, kSize>& bytes) : m_bytes(bytes) {}
+    ~klNetFarmKey();
+    klNetFarmKey(const klNetFarmKey&) = default;
+    klNetFarmKey& operator=(const klNetFarmKey&) = default;
+
+    const std::uint8_t* data() const { return m_bytes.data(); }
+
+private:
+    std::array<std::uint8_t, kSize> m_bytes;
+};

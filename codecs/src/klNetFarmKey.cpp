@@ -1,0 +1,82 @@
+#include <klNetBase/codecs/klNetFarmKey.h>
+
+#include <klNetBase/core/klNetError.h>
+
+#include <sodium.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+namespace {
+
+[[noreturn]] void fail(const std::string& path, const std::string& what) {
+    throw klNetError("Key file '" + path + "' " + what);
+}
+
+// Closes the descriptor it was given.
+struct FileCloser {
+    int fd;
+    ~FileCloser() { ::close(fd); }
+};
+
+}  // namespace
+
+void klNetFarmKey::generate(const std::string& path) {
+    if (sodium_init() < 0) {
+        throw klNetError("Unable to initialise libsodium");
+    }
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0) {
+        fail(path, errno == EEXIST ? "exists already"
+                                   : "cannot be created: " + klNetError::getLastErrorString());
+    }
+    const FileCloser closer{fd};
+    std::array<std::uint8_t, kSize> bytes;
+    randombytes_buf(bytes.data(), bytes.size());
+    const bool written =
+        ::write(fd, bytes.data(), bytes.size()) == ssize_t(bytes.size()) && ::fsync(fd) == 0;
+    sodium_memzero(bytes.data(), bytes.size());
+    if (!written) {
+        const std::string text = klNetError::getLastErrorString();
+        ::unlink(path.c_str());
+        fail(path, "cannot be written: " + text);
+    }
+}
+
+klNetFarmKey klNetFarmKey::load(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        fail(path, "cannot be read: " + klNetError::getLastErrorString());
+    }
+    const FileCloser closer{fd};
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) {
+        fail(path, "cannot be read: " + klNetError::getLastErrorString());
+    }
+    if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+        char mode[8];
+        std::snprintf(mode, sizeof(mode), "%04o", unsigned(status.st_mode & 07777));
+        fail(path, std::string("is readable by group or others (mode ") + mode + "): chmod 600 it");
+    }
+    std::array<std::uint8_t, kSize + 1> bytes{};
+    const ssize_t n = S_ISREG(status.st_mode) ? ::read(fd, bytes.data(), bytes.size()) : -1;
+    if (n != ssize_t(kSize)) {
+        sodium_memzero(bytes.data(), bytes.size());
+        fail(path, "does not hold a key of 32 bytes");
+    }
+    std::array<std::uint8_t, kSize> key;
+    std::copy_n(bytes.begin(), kSize, key.begin());
+    sodium_memzero(bytes.data(), bytes.size());
+    klNetFarmKey result(key);
+    sodium_memzero(key.data(), key.size());
+    return result;
+}
+
+klNetFarmKey::~klNetFarmKey() {
+    sodium_memzero(m_bytes.data(), m_bytes.size());
+}

@@ -1,0 +1,247 @@
+#include <klNetBase/codecs/klNetFarmSealer.h>
+
+#include <klNetBase/core/klConnectionClosed.h>
+#include <klNetBase/core/klConnectionTimeout.h>
+#include <klNetBase/core/klNetError.h>
+#include <klNetBase/link/klNetLinkSeal.h>
+#include <klNetBase/link/klSocketAddress.h>
+#include <klNetBase/link/klSocketLink.h>
+
+#include <sodium.h>
+
+#include <cstring>
+#include <sstream>
+
+namespace {
+
+constexpr char kMagic[8] = {'K', 'L', 'S', 'E', 'A', 'L', '0', '1'};
+constexpr std::size_t kRandomSize = 32;
+constexpr std::size_t kMacSize = 32;
+constexpr std::size_t kKeySize = 32;
+constexpr std::uint8_t kHasAes = 1;
+constexpr std::uint8_t kStateVersion = 1;
+
+void initialiseSodium() {
+    if (sodium_init() < 0) {
+        throw klNetError("Unable to initialise libsodium");
+    }
+}
+
+std::uint8_t ownFlags() {
+    return crypto_aead_aes256gcm_is_available() ? kHasAes : 0;
+}
+
+// What both proofs and both keys are derived from: the two randoms and the two flags.
+struct Transcript {
+    unsigned char serverRandom[kRandomSize];
+    unsigned char clientRandom[kRandomSize];
+    std::uint8_t serverFlags = 0;
+    std::uint8_t clientFlags = 0;
+
+    // Keyed BLAKE2b-256 of label | transcript.
+    void derive(const klNetFarmKey& key, const char* label, unsigned char* out) const {
+        crypto_generichash_state state;
+        crypto_generichash_init(&state, key.data(), klNetFarmKey::kSize, kMacSize);
+        crypto_generichash_update(&state, reinterpret_cast<const unsigned char*>(label),
+                                  std::strlen(label));
+        crypto_generichash_update(&state, serverRandom, kRandomSize);
+        crypto_generichash_update(&state, clientRandom, kRandomSize);
+        crypto_generichash_update(&state, &serverFlags, 1);
+        crypto_generichash_update(&state, &clientFlags, 1);
+        crypto_generichash_final(&state, out, kMacSize);
+        sodium_memzero(&state, sizeof(state));
+    }
+    bool aes() const { return (serverFlags & clientFlags & kHasAes) != 0; }
+};
+
+// The keys and frame numbers of one connection: AES-256-GCM or ChaCha20-Poly1305 (IETF), a
+// direction's nonce its frame number, little-endian, in 12 bytes.
+class SodiumSeal final : public klNetLinkSeal {
+public:
+    SodiumSeal(bool aes, const unsigned char* sendKey, const unsigned char* recvKey,
+               std::uint64_t sendNumber, std::uint64_t recvNumber)
+        : m_aes(aes), m_sendNumber(sendNumber), m_recvNumber(recvNumber) {
+        std::memcpy(m_sendKey, sendKey, kKeySize);
+        std::memcpy(m_recvKey, recvKey, kKeySize);
+        if (m_aes) {
+            crypto_aead_aes256gcm_beforenm(&m_sendState, m_sendKey);
+            crypto_aead_aes256gcm_beforenm(&m_recvState, m_recvKey);
+        }
+    }
+    ~SodiumSeal() override {
+        sodium_memzero(m_sendKey, sizeof(m_sendKey));
+        sodium_memzero(m_recvKey, sizeof(m_recvKey));
+        sodium_memzero(&m_sendState, sizeof(m_sendState));
+        sodium_memzero(&m_recvState, sizeof(m_recvState));
+    }
+
+    std::size_t overhead() const override { return crypto_aead_aes256gcm_ABYTES; }
+
+    void seal(const unsigned char* clear, std::size_t clearSize, const unsigned char* extra,
+              std::size_t extraSize, unsigned char* out) override {
+        unsigned char nonce[crypto_aead_aes256gcm_NPUBBYTES];
+        nonceOf(m_sendNumber++, nonce);
+        unsigned long long sealedSize = 0;
+        if (m_aes) {
+            crypto_aead_aes256gcm_encrypt_afternm(out, &sealedSize, clear, clearSize, extra,
+                                                  extraSize, nullptr, nonce, &m_sendState);
+        } else {
+            crypto_aead_chacha20poly1305_ietf_encrypt(out, &sealedSize, clear, clearSize, extra,
+                                                      extraSize, nullptr, nonce, m_sendKey);
+        }
+    }
+
+    bool open(const unsigned char* sealed, std::size_t sealedSize, const unsigned char* extra,
+              std::size_t extraSize, unsigned char* out) override {
+        unsigned char nonce[crypto_aead_aes256gcm_NPUBBYTES];
+        nonceOf(m_recvNumber++, nonce);
+        unsigned long long clearSize = 0;
+        return (m_aes ? crypto_aead_aes256gcm_decrypt_afternm(out, &clearSize, nullptr, sealed,
+                                                              sealedSize, extra, extraSize, nonce,
+                                                              &m_recvState)
+                      : crypto_aead_chacha20poly1305_ietf_decrypt(out, &clearSize, nullptr, sealed,
+                                                                  sealedSize, extra, extraSize,
+                                                                  nonce, m_recvKey)) == 0;
+    }
+
+    //   version (1) | AES (1) | send key (32) | receive key (32) | send number (8) | receive
+    //   number (8)
+    std::string exportState(std::uint64_t framesReserved) const override {
+        std::string state(1 + 1 + 2 * kKeySize + 2 * 8, '\0');
+        char* out = state.data();
+        *out++ = char(kStateVersion);
+        *out++ = char(m_aes ? 1 : 0);
+        std::memcpy(out, m_sendKey, kKeySize);
+        std::memcpy(out + kKeySize, m_recvKey, kKeySize);
+        const std::uint64_t numbers[2] = {m_sendNumber + framesReserved, m_recvNumber};
+        std::memcpy(out + 2 * kKeySize, numbers, sizeof(numbers));
+        return state;
+    }
+
+    static std::unique_ptr<klNetLinkSeal> restore(const std::string& state) {
+        if (state.size() != 2 + 2 * kKeySize + 16 || state[0] != char(kStateVersion) ||
+            (state[1] != 0 && state[1] != 1)) {
+            throw klNetError("Invalid seal state handed over");
+        }
+        const auto* bytes = reinterpret_cast<const unsigned char*>(state.data()) + 2;
+        std::uint64_t numbers[2];
+        std::memcpy(numbers, bytes + 2 * kKeySize, sizeof(numbers));
+        const bool aes = state[1] == 1;
+        if (aes && !crypto_aead_aes256gcm_is_available()) {
+            throw klNetError("Sealed connection handed over with AES, which this processor lacks");
+        }
+        return std::make_unique<SodiumSeal>(aes, bytes, bytes + kKeySize, numbers[0], numbers[1]);
+    }
+
+private:
+    static void nonceOf(std::uint64_t number, unsigned char* nonce) {
+        std::memset(nonce, 0, crypto_aead_aes256gcm_NPUBBYTES);
+        std::memcpy(nonce, &number, sizeof(number));
+    }
+
+    const bool m_aes;
+    unsigned char m_sendKey[kKeySize];
+    unsigned char m_recvKey[kKeySize];
+    // Touched only by the sending thread, and by the receiving thread.
+    std::uint64_t m_sendNumber;
+    std::uint64_t m_recvNumber;
+    crypto_aead_aes256gcm_state m_sendState{};
+    crypto_aead_aes256gcm_state m_recvState{};
+};
+
+// Seals the link with the keys of both directions, derived from the transcript.
+void sealWith(klSocketLink& link, const klNetFarmKey& key, const Transcript& transcript,
+              bool accepting) {
+    unsigned char c2s[kKeySize], s2c[kKeySize];
+    transcript.derive(key, "klnet seal c2s", c2s);
+    transcript.derive(key, "klnet seal s2c", s2c);
+    link.setSeal(std::make_unique<SodiumSeal>(transcript.aes(), accepting ? s2c : c2s,
+                                              accepting ? c2s : s2c, 0, 0));
+    sodium_memzero(c2s, sizeof(c2s));
+    sodium_memzero(s2c, sizeof(s2c));
+}
+
+}  // namespace
+
+klNetFarmSealer::klNetFarmSealer(const klNetFarmKey& key) : m_key(key) {
+    initialiseSodium();
+}
+
+void klNetFarmSealer::accept(klSocketLink& link) {
+    Transcript transcript;
+    randombytes_buf(transcript.serverRandom, kRandomSize);
+    transcript.serverFlags = ownFlags();
+    unsigned char hello[4 + sizeof(kMagic) + kRandomSize + 1];
+    const std::uint32_t greeting = klSocketLink::kSealedGreeting;
+    std::memcpy(hello, &greeting, 4);
+    std::memcpy(hello + 4, kMagic, sizeof(kMagic));
+    std::memcpy(hello + 4 + sizeof(kMagic), transcript.serverRandom, kRandomSize);
+    hello[sizeof(hello) - 1] = transcript.serverFlags;
+    link.send(hello, sizeof(hello));
+
+    unsigned char answer[kRandomSize + 1 + kMacSize];
+    link.recv(answer, sizeof(answer));
+    std::memcpy(transcript.clientRandom, answer, kRandomSize);
+    transcript.clientFlags = answer[kRandomSize];
+    unsigned char expected[kMacSize];
+    transcript.derive(m_key, "klnet seal client", expected);
+    if (sodium_memcmp(expected, answer + kRandomSize + 1, kMacSize) != 0) {
+        // Closed at once: the peer learns nothing but that its key was not the farm's.
+        link.shutdown();
+        throw klNetError("Peer does not hold the farm key");
+    }
+    unsigned char proof[kMacSize];
+    transcript.derive(m_key, "klnet seal server", proof);
+    link.send(proof, sizeof(proof));
+    sealWith(link, m_key, transcript, true);
+}
+
+void klNetFarmSealer::connect(klSocketLink& link, double timeoutSeconds) {
+    link.setRecvTimeout(timeoutSeconds);
+    const std::uint32_t greeting = klSocketLink::kSealedGreeting;
+    link.send(&greeting, sizeof(greeting));
+    unsigned char hello[4 + sizeof(kMagic) + kRandomSize + 1];
+    try {
+        link.recv(hello, sizeof(hello));
+    } catch (const klConnectionTimeout&) {
+        throw klNetError("The service has no farm key: it answered the sealed greeting unsealed");
+    }
+    if (std::memcmp(hello, &greeting, 4) != 0 || std::memcmp(hello + 4, kMagic, sizeof(kMagic))) {
+        throw klNetError("Unexpected respnse from server");
+    }
+    Transcript transcript;
+    std::memcpy(transcript.serverRandom, hello + 4 + sizeof(kMagic), kRandomSize);
+    transcript.serverFlags = hello[sizeof(hello) - 1];
+    randombytes_buf(transcript.clientRandom, kRandomSize);
+    transcript.clientFlags = ownFlags();
+    unsigned char answer[kRandomSize + 1 + kMacSize];
+    std::memcpy(answer, transcript.clientRandom, kRandomSize);
+    answer[kRandomSize] = transcript.clientFlags;
+    transcript.derive(m_key, "klnet seal client", answer + kRandomSize + 1);
+    link.send(answer, sizeof(answer));
+
+    unsigned char proof[kMacSize], expected[kMacSize];
+    try {
+        link.recv(proof, sizeof(proof));
+    } catch (const klConnectionClosed&) {
+        throw klNetError("The service refused the farm key: it holds another key");
+    }
+    transcript.derive(m_key, "klnet seal server", expected);
+    if (sodium_memcmp(expected, proof, kMacSize) != 0) {
+        throw klNetError("The service proved another farm key");
+    }
+    link.setRecvTimeout(0.0);
+    sealWith(link, m_key, transcript, false);
+}
+
+std::shared_ptr<klSocketLink> klNetFarmSealer::connect(const klSocketAddress& address,
+                                                       double timeoutSeconds) {
+    auto link = std::make_shared<klSocketLink>(address, timeoutSeconds);
+    connect(*link, timeoutSeconds);
+    return link;
+}
+
+void klNetFarmSealer::enableHandOff() {
+    initialiseSodium();
+    klNetLinkSeal::setRestorer(&SodiumSeal::restore);
+}

@@ -1,0 +1,3 @@
+#include <klNetBase/link/klNetLinkSealer.h>
+
+klNetLinkSealer::~klNetLinkSealer() = default;
