@@ -25,6 +25,10 @@ std::string wrapped(const std::string& text, std::size_t width) {
     std::string line;
     for (bool first = true; std::getline(lines, line); first = false) {
         out += first ? "" : "\n";
+        if (!line.empty() && line[0] == ' ') {
+            out += line;  // laid out by hand
+            continue;
+        }
         std::istringstream words(line);
         std::string word;
         std::size_t length = 0;
@@ -62,10 +66,12 @@ public:
         out << make_usage(app, name) << '\n' << make_description(app);
         out << make_positionals(app) << make_groups(app, mode) << make_subcommands(app, mode);
         const std::string footer = make_footer(app);
+        std::string text = out.str();
         if (!footer.empty()) {
-            out << '\n' << footer;
+            text += (text.size() > 1 && text.compare(text.size() - 2, 2, "\n\n") == 0 ? "" : "\n") +
+                    footer;
         }
-        return out.str();
+        return text;
     }
     std::string make_description(const CLI::App* app) const override {
         const std::string text = wrapped(app->get_description(), kLineWidth);
@@ -236,7 +242,12 @@ std::string klCommandLine::describe(const CLI::ParseError& error) {
 }
 
 std::string klCommandLine::leftOver() const {
-    const std::vector<std::string> left = m_app.remaining(true);
+    std::vector<std::string> left = m_app.remaining(true);
+    // The "--" that ends the options is listed too; a "--" after it is an argument.
+    const auto mark = std::find(left.begin(), left.end(), "--");
+    if (mark != left.end()) {
+        left.erase(mark);
+    }
     if (left.empty()) {
         return {};
     }
