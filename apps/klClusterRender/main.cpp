@@ -13,10 +13,10 @@
 #include <klNetBase/klNetBase.h>
 #include <klNetBase/service/klNetServiceStatus.h>
 
+#include <klCommandLine.h>
 #include <klLocalService.h>
 #include <klRenderProtocol.h>
 #include <klServiceClient.h>
-#include <klCommandLine.h>
 
 #include <png.h>
 #include <signal.h>
@@ -114,8 +114,7 @@ Options parseOptions(int argc, char** argv) {
     app.add_option("--height", options.height, "frame height in pixels (default 1080)")
         ->type_name("N")
         ->check(klCommandLine::integer(1, 65536));
-    app.add_option("--iterations", options.iterations,
-                   "most iterations per pixel (default 500)")
+    app.add_option("--iterations", options.iterations, "most iterations per pixel (default 500)")
         ->type_name("N")
         ->check(klCommandLine::integer(1, 100000));
     const CLI::Option* servers =
