@@ -1,5 +1,5 @@
-# Script run by CTest: install, build the consumer two ways, run both; build and run the codecs
-# consumer through the CMake package's codecs component.
+# Script run by CTest: install, build the consumer and the codecs consumer two ways, through the
+# CMake package (with its codecs component) and through pkg-config, and run them.
 
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE out)
@@ -26,16 +26,20 @@ run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-build)
 run(${WORK_DIR}/cmake-build/consumer)
 run(${WORK_DIR}/cmake-build/consumer-codecs)
 
-# Through pkg-config.
+# Through pkg-config, as the README says: PKG_CONFIG_PATH names the prefix's pkgconfig directory.
 find_program(PKG_CONFIG pkg-config REQUIRED)
-file(GLOB pcdir LIST_DIRECTORIES true ${prefix}/lib*/pkgconfig)
-set(ENV{PKG_CONFIG_PATH} "${pcdir}")
-execute_process(COMMAND ${PKG_CONFIG} --cflags --libs klNetBase OUTPUT_VARIABLE flags
-                RESULT_VARIABLE result OUTPUT_STRIP_TRAILING_WHITESPACE)
-if(NOT result EQUAL 0)
-  message(FATAL_ERROR "pkg-config does not know klNetBase")
-endif()
-separate_arguments(flags UNIX_COMMAND "${flags}")
-get_filename_component(libdir ${pcdir} DIRECTORY)
-run(${CXX} ${SOURCE_DIR}/main.cpp -o ${WORK_DIR}/consumer-pc ${flags} -Wl,-rpath,${libdir})
-run(${WORK_DIR}/consumer-pc)
+set(libdir ${prefix}/${LIBDIR})
+set(ENV{PKG_CONFIG_PATH} "${libdir}/pkgconfig")
+foreach(consumer main:klNetBase codecs:klNetBaseCodecs)
+  string(REPLACE ":" ";" consumer ${consumer})
+  list(GET consumer 0 source)
+  list(GET consumer 1 module)
+  execute_process(COMMAND ${PKG_CONFIG} --cflags --libs ${module} OUTPUT_VARIABLE flags
+                  RESULT_VARIABLE result OUTPUT_STRIP_TRAILING_WHITESPACE)
+  if(NOT result EQUAL 0)
+    message(FATAL_ERROR "pkg-config does not know ${module}")
+  endif()
+  separate_arguments(flags UNIX_COMMAND "${flags}")
+  run(${CXX} ${SOURCE_DIR}/${source}.cpp -o ${WORK_DIR}/${source}-pc ${flags} -Wl,-rpath,${libdir})
+  run(${WORK_DIR}/${source}-pc)
+endforeach()

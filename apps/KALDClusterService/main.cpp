@@ -11,6 +11,7 @@
 #include <klNetBase/service/klNetService.h>
 
 #include "klLog.h"
+#include "klMetricsEndpoint.h"
 #include "klVersionInfo.h"
 
 #include <QCoreApplication>
@@ -40,6 +41,10 @@ const char* const kUsage =
     "\n"
     "  --port N                 TCP port to listen on (default 8889; 0: chosen by the system)\n"
     "  --log-file PATH          append diagnostics to PATH instead of standard error\n"
+    "  --log-level LEVEL        error, warning, info (default) or debug (every request)\n"
+    "  --metrics [ADDRESS:]PORT serve Prometheus metrics at /metrics and the running servers\n"
+    "                           as JSON at /servers over HTTP (default: off; ADDRESS defaults\n"
+    "                           to 127.0.0.1)\n"
     "  --service-argument TEXT  passed to every render server started\n"
     "  --no-console             do not copy render servers' output to standard output\n"
     "  --allow CIDR             accept requests only from this address range (repeatable;\n"
@@ -67,6 +72,8 @@ public:
 struct Options {
     int port = klNetOptions::getDefaultServicePort();
     std::string logFile;
+    klLog::Level logLevel = klLog::Level::info;
+    std::string metrics;  // HOST:PORT, empty when off
     std::string serviceArgument;
     bool console = true;
     klNetPeerFilter peerFilter;
@@ -109,6 +116,20 @@ void addRange(const std::string& range, klNetPeerFilter& filter, std::string& gi
         throw UsageError(e.what());
     }
     given += (given.empty() ? "" : ", ") + range;
+}
+
+// "PORT" or "ADDRESS:PORT" as civetweb takes it: a bare port listens on loopback only.
+std::string metricsAddress(const std::string& text) {
+    const std::size_t colon = text.rfind(':');
+    const std::string port = colon == std::string::npos ? text : text.substr(colon + 1);
+    const std::string host = colon == std::string::npos ? "127.0.0.1" : text.substr(0, colon);
+    const bool numeric = !port.empty() && port.size() <= 5 &&
+                         port.find_first_not_of("0123456789") == std::string::npos &&
+                         std::stol(port) <= 65535;
+    if (!numeric || host.empty()) {
+        throw UsageError("invalid value '" + text + "' for --metrics ([ADDRESS:]PORT)");
+    }
+    return host + ":" + port;
 }
 
 // Fills options from the command line. Returns an exit status when the program is done already
@@ -156,6 +177,13 @@ int parseOptions(int argc, char** argv, Options& options) {
             if (options.logFile.empty()) {
                 throw UsageError("option --log-file needs a path");
             }
+        } else if (option == "--log-level") {
+            if (!klLog::parseLevel(takeValue(), options.logLevel)) {
+                throw UsageError("invalid value '" + value +
+                                 "' for --log-level (error, warning, info or debug)");
+            }
+        } else if (option == "--metrics") {
+            options.metrics = metricsAddress(takeValue());
         } else if (option == "--service-argument") {
             options.serviceArgument = takeValue();
         } else if (option == "--no-console") {
@@ -318,7 +346,11 @@ std::string runService(int argc, char** argv, const Options& options) {
     service.setRelayTargets(options.relayTargets);
     service.setMaxRelays(options.maxRelays);
     service.setRelayIdleTimeout(options.relayIdleTimeout);
-    service.setListeningHandler([&options](int port) {
+    std::unique_ptr<klMetricsEndpoint> metrics;
+    if (!options.metrics.empty()) {
+        metrics = std::make_unique<klMetricsEndpoint>(service, options.metrics);
+    }
+    service.setListeningHandler([&options, &metrics](int port) {
         klLog::info("%s %s listening on port %d\n", kProgram,
                     klVersionInfo::the().getVersionString().c_str(), port);
         if (options.peerFilter.isEmpty()) {
@@ -330,6 +362,12 @@ std::string runService(int argc, char** argv, const Options& options) {
             klLog::info("Relaying to %s only\n", options.relayRanges.c_str());
         }
         std::printf("listening on port %d\n", port);
+        if (metrics) {
+            const std::string host = options.metrics.substr(0, options.metrics.rfind(':'));
+            klLog::info("Metrics at http://%s:%d/metrics, servers at /servers\n", host.c_str(),
+                        metrics->port());
+            std::printf("metrics on port %d\n", metrics->port());
+        }
         std::fflush(stdout);
     });
 
@@ -367,6 +405,7 @@ int main(int argc, char** argv) {
     }
     // The caller's standard error, kept for the last word when --log-file takes standard error
     // over.
+    klLog::setLevel(options.logLevel);
     const Descriptor callerStderr(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
     bool logging = false;
     std::string failure;

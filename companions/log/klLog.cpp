@@ -1,11 +1,14 @@
 #include "klLog.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <stdexcept>
@@ -34,17 +37,64 @@ void appendEscaped(std::string& line, const char* text, std::size_t length) {
     }
 }
 
-void writeLine(const char* level, const char* format, va_list args) {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
-    char stamp[32];
-    std::strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", &local);
+const char* const kLevelVariable = "KLNET_LOG_LEVEL";
 
-    char prefix[64];
-    std::snprintf(prefix, sizeof(prefix), "%s.%03ld %s ", stamp, now.tv_nsec / 1000000, level);
-    std::string line = prefix;
+const char* levelName(klLog::Level level) {
+    switch (level) {
+        case klLog::Level::error:
+            return "error";
+        case klLog::Level::warning:
+            return "warning";
+        case klLog::Level::info:
+            return "info";
+        case klLog::Level::debug:
+            return "debug";
+    }
+    return "info";
+}
+
+klLog::Level currentLevel() {
+    klLog::Level level = klLog::Level::info;
+    if (const char* text = std::getenv(kLevelVariable)) {
+        klLog::parseLevel(text, level);
+    }
+    return level;
+}
+
+// Whether standard error is the journal's stream: JOURNAL_STREAM holds "device:inode" of it,
+// and still matches only while standard error has not been redirected since.
+bool toJournal() {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    unsigned long long device = 0, inode = 0;
+    struct stat status {};
+    return stream != nullptr && std::sscanf(stream, "%llu:%llu", &device, &inode) == 2 &&
+           ::fstat(STDERR_FILENO, &status) == 0 && status.st_dev == dev_t(device) &&
+           status.st_ino == ino_t(inode);
+}
+
+void writeLine(klLog::Level level, const char* format, va_list args) {
+    if (int(level) > int(currentLevel())) {
+        return;
+    }
+    std::string line;
+    if (toJournal()) {
+        line = "<" + std::to_string(int(level)) + ">";
+    } else {
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        tm local{};
+        localtime_r(&now.tv_sec, &local);
+        char stamp[32];
+        std::strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", &local);
+        std::string name = levelName(level);
+        for (char& c : name) {
+            c = char(std::toupper(static_cast<unsigned char>(c)));
+        }
+        char prefix[64];
+        std::snprintf(prefix, sizeof(prefix), "%s.%03ld %s ", stamp, now.tv_nsec / 1000000,
+                      name.c_str());
+        line = prefix;
+    }
 
     va_list copy;
     va_copy(copy, args);
@@ -68,18 +118,46 @@ void writeLine(const char* level, const char* format, va_list args) {
 
 }  // namespace
 
+#define KLLOG_WRITE(level)            \
+    va_list args;                     \
+    va_start(args, format);           \
+    writeLine(level, format, args);   \
+    va_end(args)
+
 void klLog::error(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    writeLine("ERROR", format, args);
-    va_end(args);
+    KLLOG_WRITE(Level::error);
+}
+
+void klLog::warning(const char* format, ...) {
+    KLLOG_WRITE(Level::warning);
 }
 
 void klLog::info(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    writeLine("INFO", format, args);
-    va_end(args);
+    KLLOG_WRITE(Level::info);
+}
+
+void klLog::debug(const char* format, ...) {
+    KLLOG_WRITE(Level::debug);
+}
+
+void klLog::write(Level level, const char* format, ...) {
+    KLLOG_WRITE(level);
+}
+
+void klLog::setLevel(Level level) {
+    ::setenv(kLevelVariable, levelName(level), 1);
+}
+
+#undef KLLOG_WRITE
+
+bool klLog::parseLevel(const std::string& text, Level& level) {
+    for (const Level candidate : {Level::error, Level::warning, Level::info, Level::debug}) {
+        if (text == levelName(candidate)) {
+            level = candidate;
+            return true;
+        }
+    }
+    return false;
 }
 
 void klLog::setFile(const std::string& path) {

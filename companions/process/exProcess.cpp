@@ -88,7 +88,10 @@ exProcess::exProcess(QObject* parent) : QObject(parent), m_process(new exChildPr
     connect(m_process, &QProcess::readyReadStandardOutput, this, &exProcess::readyReadStdout);
     connect(m_process, &QProcess::readyReadStandardError, this, &exProcess::readyReadStderr);
     connect(m_process, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), this,
-            [this] { m_ended = true; });
+            [this](int code, QProcess::ExitStatus status) {
+                m_ended = true;
+                emit finished(code, status == QProcess::CrashExit);
+            });
 }
 
 exProcess::~exProcess() {
@@ -117,8 +120,11 @@ bool exProcess::start(bool /*display*/) {
     if (m_arguments.isEmpty() || m_started || m_process->state() != QProcess::NotRunning) {
         return false;
     }
-    m_process->setProcessChannelMode(m_mode == kCaptured ? QProcess::SeparateChannels
-                                                         : QProcess::ForwardedChannels);
+    m_process->setProcessChannelMode(QProcess::SeparateChannels);
+    if (m_mode != kCaptured) {
+        m_process->setStandardOutputFile(QProcess::nullDevice());
+        m_process->setStandardErrorFile(QProcess::nullDevice());
+    }
     m_process->setStandardInputFile(QProcess::nullDevice());
     m_process->setDescriptorLimit(descriptorLimit());
     m_process->start(m_arguments.first(), m_arguments.mid(1), QIODevice::ReadOnly);

@@ -3,9 +3,8 @@
 // A thin wrapper over QProcess. The argument list holds the program first, then its arguments.
 //
 // Communication modes (setCommunication):
-//   0   the child writes straight to this process's standard output and standard error
-//       (forwarded channels): a server started without console copying still shows its output
-//       where the service's own goes, and nothing here has to read it.
+//   0   the child's standard output and standard error go to the null device: a server started
+//       without console copying writes nowhere, and nothing here has to read it.
 //   10  the child's standard output and standard error are captured: readyReadStdout() and
 //       readyReadStderr() are emitted on this object's thread when data is pending, and
 //       readStdout() / readStderr() take it. That thread must run an event loop (or process
@@ -65,6 +64,8 @@ public:
     void tryTerminate() const;
     // Any thread: ends the child at once (SIGKILL); nothing when it is not running.
     void kill() const;
+    // Any thread: the child's process id once started, else 0.
+    qint64 processId() const { return m_started.load(std::memory_order_acquire) ? m_pid : 0; }
 
     // Owner thread, mode 10: what the child has written so far and not yet taken.
     QByteArray readStdout();
@@ -73,6 +74,8 @@ public:
 signals:
     void readyReadStdout();
     void readyReadStderr();
+    // The child has ended: its exit status, or the number of the signal that killed it.
+    void finished(int exitStatus, bool killedBySignal);
 
 private:
     void sendSignal(int signal) const;

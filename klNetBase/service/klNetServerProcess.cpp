@@ -29,11 +29,41 @@ constexpr double kEndWait = 3.0;
 constexpr double kKillWait = 5.0;
 constexpr auto kWaitStep = std::chrono::milliseconds(100);
 
-// The server's output, as it comes, on this program's standard output.
-void copyToStdout(const QByteArray& chunk) {
-    std::printf("%s", chunk.constData());
-    std::fflush(stdout);
-}
+// Copies one output stream of a server to this program's standard output a line at a time, each
+// line behind the server's id, so that the output of several servers can be told apart. A line
+// not yet ended waits for its end, and is written as it is when the server has ended.
+class OutputCopier {
+public:
+    explicit OutputCopier(unsigned id) : m_prefix("[server " + std::to_string(id) + "] ") {}
+    ~OutputCopier() {
+        if (!m_pending.empty()) {
+            write(m_pending + "\n");
+        }
+    }
+    OutputCopier(const OutputCopier&) = delete;
+    OutputCopier& operator=(const OutputCopier&) = delete;
+
+    void add(const QByteArray& chunk) {
+        m_pending.append(chunk.constData(), std::size_t(chunk.size()));
+        std::string lines;
+        for (std::size_t end; (end = m_pending.find('\n')) != std::string::npos;) {
+            lines += m_prefix + m_pending.substr(0, end + 1);
+            m_pending.erase(0, end + 1);
+        }
+        write(lines);
+    }
+
+private:
+    void write(const std::string& lines) {
+        if (!lines.empty()) {
+            std::fwrite(lines.data(), 1, lines.size(), stdout);
+            std::fflush(stdout);
+        }
+    }
+
+    const std::string m_prefix;
+    std::string m_pending;
+};
 
 }  // namespace
 
@@ -101,7 +131,7 @@ void klNetServerProcess::start(bool console) {
 
 void klNetServerProcess::stop() {
     // Flag first: whoever the pipe shutdown wakes must find the request already made.
-    m_stopRequested = true;
+    *m_stopFlag = true;
     m_socketPipe.shutdown();
 }
 
@@ -163,6 +193,11 @@ void klNetServerProcess::setInProcess(bool inProcess, std::function<void(std::st
     s_inProcessCallback = std::move(callback);
 }
 
+std::uint32_t klNetServerProcess::getProcessId() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_process ? std::uint32_t(m_process->processId()) : m_processId;
+}
+
 exProcess* klNetServerProcess::process() {
     std::lock_guard<std::mutex> guard(m_lock);
     return m_process.get();
@@ -184,11 +219,26 @@ void klNetServerProcess::executeProcess(bool console) {
     program.setCommunication(console ? exProcess::kCaptured : exProcess::kForwarded);
     if (console) {
         std::printf("KALDClusterServer starting\n");
+        auto out = std::make_shared<OutputCopier>(m_id);
+        auto err = std::make_shared<OutputCopier>(m_id);
         QObject::connect(&program, &exProcess::readyReadStdout, &program,
-                         [&program] { copyToStdout(program.readStdout()); });
+                         [&program, out] { out->add(program.readStdout()); });
         QObject::connect(&program, &exProcess::readyReadStderr, &program,
-                         [&program] { copyToStdout(program.readStderr()); });
+                         [&program, err] { err->add(program.readStderr()); });
     }
+    // Its end is told in the log, with how it ended. The stop flag is read when the signal comes,
+    // on the application thread; the server object may be gone by then, the copies are not.
+    const unsigned id = m_id;
+    const std::string booking = klNetUtils::quoted(m_bookingId);
+    const std::shared_ptr<std::atomic<bool>> stopRequested = m_stopFlag;
+    QObject::connect(&program, &exProcess::finished, &program,
+                     [&program, id, booking, stopRequested](int status, bool killed) {
+                         const bool expected = *stopRequested || (!killed && status == 0);
+                         klLog::write(expected ? klLog::Level::info : klLog::Level::warning,
+                                      "Server %u (process %lld, booking %s) %s %d\n", id,
+                             static_cast<long long>(program.processId()), booking.c_str(),
+                             killed ? "was killed by signal" : "exited with status", status);
+                     });
 
     const std::string path = getServerPath(m_version);
     program.addArgument(QString::fromStdString(path));

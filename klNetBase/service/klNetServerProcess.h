@@ -76,7 +76,7 @@ public:
     // Marks the server as asked to stop, then shuts the socket pipe down (a request thread woken
     // by the shutdown already sees the mark). Does not wait; harmless when the server has ended.
     void stop();
-    bool isStopRequested() const { return m_stopRequested; }
+    bool isStopRequested() const { return *m_stopFlag; }
     // The program or task runs; false before start().
     bool isRunning();
     // Whether the server was started as a thread of this process rather than as a program.
@@ -94,6 +94,8 @@ public:
     std::string socketPipeName() const { return m_socketPipe.getName(); }
     std::string bookingId() const { return m_bookingId; }
     unsigned getId() const { return m_id; }
+    // The program's process id (this process's for an in-process server); 0 before start().
+    std::uint32_t getProcessId();
 
     // Servers started from now on run as tasks of this process (true) or as programs (false).
     // The callback replaces the stored one; it receives the socket-pipe name.
@@ -121,7 +123,8 @@ private:
     klSocketPipe m_socketPipe;
     std::future<void> m_threadResult;
     bool m_inThread = false;
-    std::atomic<bool> m_stopRequested{false};
+    // Shared with the handler that logs the program's end, which may outlive this object.
+    const std::shared_ptr<std::atomic<bool>> m_stopFlag = std::make_shared<std::atomic<bool>>(false);
     const std::string m_serviceArgument;
     const std::string m_extraArgument;
     const std::string m_bookingId;

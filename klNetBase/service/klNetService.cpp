@@ -69,28 +69,6 @@ bool readFlag(klNetStream& stream) {
     return flag != 0;
 }
 
-// A peer's text inside an error message: quoted, cut to its first kMaxVersionSize bytes, and
-// every byte that is not plain printable ASCII (or is a quote or backslash) escaped.
-std::string quoted(const std::string& text) {
-    std::string result = "\"";
-    for (const char c : text.substr(0, klNetService::kMaxVersionSize)) {
-        const unsigned char byte = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
-            result += '\\';
-            result += c;
-        } else if (byte >= 0x20 && byte < 0x7f) {
-            result += c;
-        } else if (c == '\n') {
-            result += "\\n";
-        } else {
-            char escape[5];
-            std::snprintf(escape, sizeof(escape), "\\x%02x", byte);
-            result += escape;
-        }
-    }
-    return result + (text.size() > klNetService::kMaxVersionSize ? "...\"" : "\"");
-}
-
 // The version text selects a program directory (the installation of that version), so it must
 // be a plain name: letters, digits, '.', '-' and '_', no "..", at most kMaxVersionSize bytes.
 void checkVersionText(const std::string& version) {
@@ -101,8 +79,17 @@ void checkVersionText(const std::string& version) {
                                   (c >= 'A' && c <= 'Z') || c == '.' || c == '-' || c == '_';
                        });
     if (!plain) {
-        throw klNetError("Invalid version text " + quoted(version));
+        throw klNetError("Invalid version text " +
+                         klNetUtils::quoted(version, klNetService::kMaxVersionSize));
     }
+}
+
+// The values written one after the other, as a stream writes them.
+template <class... Values>
+std::string textOf(const Values&... values) {
+    std::ostringstream text;
+    (text << ... << values);
+    return text.str();
 }
 
 std::string ownVersion() {
@@ -138,8 +125,12 @@ std::string normaliseVersion(const std::string& version) {
 struct klNetService::Request {
     std::shared_ptr<klSocketLink> link;
     std::string peer;  // numeric address, for the log
+    std::chrono::steady_clock::time_point accepted = std::chrono::steady_clock::now();
     std::uint64_t deadline = 0;
     std::atomic<bool> timedOut{false};
+    // The request's log line after the peer and the command, set by its handler.
+    std::string outcome = "done";
+    klLog::Level level = klLog::Level::info;
 };
 
 // The two ends of a relay and when it last carried a buffer either way. Each end is read by one
@@ -169,6 +160,7 @@ public:
         std::lock_guard<std::mutex> guard(service.m_lock);
         if (service.m_maxServers > 0 &&
             service.runningServers() + service.m_startsInProgress >= service.m_maxServers) {
+            service.countRefusal("server-limit");
             throw klNetError(std::ostringstream()
                              << "Too many servers running (" << service.m_maxServers << ")");
         }
@@ -235,8 +227,9 @@ void klNetService::run() {
             }
             const klSocketAddress peer = link->getPeerAddress();
             if (!m_peerFilter.allows(peer.getSockAddr())) {
-                klLog::error("Refused connection from %s: not an allowed peer\n",
-                             peer.getName().c_str());
+                klLog::warning("Refused connection from %s: not an allowed peer\n",
+                               peer.getName().c_str());
+                countRefusal("peer");
                 continue;
             }
             {
@@ -349,6 +342,10 @@ void klNetService::serveRequest(Request& request, bool greet) {
             stream >> command;
             dispatch(stream, request, command);
         } catch (const std::exception& e) {
+            request.outcome = command == kStartServer
+                                  ? std::string("Failed to start server: ") + e.what()
+                                  : e.what();
+            request.level = klLog::Level::warning;
             if (!request.timedOut) {
                 try {
                     stream.sendException(e);
@@ -364,15 +361,12 @@ void klNetService::serveRequest(Request& request, bool greet) {
             // The client has gone; nothing is left to tell it.
         }
     } catch (const std::exception& e) {
-        if (!request.timedOut) {
-            klLog::error("%s\n", e.what());
-        }
+        // Before a command: a port scan, a probe of another protocol, a client gone.
+        request.outcome = e.what();
+        request.level = klLog::Level::debug;
     }
     m_timer->cancel(request.deadline);
-    if (request.timedOut) {
-        klLog::error("Request from %s timed out after %g s\n", request.peer.c_str(),
-                     m_requestTimeout);
-    }
+    endRequest(request, command);
     // Closes the connection, unless a server or a relay holds it now.
     request.link.reset();
     // Only a stop-server request clears the table at once; after the others stopped servers stay
@@ -394,19 +388,19 @@ void klNetService::dispatch(klNetStream& stream, Request& request, std::uint32_t
             connectServer(stream, request);
             break;
         case kStopService:
-            stopService(stream);
+            stopService(stream, request);
             break;
         case kConnectService:
             connectService(stream, request);
             break;
         case kStopServer:
-            stopServer(stream);
+            stopServer(stream, request);
             break;
         case kGetStatus:
-            getStatus(stream);
+            getStatus(stream, request);
             break;
         case kStopServerByBookingId:
-            stopServerByBookingId(stream);
+            stopServerByBookingId(stream, request);
             break;
         default:
             throw klNetError("Unknown service command");
@@ -422,64 +416,67 @@ void klNetService::endRequestTime(Request& request) {
 
 void klNetService::startServer(klNetStream& stream, Request& request) {
     removeStoppedServers();
+    const std::string extraArgument = readString(stream);
+    std::string version = readString(stream);
     try {
-        const std::string extraArgument = readString(stream);
-        std::string version = readString(stream);
         checkVersionText(version);
-        version = normaliseVersion(version);
-        const double clientVersion = klNetUtils::decimalValue(version);
-        if (clientVersion > klNetUtils::decimalValue(ownVersion())) {
-            throw klNetError("Incompatible versions: KALDClusterService " + ownVersion() +
-                             " request from " + version);
-        }
-        readString(stream);  // reserved
-        const bool display = atLeast(clientVersion, 9.0) && readFlag(stream);
-        const bool firstOption = readFlag(stream);
-        const bool secondOption = readFlag(stream);
-        const bool thirdOption = readFlag(stream);
-        const std::string bookingId = atLeast(clientVersion, 9.2) ? readString(stream) : "";
-        const bool stereo = atLeast(clientVersion, 10.0) && readFlag(stream);
-        endRequestTime(request);
-        s_inProcessDisplay = display;
-        s_inProcessStereo = stereo;
-
-        StartSlot slot(*this);
-        const unsigned id = ++m_lastServerId;
-        auto server =
-            klNetServerProcess::create(extraArgument, id, m_serviceArgument, version, display,
-                                       stereo, firstOption, secondOption, thirdOption, bookingId);
-        server->start(m_console);
-        addServer(server, slot);
-
-        // The socket is shared with the server from now on: its receive time-out must not go
-        // along with it.
-        klSocketLink& link = *request.link;
-        link.setRecvTimeout(0.0);
-        const auto handOffStart = std::chrono::steady_clock::now();
-        for (;;) {
-            try {
-                server->sendSocket(link, kHandOffSlice);
-                break;
-            } catch (const std::exception&) {
-                QCoreApplication::processEvents();
-                if (server->isStopRequested()) {
-                    throw klNetError("Server manually aborted");
-                }
-                const std::chrono::duration<double> waited =
-                    std::chrono::steady_clock::now() - handOffStart;
-                if (!server->isRunning() &&
-                    (!server->isInProcess() || waited.count() >= kHandOffTimeout)) {
-                    throw klNetError("Failed to connect started server");
-                }
-            }
-        }
-        stream.sendSuccess();
-        stream << std::uint32_t(id) << std::uint64_t(klNetMem::getAvailableMemory())
-               << std::int32_t(serverCount());
-    } catch (const std::exception& e) {
-        klLog::error("Failed to start server: %s\n", e.what());
+    } catch (const klNetError&) {
+        countRefusal("version");
         throw;
     }
+    version = normaliseVersion(version);
+    const double clientVersion = klNetUtils::decimalValue(version);
+    if (clientVersion > klNetUtils::decimalValue(ownVersion())) {
+        throw klNetError("Incompatible versions: KALDClusterService " + ownVersion() +
+                         " request from " + version);
+    }
+    readString(stream);  // reserved
+    const bool display = atLeast(clientVersion, 9.0) && readFlag(stream);
+    const bool firstOption = readFlag(stream);
+    const bool secondOption = readFlag(stream);
+    const bool thirdOption = readFlag(stream);
+    const std::string bookingId = atLeast(clientVersion, 9.2) ? readString(stream) : "";
+    const bool stereo = atLeast(clientVersion, 10.0) && readFlag(stream);
+    endRequestTime(request);
+    s_inProcessDisplay = display;
+    s_inProcessStereo = stereo;
+
+    StartSlot slot(*this);
+    const unsigned id = ++m_lastServerId;
+    auto server =
+        klNetServerProcess::create(extraArgument, id, m_serviceArgument, version, display,
+                                   stereo, firstOption, secondOption, thirdOption, bookingId);
+    server->start(m_console);
+    addServer(server, slot, request.peer);
+
+    // The socket is shared with the server from now on: its receive time-out must not go
+    // along with it.
+    klSocketLink& link = *request.link;
+    link.setRecvTimeout(0.0);
+    const auto handOffStart = std::chrono::steady_clock::now();
+    for (;;) {
+        try {
+            server->sendSocket(link, kHandOffSlice);
+            break;
+        } catch (const std::exception&) {
+            QCoreApplication::processEvents();
+            if (server->isStopRequested()) {
+                throw klNetError("Server manually aborted");
+            }
+            const std::chrono::duration<double> waited =
+                std::chrono::steady_clock::now() - handOffStart;
+            if (!server->isRunning() &&
+                (!server->isInProcess() || waited.count() >= kHandOffTimeout)) {
+                throw klNetError("Failed to connect started server");
+            }
+        }
+    }
+    stream.sendSuccess();
+    stream << std::uint32_t(id) << std::uint64_t(klNetMem::getAvailableMemory())
+           << std::int32_t(serverCount());
+    countHandOff();
+    request.outcome = textOf("server ", id, " started (booking ", klNetUtils::quoted(bookingId),
+                             ", process ", server->getProcessId(), ")");
 }
 
 void klNetService::connectServer(klNetStream& stream, Request& request) {
@@ -490,9 +487,12 @@ void klNetService::connectServer(klNetStream& stream, Request& request) {
     request.link->setRecvTimeout(0.0);
     server->sendSocket(*request.link, -1.0);
     stream.sendSuccess();
+    countHandOff();
+    request.outcome = textOf("handed to server ", id);
 }
 
-void klNetService::stopService(klNetStream& stream) {
+void klNetService::stopService(klNetStream& stream, Request& request) {
+    request.outcome = "stopping the service";
     stream.sendSuccess();
     stream.flush();
     stop();
@@ -505,18 +505,18 @@ void klNetService::connectService(klNetStream& stream, Request& request) {
     // Without targets of its own the service resolves nothing and connects nowhere, so that a
     // client can use it neither as a proxy nor to probe the network behind it.
     if (m_relayTargets.isEmpty()) {
-        klLog::error("Refused relay from %s: relaying is not enabled\n", request.peer.c_str());
+        countRefusal("relay-disabled");
         throw klNetError("Relaying is not enabled on this service");
     }
     const klSocketAddress address(host, int(port));
     if (!m_relayTargets.allows(address.getSockAddr())) {
-        klLog::error("Refused relay from %s to %s: not an allowed target\n", request.peer.c_str(),
-                     address.getName().c_str());
+        countRefusal("relay-target");
         throw klNetError("Relaying to " + address.getName() + " is not allowed");
     }
     {
         std::lock_guard<std::mutex> guard(m_requestLock);
         if (m_activeRelays >= m_maxRelays) {
+            countRefusal("relay-limit");
             throw klNetError(std::ostringstream() << "Too many relays (" << m_maxRelays << ")");
         }
         ++m_activeRelays;
@@ -546,6 +546,11 @@ void klNetService::connectService(klNetStream& stream, Request& request) {
         relayEnded();
         throw;
     }
+    {
+        std::lock_guard<std::mutex> guard(m_metricsLock);
+        ++m_metrics.relaysOpened;
+    }
+    request.outcome = textOf("relaying to ", address.getName(), " port ", port);
     const auto idle = std::chrono::duration_cast<Relay::Clock::duration>(
         std::chrono::duration<double>(m_relayIdleTimeout));
     relay->idleTimer = m_timer->schedule(Relay::Clock::now() + idle, [relay, idle] {
@@ -575,14 +580,15 @@ void klNetService::connectService(klNetStream& stream, Request& request) {
     }
 }
 
-void klNetService::stopServer(klNetStream& stream) {
+void klNetService::stopServer(klNetStream& stream, Request& request) {
     std::uint32_t id = 0;
     stream >> id;
     getServer(id)->stop();
     stream.sendSuccess();
+    request.outcome = textOf("server ", id, " stopped");
 }
 
-void klNetService::getStatus(klNetStream& stream) {
+void klNetService::getStatus(klNetStream& stream, Request& request) {
     klNetServiceStatus status;
     status.setNumberOfClusterServers(serverCount());
     status.setFreeMemory(klNetMem::getAvailableMemory());
@@ -592,9 +598,11 @@ void klNetService::getStatus(klNetStream& stream) {
     stream.sendSuccess();
     status.putValue(stream);
     stream.flush();
+    request.outcome = "answered";
+    request.level = klLog::Level::debug;
 }
 
-void klNetService::stopServerByBookingId(klNetStream& stream) {
+void klNetService::stopServerByBookingId(klNetStream& stream, Request& request) {
     const std::string bookingId = readString(stream);
     std::vector<std::shared_ptr<klNetServerProcess>> matching;
     {
@@ -609,6 +617,8 @@ void klNetService::stopServerByBookingId(klNetStream& stream) {
         server->stop();
     }
     stream.sendSuccess();
+    request.outcome = textOf("stopped ", matching.size(), matching.size() == 1 ? " server" : " servers",
+                             " of booking ", klNetUtils::quoted(bookingId));
 }
 
 std::shared_ptr<klNetServerProcess> klNetService::getServer(unsigned id) {
@@ -620,12 +630,14 @@ std::shared_ptr<klNetServerProcess> klNetService::getServer(unsigned id) {
     return found->second;
 }
 
-void klNetService::addServer(const std::shared_ptr<klNetServerProcess>& server, StartSlot& slot) {
+void klNetService::addServer(const std::shared_ptr<klNetServerProcess>& server, StartSlot& slot,
+                             const std::string& client) {
     {
         std::lock_guard<std::mutex> guard(m_listenerLock);
         if (!m_stopped) {
             std::lock_guard<std::mutex> serversGuard(m_lock);
             m_servers[server->getId()] = server;
+            m_origins[server->getId()] = Origin{client, std::chrono::system_clock::now()};
             // Counted as a running server from now on.
             slot.releaseLocked();
             return;
@@ -643,6 +655,7 @@ void klNetService::removeStoppedServers() {
         for (auto it = m_servers.begin(); it != m_servers.end();) {
             if (!it->second->isRunning() || it->second->isStopRequested()) {
                 removed.push_back(std::move(it->second));
+                m_origins.erase(it->first);
                 it = m_servers.erase(it);
             } else {
                 ++it;
@@ -684,6 +697,7 @@ void klNetService::connectLinks(const std::shared_ptr<Relay>& relay,
         for (;;) {
             from->recv(buffer);
             to->send(buffer);
+            m_bytesRelayed += buffer->getBufferSize();
             relay->lastActivity = Relay::Clock::now().time_since_epoch().count();
         }
     } catch (const std::exception&) {
@@ -719,6 +733,7 @@ void klNetService::shutdown() {
             servers.push_back(std::move(server));
         }
         m_servers.clear();
+        m_origins.clear();
     }
     for (const auto& server : servers) {
         server->stop();
@@ -756,6 +771,94 @@ void klNetService::requestEnded() {
 void klNetService::waitForRequests() {
     std::unique_lock<std::mutex> guard(m_requestLock);
     m_requestsChanged.wait(guard, [this] { return m_requestThreads == 0 && m_activeRelays == 0; });
+}
+
+void klNetService::endRequest(const Request& request, std::uint32_t command) {
+    const std::string name =
+        command == 0 || command > kStopServerByBookingId ? textOf("command ", command)
+                                                         : commandName(command);
+    if (request.timedOut) {
+        klLog::warning("Request from %s timed out after %g s\n", request.peer.c_str(),
+                       m_requestTimeout);
+    } else {
+        klLog::write(request.level, "%s %s: %s\n", request.peer.c_str(), name.c_str(),
+                     request.outcome.c_str());
+    }
+
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - request.accepted)
+            .count();
+    const Outcome outcome = request.timedOut                            ? kTimedOut
+                            : request.level == klLog::Level::warning ? kFailed
+                                                                        : kSucceeded;
+    std::lock_guard<std::mutex> guard(m_metricsLock);
+    ++m_metrics.requests[command <= kStopServerByBookingId ? command : 0][outcome];
+    for (std::size_t i = 0; i < Metrics::kLatencyBounds.size(); ++i) {
+        m_metrics.latencyBuckets[i] += seconds <= Metrics::kLatencyBounds[i] ? 1 : 0;
+    }
+    ++m_metrics.latencyCount;
+    m_metrics.latencySum += seconds;
+}
+
+void klNetService::countRefusal(const std::string& reason) {
+    std::lock_guard<std::mutex> guard(m_metricsLock);
+    ++m_metrics.refusals[reason];
+}
+
+void klNetService::countHandOff() {
+    std::lock_guard<std::mutex> guard(m_metricsLock);
+    ++m_metrics.handOffs;
+}
+
+klNetService::Metrics klNetService::metrics() {
+    const int running = serverCount();
+    int relaysOpen;
+    {
+        std::lock_guard<std::mutex> guard(m_requestLock);
+        relaysOpen = m_activeRelays;
+    }
+    std::lock_guard<std::mutex> guard(m_metricsLock);
+    Metrics metrics = m_metrics;
+    metrics.serversRunning = running;
+    metrics.serversStarted = m_lastServerId;
+    metrics.relaysOpen = relaysOpen;
+    metrics.bytesRelayed = m_bytesRelayed;
+    return metrics;
+}
+
+std::vector<klNetService::ServerInfo> klNetService::servers() {
+    std::lock_guard<std::mutex> guard(m_lock);
+    std::vector<ServerInfo> list;
+    for (const auto& [id, server] : m_servers) {
+        if (!server->isRunning()) {
+            continue;
+        }
+        const Origin& origin = m_origins[id];
+        list.push_back(ServerInfo{id, server->bookingId(), server->getProcessId(), origin.client,
+                                  origin.started, server->isStopRequested()});
+    }
+    return list;
+}
+
+const char* klNetService::commandName(std::uint32_t command) {
+    switch (command) {
+        case kStartServer:
+            return "start-server";
+        case kConnectServer:
+            return "connect-server";
+        case kStopService:
+            return "stop-service";
+        case kConnectService:
+            return "relay";
+        case kStopServer:
+            return "stop-server";
+        case kGetStatus:
+            return "status";
+        case kStopServerByBookingId:
+            return "stop-booking";
+        default:
+            return "unknown";
+    }
 }
 
 std::string klNetService::runInProcess() {

@@ -28,15 +28,22 @@
 // Requirements: a QCoreApplication whose event loop runs on its thread; finished request threads
 // are deleted there, and started servers' output is delivered there.
 //
-// Thread safety: run() blocks the calling thread. stop(), getPort(), serverCount() and
-// bookingIds() may be called from any thread. Configure (set...) before run().
+// Every request ends with one log line: the peer's address, the command and its outcome (the
+// server started, with its id, booking and process id; what was stopped; why it was refused).
+// Status requests log at debug level, refusals and failures as warnings.
+//
+// Thread safety: run() blocks the calling thread. stop(), getPort(), serverCount(),
+// bookingIds(), servers() and metrics() may be called from any thread. Configure (set...)
+// before run().
 #pragma once
 
 #include <klNetBase/klNetBaseExport.h>
 #include <klNetBase/runtime/klNetActionManager.h>
 #include <klNetBase/service/klNetPeerFilter.h>
 
+#include <array>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -124,6 +131,45 @@ public:
     // Their booking ids, by ascending server id.
     std::vector<std::string> bookingIds();
 
+    // A server the service started, as an operator sees it.
+    struct ServerInfo {
+        unsigned id = 0;
+        std::string bookingId;
+        std::uint32_t processId = 0;
+        std::string client;  // numeric address of the client that started it
+        std::chrono::system_clock::time_point started;
+        bool stopping = false;  // asked to stop and not yet ended
+    };
+    // The servers running (or stopping), by ascending id.
+    std::vector<ServerInfo> servers();
+
+    // What the service has done since it was constructed. Outcomes of a request: answered with
+    // success, answered with an error (refusals included), or cut off by the request time-out.
+    enum Outcome { kSucceeded, kFailed, kTimedOut, kOutcomes };
+    struct Metrics {
+        // By command code (0: an unknown code) and outcome.
+        std::array<std::array<std::uint64_t, kOutcomes>, 8> requests{};
+        // By reason: "peer", "version", "server-limit", "relay-disabled", "relay-target",
+        // "relay-limit".
+        std::map<std::string, std::uint64_t> refusals;
+        int serversRunning = 0;
+        std::uint64_t serversStarted = 0;
+        std::uint64_t handOffs = 0;  // connections handed to servers
+        int relaysOpen = 0;
+        std::uint64_t relaysOpened = 0;
+        std::uint64_t bytesRelayed = 0;
+        // Request durations from accept to the end of the request: counts of requests that took
+        // at most each bound (cumulative), their number and their sum.
+        static constexpr std::array<double, 8> kLatencyBounds{0.001, 0.005, 0.01, 0.05,
+                                                              0.1,   0.5,   1.0,  5.0};
+        std::array<std::uint64_t, kLatencyBounds.size()> latencyBuckets{};
+        std::uint64_t latencyCount = 0;
+        double latencySum = 0.0;
+    };
+    Metrics metrics();
+    // The name of a command code in logs and metrics ("start-server", ..., "unknown").
+    static const char* commandName(std::uint32_t command);
+
     static bool inProcessIsStereo() { return s_inProcessStereo; }
     static bool inProcessHasDisplay() { return s_inProcessDisplay; }
     // Starts a service on port 8889 inside this process, whose servers run in-process too, and
@@ -143,13 +189,14 @@ private:
     void endRequestTime(Request& request);
     void startServer(klNetStream& stream, Request& request);
     void connectServer(klNetStream& stream, Request& request);
-    void stopServer(klNetStream& stream);
-    void stopServerByBookingId(klNetStream& stream);
-    void stopService(klNetStream& stream);
+    void stopServer(klNetStream& stream, Request& request);
+    void stopServerByBookingId(klNetStream& stream, Request& request);
+    void stopService(klNetStream& stream, Request& request);
     void connectService(klNetStream& stream, Request& request);
-    void getStatus(klNetStream& stream);
+    void getStatus(klNetStream& stream, Request& request);
     std::shared_ptr<klNetServerProcess> getServer(unsigned id);
-    void addServer(const std::shared_ptr<klNetServerProcess>& server, StartSlot& slot);
+    void addServer(const std::shared_ptr<klNetServerProcess>& server, StartSlot& slot,
+                   const std::string& client);
     void removeStoppedServers();
     // Forwards buffers from one end of a relay to the other until either fails.
     void connectLinks(const std::shared_ptr<Relay>& relay, const std::shared_ptr<klNetLink>& from,
@@ -162,6 +209,10 @@ private:
     // Blocks until no request thread and no relay is left.
     void waitForRequests();
     int runningServers() const;  // REQUIRES: m_lock held
+    void countRefusal(const std::string& reason);
+    void countHandOff();
+    // Logs the request's line and counts it.
+    void endRequest(const Request& request, std::uint32_t command);
 
     // Set before run().
     std::atomic<int> m_port;
@@ -179,7 +230,17 @@ private:
     // Guarded by m_lock.
     mutable std::mutex m_lock;
     std::map<unsigned, std::shared_ptr<klNetServerProcess>> m_servers;
+    struct Origin {
+        std::string client;
+        std::chrono::system_clock::time_point started;
+    };
+    std::map<unsigned, Origin> m_origins;  // of the servers in m_servers
     int m_startsInProgress = 0;
+
+    // Guarded by m_metricsLock.
+    std::mutex m_metricsLock;
+    Metrics m_metrics;
+    std::atomic<std::uint64_t> m_bytesRelayed{0};
 
     // Guarded by m_listenerLock.
     std::mutex m_listenerLock;

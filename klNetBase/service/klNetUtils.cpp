@@ -8,6 +8,7 @@
 #include <QString>
 
 #include <locale.h>
+#include <stdio.h>
 #include <stdlib.h>
 
 namespace {
@@ -67,4 +68,24 @@ std::string klNetUtils::getExecutablePath(const std::string& name, const std::st
 double klNetUtils::decimalValue(const std::string& text) {
     static const locale_t cLocale = ::newlocale(LC_ALL_MASK, "C", locale_t(0));
     return ::strtod_l(text.c_str(), nullptr, cLocale);
+}
+
+std::string klNetUtils::quoted(const std::string& text, std::size_t maxLength) {
+    std::string result = "\"";
+    for (const char c : text.substr(0, maxLength)) {
+        const unsigned char byte = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\') {
+            result += '\\';
+            result += c;
+        } else if (byte >= 0x20 && byte < 0x7f) {
+            result += c;
+        } else if (c == '\n') {
+            result += "\\n";
+        } else {
+            char escape[5];
+            std::snprintf(escape, sizeof(escape), "\\x%02x", byte);
+            result += escape;
+        }
+    }
+    return result + (text.size() > maxLength ? "...\"" : "\"");
 }

@@ -1,5 +1,5 @@
 // klNetUtils: finding the program of a given product version among side-by-side installations,
-// and reading version texts as numbers.
+// reading version texts as numbers, and quoting peers' texts.
 //
 // Installations live in directories whose names carry an edition prefix and a version number,
 // e.g. .../KALDMain-10.0/bin. The editions, in the order in which they are tried:
@@ -30,4 +30,8 @@ public:
     // atof in the C locale: a version text ("9.2") reads the same whatever locale the program
     // runs in (a QCoreApplication adopts the user's). Text without a leading number gives 0.
     static double decimalValue(const std::string& text);
+    // A peer's text for a message or a log line: in double quotes, cut after maxLength bytes
+    // ("..." then marks the cut), and every byte that is not printable ASCII, or is a quote or a
+    // backslash, escaped (\n, \", \\, \xHH).
+    static std::string quoted(const std::string& text, std::size_t maxLength = 64);
 };

@@ -9,6 +9,7 @@
 #include <klServiceClient.h>
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <future>
@@ -374,6 +375,78 @@ TEST(klNetServiceTest, RunningOutOfDescriptorsIsLoggedOnceAndOutlived) {
     };
     EXPECT_GE(count(shortage), 1) << text;
     EXPECT_EQ(count(shortage), count("INFO Accepting connections again\n")) << text;
+}
+
+// One GET over a plain socket; the whole answer, headers and body.
+std::string httpGet(int port, const std::string& path) {
+    klSocketLink link(klSocketAddress("127.0.0.1", port), 10.0);
+    link.setRecvTimeout(10.0);
+    const std::string request = "GET " + path + " HTTP/1.0\r\n\r\n";
+    link.send(request.data(), request.size());
+    std::string answer;
+    char chunk[4096];
+    for (ssize_t n; (n = ::recv(link.getDescriptor(), chunk, sizeof(chunk), 0)) > 0;) {
+        answer.append(chunk, std::size_t(n));
+    }
+    return answer;
+}
+
+// Under systemd, standard error is the journal's stream: lines carry their priority, not a time.
+TEST(klNetServiceTest, LogsRequestsAndServerEndsForTheJournalAndServesMetricsAndServers) {
+    const TempDir dir("journal");
+    const std::string log = dir.path("service.log");
+    std::ofstream(log).close();
+    struct stat file {};
+    ASSERT_EQ(0, ::stat(log.c_str(), &file));
+    ::setenv("JOURNAL_STREAM",
+             (std::to_string(file.st_dev) + ":" + std::to_string(file.st_ino)).c_str(), 1);
+    ServiceDaemon service({"--log-file", log, "--metrics", "0"});
+    ::unsetenv("JOURNAL_STREAM");
+    const std::string metricsLine = service.readLine();
+    ASSERT_EQ(0u, metricsLine.find("metrics on port ")) << metricsLine;
+    const int metricsPort = std::stoi(metricsLine.substr(16));
+
+    auto first = service.connect();
+    auto second = service.connect();
+    startServer(*first, "b1");
+    startServer(*second, "b2");
+    const std::string servers = httpGet(metricsPort, "/servers");
+    const std::regex entry(
+        "\\{\"bookingId\":\"b2\",\"client\":\"127.0.0.1\",\"pid\":(\\d+),"
+        "\"serverId\":2,\"started\":\"[-0-9T:]+Z\",\"state\":\"running\"\\}");
+    std::smatch found;
+    ASSERT_TRUE(std::regex_search(servers, found, entry)) << servers;
+    EXPECT_NE(std::string::npos, servers.find("\"bookingId\":\"b1\"")) << servers;
+
+    EXPECT_EQ("", request(service, kStopServer, 1u));
+    ::kill(std::stoi(found[1]), SIGKILL);
+    const auto logText = [&] {
+        std::stringstream text;
+        text << std::ifstream(log).rdbuf();
+        return text.str();
+    };
+    EXPECT_TRUE(waitUntil([&] {
+        const std::string text = logText();
+        return text.find("signal 9") != std::string::npos &&
+               text.find("exited with status") != std::string::npos;
+    }));
+    const std::string metrics = httpGet(metricsPort, "/metrics");
+    for (const char* line :
+         {"klnet_requests_total{command=\"start-server\",outcome=\"succeeded\"} 2\n",
+          "klnet_requests_total{command=\"stop-server\",outcome=\"succeeded\"} 1\n",
+          "klnet_servers_started_total 2\n", "klnet_handoffs_total 2\n",
+          "klnet_servers_running 0\n"}) {
+        EXPECT_NE(std::string::npos, metrics.find(line)) << line << metrics;
+    }
+    const std::string text = logText();
+    for (const char* line :
+         {"<6>127\\.0\\.0\\.1 start-server: server 1 started \\(booking \"b1\", process \\d+\\)\n",
+          "<6>127\\.0\\.0\\.1 stop-server: server 1 stopped\n",
+          "<6>Server 1 \\(process \\d+, booking \"b1\"\\) exited with status 0\n",
+          "<4>Server 2 \\(process \\d+, booking \"b2\"\\) was killed by signal 9\n"}) {
+        EXPECT_TRUE(std::regex_search(text, std::regex(line))) << line << text;
+    }
+    EXPECT_FALSE(std::regex_search(text, std::regex("(^|\n)\\d"))) << "no time stamps: " << text;
 }
 
 // ---- klnetctl ----------------------------------------------------------------------------------
