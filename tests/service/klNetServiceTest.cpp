@@ -604,16 +604,9 @@ TEST_F(klnetctlTest, ReportsEveryFailureWithOneLineAndItsExitStatus) {
               {"klnetctl --help", 0, "Usage: klnetctl [\\s\\S]*stop-service[\\s\\S]*", ""},
               {"KALDClusterService --port {port} --no-console", 1, "",
                "KALDClusterService: Unable to bind to port {port}\\. 98:Address already in use\n"},
-              {"KALDClusterService --port 65536", 2, "",
-               "KALDClusterService: invalid value '65536' for --port \\(an integer from 0 to "
-               "65535\\)\n"},
               {"KALDClusterService --allow 10.0.0.0/33", 2, "",
-               "KALDClusterService: Invalid address range '10.0.0.0/33'\n"},
-              {"KALDClusterService --request-timeout", 2, "",
-               "KALDClusterService: option --request-timeout needs a value\n"},
-              {"KALDClusterService --no-console=1", 2, "",
-               "KALDClusterService: option --no-console takes no value\n"},
-              {"KALDClusterService --version", 0, "KALDClusterService 10\\.0\n", ""}},
+               "KALDClusterService: --allow: '10.0.0.0/33' is not an address range \\(ADDRESS or "
+               "ADDRESS/BITS\\) \\(see --help\\)\n"}},
              refused.port);
 }
 
