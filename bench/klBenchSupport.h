@@ -1,8 +1,10 @@
-// Pieces the socket benchmarks share: timing, medians, connected loopback pairs and plain-socket
-// I/O for the baselines.
+// Pieces the benchmarks share: the command line, progress on a terminal, timing, medians, connected
+// loopback pairs and plain-socket I/O for the baselines.
 #pragma once
 
 #include <klNetBase/klNetBase.h>
+
+#include "klCommandLine.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -35,28 +38,53 @@ inline double median(const std::vector<double>& values) {
     return percentile(values, 0.5);
 }
 
-// The positional numbers of a benchmark's command line (at most `most` of them, each at least
-// `least`). --help prints `usage` and exits; anything else is a one-line error and exit status 2.
-inline std::vector<double> numericArguments(int argc, char** argv, const char* usage,
-                                            std::size_t most, double least) {
-    const char* const name = std::strrchr(argv[0], '/') ? std::strrchr(argv[0], '/') + 1 : argv[0];
-    std::vector<double> values;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "--help") {
-            std::printf("usage: %s %s", name, usage);
-            std::exit(0);
-        }
-        char* end = nullptr;
-        const double value = std::strtod(argv[i], &end);
-        if (arg.empty() || *end != '\0' || !(value >= least) || values.size() == most) {
-            std::fprintf(stderr, "%s: %s argument '%s' (see --help)\n", name,
-                         arg[0] == '-' && !(value >= least) ? "unknown" : "bad", argv[i]);
-            std::exit(2);
-        }
-        values.push_back(value);
+// One number a benchmark takes on its command line, in its place: "ROUNDS".
+struct NumericArgument {
+    const char* name;
+    const char* description;  // for --help, with the default
+    CLI::Validator check;     // klCommandLine::integer() or number()
+};
+
+// The name a benchmark was started by, for its messages.
+inline std::string programName(const char* path) {
+    const char* slash = std::strrchr(path, '/');
+    return slash != nullptr ? slash + 1 : path;
+}
+
+// The command line of a benchmark that takes only numbers, each optional, in the order given:
+// returns those given. --help (the description, the arguments and the targets the benchmark
+// measures against), --version and a bad command line end the program, with the conventions of
+// every program (klCommandLine).
+inline std::vector<double> numericArguments(int argc, char** argv, const char* description,
+                                            const std::vector<NumericArgument>& arguments,
+                                            const char* targets) {
+    klCommandLine cli(programName(argv[0]), description);
+    std::vector<double> values(arguments.size());
+    std::vector<CLI::Option*> options;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        options.push_back(cli.app()
+                              .add_option(arguments[i].name, values[i], arguments[i].description)
+                              ->type_name("")
+                              ->check(arguments[i].check));
     }
+    cli.app().footer(std::string("Targets: ") + targets);
+    if (const std::optional<int> done = cli.parse(argc, argv)) {
+        std::exit(*done);
+    }
+    std::size_t given = 0;
+    while (given < options.size() && options[given]->count() > 0) {
+        ++given;
+    }
+    values.resize(given);
     return values;
+}
+
+// Writes "\rtext" for a line redrawn in place, on a terminal only: into a file or pipe nothing.
+inline void progressLine(FILE* terminal, const std::string& text) {
+    if (::isatty(::fileno(terminal)) == 1) {
+        std::fprintf(terminal, "\r%s", text.c_str());
+        std::fflush(terminal);
+    }
 }
 
 inline void require(bool ok, const char* what) {

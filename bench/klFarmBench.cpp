@@ -34,21 +34,6 @@ namespace {
 constexpr std::size_t kSmall = 64;
 constexpr std::size_t kHeader = 24;
 
-[[noreturn]] void usage(const std::string& text) {
-    std::fprintf(stderr, "klFarmBench: %s (see --help)\n", text.c_str());
-    std::exit(2);
-}
-
-long number(const char* text, long low, long high) {
-    char* end = nullptr;
-    const long value = std::strtol(text, &end, 10);
-    if (*text == '\0' || *end != '\0' || value < low || value > high) {
-        usage(std::string("not a number from ") + std::to_string(low) + " to " +
-              std::to_string(high) + ": '" + text + "'");
-    }
-    return value;
-}
-
 // One connection per address, made from the client namespace to a listener in the node
 // namespace: the near ends (client) and the far ends (node), in address order.
 struct Links {
@@ -88,7 +73,7 @@ std::vector<std::string> split(const std::string& list) {
     for (std::size_t begin = 0; begin <= list.size();) {
         const std::size_t end = std::min(list.find(',', begin), list.size());
         if (end == begin) {
-            usage("empty address in '" + list + "'");
+            std::exit(klCommandLine::fail("klFarmBench", "empty address in '" + list + "'"));
         }
         parts.push_back(list.substr(begin, end - begin));
         begin = end + 1;
@@ -210,40 +195,59 @@ int roundTrip(const std::string& clientNs, const std::string& nodeNs, const std:
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc >= 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
-        std::printf(
-            "usage: klFarmBench stripe CLIENT_NS NODE_NS ADDR[,ADDR...] [MIB] [ROUNDS]\n"
-            "       klFarmBench rtt CLIENT_NS NODE_NS ADDR [TRIPS]\n"
-            "Measures the transport between two network namespaces of a farm (needs root);\n"
-            "scripts/farm-bench.sh makes the farm and runs this.\n"
-            "  stripe  median throughput over the links, Gbit/s (default 256 MiB, 3 rounds)\n"
-            "  rtt     64-byte message and result against plain TCP: median and 99th percentile\n"
-            "          of each, microseconds (default 5000 trips)\n");
-        return 0;
+    klCommandLine cli("klFarmBench",
+                      "Measures the transport between two network namespaces of a farm (needs "
+                      "root); scripts/farm-bench.sh makes the farm, runs this and prints the "
+                      "figures against their targets.");
+    CLI::App& app = cli.app();
+    app.require_subcommand(1);
+    std::string clientNs, nodeNs, addresses;
+    long mib = 256, rounds = 3, trips = 5000;
+    const auto namespaces = [&](CLI::App* mode) {
+        mode->add_option("CLIENT_NS", clientNs, "the client's network namespace")
+            ->required()
+            ->type_name("");
+        mode->add_option("NODE_NS", nodeNs, "the node's network namespace")
+            ->required()
+            ->type_name("");
+    };
+    CLI::App* stripeMode = app.add_subcommand(
+        "stripe",
+        "bulk stream data from the client to the node over one link per address, through a "
+        "balanced sender of buffered senders; prints the median throughput in Gbit/s");
+    namespaces(stripeMode);
+    stripeMode->add_option("ADDR", addresses, "the node's addresses, one per link, comma-separated")
+        ->required()
+        ->type_name("");
+    stripeMode->add_option("MIB", mib, "MiB per round (default 256)")
+        ->type_name("")
+        ->check(klCommandLine::integer(1, 1 << 20));
+    stripeMode->add_option("ROUNDS", rounds, "rounds (default 3)")
+        ->type_name("")
+        ->check(klCommandLine::integer(1, 100));
+    CLI::App* rttMode = app.add_subcommand(
+        "rtt",
+        "a 64-byte message answered with a result against plain TCP echoing 24 + 64 bytes, over "
+        "one link; prints the median and 99th percentile of each, in microseconds");
+    namespaces(rttMode);
+    rttMode->add_option("ADDR", addresses, "the node's address")->required()->type_name("");
+    rttMode->add_option("TRIPS", trips, "round trips (default 5000)")
+        ->type_name("")
+        ->check(klCommandLine::integer(5, 10000000));
+    app.footer(
+        "Targets (farm-bench.sh): two links at least 1.8 times one link; round trips are "
+        "reported against plain TCP.");
+    if (const std::optional<int> done = cli.parse(argc, argv)) {
+        return *done;
     }
-    if (argc < 5) {
-        usage("too few arguments");
-    }
-    const std::string mode = argv[1];
     try {
-        if (mode == "stripe") {
-            if (argc > 7) {
-                usage("too many arguments");
-            }
-            const auto mib = argc > 5 ? number(argv[5], 1, 1 << 20) : 256;
-            const auto rounds = argc > 6 ? number(argv[6], 1, 100) : 3;
-            return stripe(argv[2], argv[3], split(argv[4]), std::uint64_t(mib) << 20, int(rounds));
+        if (stripeMode->parsed()) {
+            return stripe(clientNs, nodeNs, split(addresses), std::uint64_t(mib) << 20,
+                          int(rounds));
         }
-        if (mode == "rtt") {
-            if (argc > 6) {
-                usage("too many arguments");
-            }
-            const auto trips = argc > 5 ? number(argv[5], 5, 10000000) : 5000;
-            return roundTrip(argv[2], argv[3], argv[4], int(trips));
-        }
+        return roundTrip(clientNs, nodeNs, addresses, int(trips));
     } catch (const std::exception& e) {
         std::fprintf(stderr, "klFarmBench: %s\n", e.what());
         return 1;
     }
-    usage("unknown mode '" + mode + "'");
 }

@@ -146,10 +146,11 @@ double copyRate(bool parallel, std::vector<char>& from, std::vector<char>& to) {
 int main(int argc, char** argv) {
     const std::vector<double> args = numericArguments(
         argc, argv,
-        "[ROUNDS]\nSmall-message rate of the link and buffered senders against plain sockets over\n"
-        "loopback, the buffer pool's get and release on one and two threads, and the\n"
-        "parallel copy; the median of ROUNDS interleaved rounds (default 5).\n",
-        1, 1);
+        "Small-message rate of the link and buffered senders against plain sockets over "
+        "loopback, the buffer pool's get and release on one and two threads, and the parallel "
+        "copy; the median of interleaved rounds.",
+        {{"ROUNDS", "rounds (default 5)", klCommandLine::integer(1, 1000)}},
+        "the buffered sender at least 5 times the link sender and 2 times plain sockets.");
     const int rounds = args.empty() ? 5 : int(args[0]);
     const long bufferedCount = 1000000;
     const long oneByOneCount = 200000;
@@ -186,9 +187,10 @@ int main(int argc, char** argv) {
     std::printf("buffered / plain sockets %6.2f   target >= 2   %s\n",
                 bufferedRate / plainRateValue,
                 bufferedRate / plainRateValue >= 2 ? "PASS" : "MISS");
-    std::printf("buffer pool get+release: %.1f ns per pair on 1 thread, %.1f ns per pair on each "
-                "of 2 threads\n",
-                median(poolOne), median(poolTwo));
+    std::printf(
+        "buffer pool get+release: %.1f ns per pair on 1 thread, %.1f ns per pair on each "
+        "of 2 threads\n",
+        median(poolOne), median(poolTwo));
     std::printf(
         "64 MiB copy: memcpy %.2f GB/s, klNetMem::parallelCopy %.2f GB/s (%u hardware "
         "threads)\n",

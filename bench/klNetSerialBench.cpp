@@ -8,14 +8,16 @@
 //   BM_BufferPoolPopRelease  klNetBufferPool::pop() and release, one and two threads
 //
 // After the usual table the program prints a summary: one line per figure with the measured value,
-// the goal and PASS or MISS. Every Google Benchmark option still applies (--benchmark_filter,
-// --benchmark_repetitions, ...); with a --benchmark_format other than console the summary is left
-// out so that the output stays machine-readable.
+// the goal and PASS or MISS. The Google Benchmark options that make sense here are handed on to it
+// (--benchmark_filter, --benchmark_repetitions, ..., see --help); with a --benchmark_format other
+// than console the summary is left out so that the output stays machine-readable.
 #include <klNetBase/core/klNetBuffer.h>
 #include <klNetBase/core/klNetBufferPool.h>
 #include <klNetBase/serial/klNetMessage.h>
 
 #include <benchmark/benchmark.h>
+
+#include "klCommandLine.h"
 
 #include <unistd.h>
 
@@ -28,7 +30,9 @@
 #include <cstring>
 #include <iomanip>
 #include <iostream>
+#include <iterator>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -362,18 +366,6 @@ void SummaryReporter::printSummary(std::ostream& out) const {
     out.flush();
 }
 
-// The value of --<name>=<value> among the arguments (the last one wins), or fallback.
-std::string flagValue(int argc, char** argv, const std::string& name, const std::string& fallback) {
-    const std::string prefix = "--" + name + "=";
-    std::string value = fallback;
-    for (int i = 1; i < argc; ++i) {
-        if (std::strncmp(argv[i], prefix.c_str(), prefix.size()) == 0) {
-            value = argv[i] + prefix.size();
-        }
-    }
-    return value;
-}
-
 bool isFalse(std::string value) {
     std::transform(value.begin(), value.end(), value.begin(),
                    [](unsigned char c) { return char(std::tolower(c)); });
@@ -381,10 +373,10 @@ bool isFalse(std::string value) {
            value == "off";
 }
 
-// The console options Google Benchmark's own main would pick for these arguments.
-benchmark::ConsoleReporter::OutputOptions consoleOptions(int argc, char** argv) {
+// The console options Google Benchmark's own main would pick for these option values.
+benchmark::ConsoleReporter::OutputOptions consoleOptions(const std::string& color,
+                                                         const std::string& tabular) {
     int options = benchmark::ConsoleReporter::OO_None;
-    const std::string color = flagValue(argc, argv, "benchmark_color", "auto");
     bool useColor = !isFalse(color);
     if (color == "auto") {
         const char* term = std::getenv("TERM");
@@ -393,29 +385,84 @@ benchmark::ConsoleReporter::OutputOptions consoleOptions(int argc, char** argv) 
     if (useColor) {
         options |= benchmark::ConsoleReporter::OO_Color;
     }
-    if (!isFalse(flagValue(argc, argv, "benchmark_counters_tabular", "false"))) {
+    if (!isFalse(tabular)) {
         options |= benchmark::ConsoleReporter::OO_Tabular;
     }
     return benchmark::ConsoleReporter::OutputOptions(options);
 }
 
+// The Google Benchmark options that apply here, handed on to it as --benchmark_NAME=VALUE.
+struct PassedOption {
+    const char* name;
+    const char* description;
+};
+const PassedOption kPassedOptions[] = {
+    {"filter", "run only the benchmarks whose names match this regular expression"},
+    {"min_time", "seconds each benchmark runs at least"},
+    {"repetitions", "runs of each benchmark"},
+    {"report_aggregates_only", "true: report mean, median and deviation only"},
+    {"display_aggregates_only", "true: show mean, median and deviation only"},
+    {"format", "console (the default, with the summary), json or csv"},
+    {"out", "a file to write the results to as well"},
+    {"out_format", "json (the default), console or csv: the format of --benchmark_out"},
+    {"color", "auto (the default), true or false"},
+    {"counters_tabular", "true: counters in columns"},
+    {"list_tests", "true: list the benchmarks and run none"},
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Read before Initialize(), which removes the options it recognises from argv.
-    const bool console = flagValue(argc, argv, "benchmark_format", "console") == "console";
-    const benchmark::ConsoleReporter::OutputOptions options = consoleOptions(argc, argv);
-
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+    klCommandLine cli("klNetSerialBench",
+                      "Throughput and per-operation cost of the serializer, the message and the "
+                      "buffer pool, against memcpy, on Google Benchmark; after its table a summary "
+                      "of every figure against its target.");
+    std::vector<std::string> values(std::size(kPassedOptions));
+    std::vector<CLI::Option*> given;
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        given.push_back(cli.app()
+                            .add_option(std::string("--benchmark_") + kPassedOptions[i].name,
+                                        values[i], kPassedOptions[i].description)
+                            ->type_name("VALUE"));
+    }
+    cli.app().footer(
+        "Targets: the bulk serializer at least 0.50 of memcpy, putValue and getValue of a "
+        "uint64_t below 2 ns each, a pool pop and release below 100 ns on one thread.");
+    if (const std::optional<int> done = cli.parse(argc, argv)) {
+        return *done;
+    }
+    std::vector<std::string> forwarded{argv[0]};
+    std::string color = "auto", tabular = "false", format = "console";
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        if (given[i]->count() == 0) {
+            continue;
+        }
+        const std::string name = kPassedOptions[i].name;
+        forwarded.push_back("--benchmark_" + name + "=" + values[i]);
+        if (name == "color") {
+            color = values[i];
+        } else if (name == "counters_tabular") {
+            tabular = values[i];
+        } else if (name == "format") {
+            format = values[i];
+        }
+    }
+    std::vector<char*> args;
+    for (std::string& arg : forwarded) {
+        args.push_back(arg.data());
+    }
+    int count = int(args.size());
+    args.push_back(nullptr);
+    benchmark::Initialize(&count, args.data());
+    if (benchmark::ReportUnrecognizedArguments(count, args.data())) {
         return 2;
     }
-    if (!console) {
+    if (format != "console") {
         benchmark::RunSpecifiedBenchmarks();
         benchmark::Shutdown();
         return 0;
     }
-    SummaryReporter reporter(options);
+    SummaryReporter reporter(consoleOptions(color, tabular));
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.printSummary(reporter.GetOutputStream());
     benchmark::Shutdown();

@@ -9,6 +9,7 @@ packages=(
   libtbb-dev qtbase5-dev libcivetweb-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev libzmq3-dev libpng-dev systemd
   liblz4-dev libzstd-dev libsodium-dev
+  libcli11-dev libcurl4-openssl-dev help2man
   clang-format
   iproute2 iperf3 dpkg-dev
   clang libclang-rt-14-dev

@@ -12,6 +12,7 @@
 #include <klNetBase/link/klSocketLink.h>
 #include <klNetBase/link/klSocketPipe.h>
 
+#include "klCommandLine.h"
 #include "klVersionInfo.h"
 
 #include <pthread.h>
@@ -22,92 +23,91 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace {
 
 constexpr const char* kProgram = "KALDClusterServer";
 
-void printHelp() {
-    std::printf(
-        "Usage: %s [-Z] [-P|-s] [-t|-ta] [-socketpipe=PATH] [EXTRA]\n"
-        "\n"
-        "The reference render server. The cluster service starts it and hands it the connections\n"
-        "of its clients, which ask for regions of Mandelbrot and Julia set frames and get RGB\n"
-        "pixels back. Prints one line per request served.\n"
-        "\n"
-        "  -Z, -P, -s, -t, -ta   launch options of the service; accepted and shown at start\n"
-        "  -socketpipe=PATH      the service's socket hand-off pipe; without it the pipe is\n"
-        "                        taken from the environment variable KALD_LOCAL_SERVICE\n"
-        "  EXTRA                 the client's extra argument, shown at start; the argument right\n"
-        "                        after -socketpipe=PATH is always taken as EXTRA, even if empty "
-        "or\n"
-        "                        starting with '-'\n"
-        "  --help                this text\n"
-        "  --version             the version\n"
-        "\n"
-        "Exit status: 0 when the service closes the pipe or on SIGTERM/SIGINT, 1 when the pipe\n"
-        "fails, 2 for a bad command line.\n",
-        kProgram);
-}
-
 struct Options {
     std::string flags;  // the launch options given, as "-Z -P -t"
     std::string pipe;
     std::string extra;
-    bool hasExtra = false;
 };
 
-// Parses the command line into options. Returns -1 to go on, or the status to exit with.
-int parse(int argc, char** argv, Options& options) {
-    const auto fail = [](const std::string& text) {
-        std::fprintf(stderr, "%s: %s (see --help)\n", kProgram, text.c_str());
-        return 2;
-    };
+// Parses the command line into options. Returns the status to exit with when the program is done
+// already (--help, --version, a bad command line).
+//
+// The service launches the server as
+//     KALDClusterServer [-Z] [-P|-s] [-t|-ta] -socketpipe=PATH EXTRA
+// and EXTRA, the client's extra argument, is always there after the pipe, even when it is empty
+// or starts with '-'; older services give no pipe (it is then in KALD_LOCAL_SERVICE) and EXTRA
+// only when it is not empty. CLI11 takes single-letter flags, so "-ta" reads as "-t" and "-a";
+// "-socketpipe=PATH" is handed to it as "--socketpipe=PATH", and whatever follows as arguments
+// after "--", which are never options.
+std::optional<int> parse(int argc, char** argv, Options& options) {
+    klCommandLine cli(kProgram,
+                      "The reference render server. The cluster service starts it as\n"
+                      "    KALDClusterServer [-Z] [-P|-s] [-t|-ta] -socketpipe=PATH EXTRA\n"
+                      "and hands it the connections of its clients, which ask for regions of "
+                      "Mandelbrot and Julia set frames and get RGB pixels back. Prints one line "
+                      "per request served.");
+    CLI::App& app = cli.app();
+    bool first = false, noDisplay = false, stereo = false, second = false, third = false;
+    app.add_flag("-Z", first, "launch option of the service; shown at start");
+    app.add_flag("-P", noDisplay, "launch option of the service (no display); shown at start");
+    app.add_flag("-s", stereo, "launch option of the service (stereo); shown at start");
+    CLI::Option* t = app.add_flag("-t", second, "launch option of the service; shown at start");
+    app.add_flag("-a", third, "with -t: -ta, a launch option of the service; shown at start")
+        ->needs(t);
+    app.add_option("--socketpipe", options.pipe)->group("");
+    app.add_option("EXTRA", options.extra,
+                   "the client's extra argument, shown at start; the argument right after "
+                   "-socketpipe=PATH is always EXTRA, even if empty or starting with '-'")
+        ->type_name("");
+    app.footer(
+        "-socketpipe=PATH names the service's socket hand-off pipe; without it the pipe is "
+        "taken from the environment variable KALD_LOCAL_SERVICE.\n\n"
+        "Exit status: 0 when the service closes the pipe or on SIGTERM/SIGINT, 1 when the pipe "
+        "fails, 2 for a bad command line.");
+
+    std::vector<std::string> args;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
-        if (arg == "--help" || arg == "-h") {
-            printHelp();
-            return 0;
-        }
-        if (arg == "--version") {
-            std::printf("%s %s\n", kProgram, klVersionInfo::the().getVersionString().c_str());
-            return 0;
-        }
-        if (arg == "-Z" || arg == "-P" || arg == "-s" || arg == "-t" || arg == "-ta") {
-            options.flags += (options.flags.empty() ? "" : " ") + arg;
-        } else if (arg.rfind("-socketpipe=", 0) == 0) {
-            options.pipe = arg.substr(std::strlen("-socketpipe="));
-            if (options.pipe.empty()) {
-                return fail("-socketpipe= needs a path");
+        if (arg.rfind("-socketpipe=", 0) == 0) {
+            if (arg.size() == std::strlen("-socketpipe=")) {
+                return cli.fail("-socketpipe= needs a path");
             }
-            // The service always puts the client's extra argument right behind the pipe, and
-            // that argument may look like an option.
-            if (i + 1 < argc) {
-                if (options.hasExtra) {
-                    return fail(std::string("unexpected argument '") + argv[i + 1] + "'");
-                }
-                options.extra = argv[++i];
-                options.hasExtra = true;
-            }
-        } else if (!arg.empty() && arg[0] == '-') {
-            return fail("unknown option '" + arg + "'");
-        } else if (options.hasExtra) {
-            return fail("unexpected argument '" + arg + "'");
-        } else {
-            options.extra = arg;
-            options.hasExtra = true;
+            args.push_back("-" + arg);
+            args.push_back("--");
+            args.insert(args.end(), argv + i + 1, argv + argc);
+            break;
+        }
+        args.push_back(arg);
+    }
+    if (const std::optional<int> done = cli.parse(args)) {
+        return done;
+    }
+    for (const auto& [given, text] : {std::pair<bool, const char*>{first, "-Z"},
+                                      {noDisplay, "-P"},
+                                      {stereo, "-s"},
+                                      {second, third ? "-ta" : "-t"}}) {
+        if (given) {
+            options.flags += (options.flags.empty() ? "" : " ") + std::string(text);
         }
     }
     if (options.pipe.empty()) {
         const char* inherited = std::getenv("KALD_LOCAL_SERVICE");
         if (inherited == nullptr || inherited[0] == '\0') {
-            return fail("no socket pipe: give -socketpipe=PATH or set KALD_LOCAL_SERVICE");
+            return cli.fail("no socket pipe: give -socketpipe=PATH or set KALD_LOCAL_SERVICE");
         }
         options.pipe = inherited;
     }
-    return -1;
+    return std::nullopt;
 }
 
 int serve(const Options& options, const sigset_t& stopSignals) {
@@ -166,9 +166,8 @@ int serve(const Options& options, const sigset_t& stopSignals) {
 
 int main(int argc, char** argv) {
     Options options;
-    const int exitNow = parse(argc, argv, options);
-    if (exitNow >= 0) {
-        return exitNow;
+    if (const std::optional<int> done = parse(argc, argv, options)) {
+        return *done;
     }
     // Before any thread starts, so that every thread inherits the mask and only the watcher
     // thread ever takes these signals.

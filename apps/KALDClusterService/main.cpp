@@ -10,6 +10,7 @@
 #include <klNetBase/service/klNetPeerFilter.h>
 #include <klNetBase/service/klNetService.h>
 
+#include "klCommandLine.h"
 #include "klLog.h"
 #include "klMetricsEndpoint.h"
 #include "klVersionInfo.h"
@@ -26,6 +27,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -35,40 +37,6 @@ namespace {
 
 const char* const kProgram = "KALDClusterService";
 
-const char* const kUsage =
-    "Usage: KALDClusterService [OPTION]...\n"
-    "Cluster service of a render node: starts, stops and reports render servers for clients.\n"
-    "\n"
-    "  --port N                 TCP port to listen on (default 8889; 0: chosen by the system)\n"
-    "  --log-file PATH          append diagnostics to PATH instead of standard error\n"
-    "  --log-level LEVEL        error, warning, info (default) or debug (every request)\n"
-    "  --metrics [ADDRESS:]PORT serve Prometheus metrics at /metrics and the running servers\n"
-    "                           as JSON at /servers over HTTP (default: off; ADDRESS defaults\n"
-    "                           to 127.0.0.1)\n"
-    "  --service-argument TEXT  passed to every render server started\n"
-    "  --no-console             do not copy render servers' output to standard output\n"
-    "  --allow CIDR             accept requests only from this address range (repeatable;\n"
-    "                           default: every peer)\n"
-    "  --max-servers N          most render servers running at once (default 16; 0: no limit)\n"
-    "  --max-requests N         most requests served at once; further clients wait their turn\n"
-    "                           (default 64)\n"
-    "  --request-timeout S      seconds a client has for its whole request (default 10)\n"
-    "  --relay-to CIDR          allow relay requests to this address range (repeatable;\n"
-    "                           default: relaying is off)\n"
-    "  --max-relays N           most relays open at once (default 16)\n"
-    "  --relay-idle-timeout S   seconds after which a relay that carries nothing is closed\n"
-    "                           (default 300)\n"
-    "  --help                   show this help and exit\n"
-    "  --version                show the version and exit\n"
-    "\n"
-    "Prints \"listening on port N\" once it listens. SIGTERM or SIGINT stop it.\n"
-    "Exit status: 0 after a stop, 1 if it cannot listen, 2 for a bad command line.\n";
-
-class UsageError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
 struct Options {
     int port = klNetOptions::getDefaultServicePort();
     std::string logFile;
@@ -76,46 +44,30 @@ struct Options {
     std::string metrics;  // HOST:PORT, empty when off
     std::string serviceArgument;
     bool console = true;
-    klNetPeerFilter peerFilter;
-    std::string allowed;  // the ranges as given, for the start-up log line
+    std::vector<std::string> allowed;
     int maxServers = 16;
     int maxRequests = 64;
     double requestTimeout = klNetOptions::getConnectionTimeout();
-    klNetPeerFilter relayTargets;
-    std::string relayRanges;  // as given, for the start-up log line
+    std::vector<std::string> relayRanges;
     int maxRelays = 16;
     double relayIdleTimeout = 300.0;
+
+    klNetPeerFilter peerFilter;
+    klNetPeerFilter relayTargets;
 };
 
-int parseInt(const std::string& option, const std::string& text, long low, long high) {
-    errno = 0;
-    char* end = nullptr;
-    const long value = std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || errno != 0 || value < low || value > high) {
-        throw UsageError("invalid value '" + text + "' for " + option + " (an integer from " +
-                         std::to_string(low) + " to " + std::to_string(high) + ")");
-    }
-    return int(value);
-}
-
-double parseSeconds(const std::string& option, const std::string& text) {
-    char* end = nullptr;
-    const double value = std::strtod(text.c_str(), &end);
-    if (text.empty() || *end != '\0' || !std::isfinite(value) || value <= 0.0) {
-        throw UsageError("invalid value '" + text + "' for " + option +
-                         " (a number of seconds above 0)");
-    }
-    return value;
-}
-
-// Adds an address range to a filter and to the list of ranges as given.
-void addRange(const std::string& range, klNetPeerFilter& filter, std::string& given) {
-    try {
-        filter.allow(range);
-    } catch (const klNetError& e) {
-        throw UsageError(e.what());
-    }
-    given += (given.empty() ? "" : ", ") + range;
+// Accepts an address range as klNetPeerFilter reads it.
+CLI::Validator addressRange() {
+    return CLI::Validator(
+        [](std::string& text) -> std::string {
+            try {
+                klNetPeerFilter().allow(text);
+                return {};
+            } catch (const klNetError&) {
+                return "'" + text + "' is not an address range (ADDRESS or ADDRESS/BITS)";
+            }
+        },
+        "", "range");
 }
 
 // "PORT" or "ADDRESS:PORT" as civetweb takes it: a bare port listens on loopback only.
@@ -126,90 +78,107 @@ std::string metricsAddress(const std::string& text) {
     const bool numeric = !port.empty() && port.size() <= 5 &&
                          port.find_first_not_of("0123456789") == std::string::npos &&
                          std::stol(port) <= 65535;
-    if (!numeric || host.empty()) {
-        throw UsageError("invalid value '" + text + "' for --metrics ([ADDRESS:]PORT)");
-    }
-    return host + ":" + port;
+    return numeric && !host.empty() ? host + ":" + port : std::string();
 }
 
-// Fills options from the command line. Returns an exit status when the program is done already
-// (--help, --version), -1 to go on; a bad command line throws UsageError.
-int parseOptions(int argc, char** argv, Options& options) {
-    for (int i = 1; i < argc; ++i) {
-        std::string option = argv[i];
-        std::string value;
-        bool hasValue = false;
-        // Both "--option value" and "--option=value".
-        const std::size_t equals = option.find('=');
-        if (option.compare(0, 2, "--") == 0 && equals != std::string::npos) {
-            value = option.substr(equals + 1);
-            option.erase(equals);
-            hasValue = true;
-        }
-        const auto takeValue = [&]() -> const std::string& {
-            if (!hasValue) {
-                if (i + 1 >= argc) {
-                    throw UsageError("option " + option + " needs a value");
-                }
-                value = argv[++i];
-                hasValue = true;
-            }
-            return value;
-        };
-        const auto noValue = [&] {
-            if (hasValue) {
-                throw UsageError("option " + option + " takes no value");
-            }
-        };
-
-        if (option == "--help") {
-            noValue();
-            std::fputs(kUsage, stdout);
-            return 0;
-        } else if (option == "--version") {
-            noValue();
-            std::printf("%s %s\n", kProgram, klVersionInfo::the().getVersionString().c_str());
-            return 0;
-        } else if (option == "--port") {
-            options.port = parseInt(option, takeValue(), 0, 65535);
-        } else if (option == "--log-file") {
-            options.logFile = takeValue();
-            if (options.logFile.empty()) {
-                throw UsageError("option --log-file needs a path");
-            }
-        } else if (option == "--log-level") {
-            if (!klLog::parseLevel(takeValue(), options.logLevel)) {
-                throw UsageError("invalid value '" + value +
-                                 "' for --log-level (error, warning, info or debug)");
-            }
-        } else if (option == "--metrics") {
-            options.metrics = metricsAddress(takeValue());
-        } else if (option == "--service-argument") {
-            options.serviceArgument = takeValue();
-        } else if (option == "--no-console") {
-            noValue();
-            options.console = false;
-        } else if (option == "--allow") {
-            addRange(takeValue(), options.peerFilter, options.allowed);
-        } else if (option == "--relay-to") {
-            addRange(takeValue(), options.relayTargets, options.relayRanges);
-        } else if (option == "--max-relays") {
-            options.maxRelays = parseInt(option, takeValue(), 1, 1000000);
-        } else if (option == "--relay-idle-timeout") {
-            options.relayIdleTimeout = parseSeconds(option, takeValue());
-        } else if (option == "--max-servers") {
-            options.maxServers = parseInt(option, takeValue(), 0, 1000000);
-        } else if (option == "--max-requests") {
-            options.maxRequests = parseInt(option, takeValue(), 1, 1000000);
-        } else if (option == "--request-timeout") {
-            options.requestTimeout = parseSeconds(option, takeValue());
-        } else {
-            throw UsageError(
-                (option.compare(0, 1, "-") == 0 ? "unknown option '" : "unexpected argument '") +
-                std::string(argv[i]) + "'");
-        }
+std::string joined(const std::vector<std::string>& texts) {
+    std::string all;
+    for (const std::string& text : texts) {
+        all += (all.empty() ? "" : ", ") + text;
     }
-    return -1;
+    return all;
+}
+
+// Fills options from the command line; an exit status when the program ends here (help, version,
+// a bad command line, all said already).
+std::optional<int> parseOptions(int argc, char** argv, Options& options) {
+    klCommandLine cli(kProgram,
+                      "Cluster service of a render node: starts, stops and reports render servers "
+                      "for clients. Prints \"listening on port N\" once it listens; SIGTERM or "
+                      "SIGINT stop it. Exit status: 0 after a stop, 1 if it cannot listen, 2 for a "
+                      "bad command line.");
+    CLI::App& app = cli.app();
+    app.add_option("--port", options.port,
+                   "TCP port to listen on (default 8889; 0: chosen by the system)")
+        ->type_name("N")
+        ->check(klCommandLine::integer(0, 65535));
+    app.add_option("--log-file", options.logFile,
+                   "append diagnostics to PATH instead of standard error")
+        ->type_name("PATH")
+        ->check(CLI::Validator(
+            [](std::string& text) { return text.empty() ? "needs a path" : std::string(); }, ""));
+    std::string level = "info";
+    app.add_option("--log-level", level, "error, warning, info (default) or debug (every request)")
+        ->type_name("LEVEL")
+        ->check(CLI::Validator(
+            [](std::string& text) -> std::string {
+                klLog::Level parsed;
+                return klLog::parseLevel(text, parsed)
+                           ? std::string()
+                           : "'" + text + "' is not error, warning, info or debug";
+            },
+            ""));
+    std::string metrics;
+    app.add_option("--metrics", metrics,
+                   "serve Prometheus metrics at /metrics and the running servers as JSON at "
+                   "/servers over HTTP (default: off; a bare port listens on 127.0.0.1)")
+        ->type_name("[ADDRESS:]PORT")
+        ->check(CLI::Validator(
+            [](std::string& text) -> std::string {
+                return metricsAddress(text).empty() ? "'" + text + "' is not [ADDRESS:]PORT"
+                                                    : std::string();
+            },
+            ""));
+    app.add_option("--service-argument", options.serviceArgument,
+                   "passed to every render server started")
+        ->type_name("TEXT");
+    bool noConsole = false;
+    app.add_flag("--no-console", noConsole,
+                 "do not copy render servers' output to standard output (it is discarded)");
+    app.add_option("--allow", options.allowed,
+                   "accept requests only from this address range (repeatable; default: every "
+                   "peer)")
+        ->type_name("CIDR")
+        ->allow_extra_args(false)
+        ->check(addressRange());
+    app.add_option("--max-servers", options.maxServers,
+                   "most render servers running at once (default 16; 0: no limit)")
+        ->type_name("N")
+        ->check(klCommandLine::integer(0, 1000000));
+    app.add_option("--max-requests", options.maxRequests,
+                   "most requests served at once; further clients wait their turn (default 64)")
+        ->type_name("N")
+        ->check(klCommandLine::integer(1, 1000000));
+    app.add_option("--request-timeout", options.requestTimeout,
+                   "seconds a client has for its whole request (default 10)")
+        ->type_name("S")
+        ->check(klCommandLine::number(0, 86400, true));
+    app.add_option("--relay-to", options.relayRanges,
+                   "allow relay requests to this address range (repeatable; default: relaying is "
+                   "off)")
+        ->type_name("CIDR")
+        ->allow_extra_args(false)
+        ->check(addressRange());
+    app.add_option("--max-relays", options.maxRelays, "most relays open at once (default 16)")
+        ->type_name("N")
+        ->check(klCommandLine::integer(1, 1000000));
+    app.add_option("--relay-idle-timeout", options.relayIdleTimeout,
+                   "seconds after which a relay that carries nothing is closed (default 300)")
+        ->type_name("S")
+        ->check(klCommandLine::number(0, 1e9, true));
+    if (const std::optional<int> done = cli.parse(argc, argv)) {
+        return done;
+    }
+    klLog::parseLevel(level, options.logLevel);
+    options.metrics = metrics.empty() ? std::string() : metricsAddress(metrics);
+    options.console = !noConsole;
+    for (const std::string& range : options.allowed) {
+        options.peerFilter.allow(range);
+    }
+    for (const std::string& range : options.relayRanges) {
+        options.relayTargets.allow(range);
+    }
+    return std::nullopt;
 }
 
 // A descriptor, closed by its owner.
@@ -356,10 +325,10 @@ std::string runService(int argc, char** argv, const Options& options) {
         if (options.peerFilter.isEmpty()) {
             klLog::info("No --allow given: requests from every peer are accepted\n");
         } else {
-            klLog::info("Accepting requests from %s only\n", options.allowed.c_str());
+            klLog::info("Accepting requests from %s only\n", joined(options.allowed).c_str());
         }
         if (!options.relayTargets.isEmpty()) {
-            klLog::info("Relaying to %s only\n", options.relayRanges.c_str());
+            klLog::info("Relaying to %s only\n", joined(options.relayRanges).c_str());
         }
         std::printf("listening on port %d\n", port);
         if (metrics) {
@@ -394,18 +363,12 @@ std::string runService(int argc, char** argv, const Options& options) {
 
 int main(int argc, char** argv) {
     Options options;
-    try {
-        const int status = parseOptions(argc, argv, options);
-        if (status >= 0) {
-            return status;
-        }
-    } catch (const UsageError& e) {
-        std::fprintf(stderr, "%s: %s\n", kProgram, e.what());
-        return 2;
+    if (const std::optional<int> done = parseOptions(argc, argv, options)) {
+        return *done;
     }
+    klLog::setLevel(options.logLevel);
     // The caller's standard error, kept for the last word when --log-file takes standard error
     // over.
-    klLog::setLevel(options.logLevel);
     const Descriptor callerStderr(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
     bool logging = false;
     std::string failure;

@@ -13,12 +13,11 @@
 #include <klNetBase/klNetBase.h>
 #include <klNetBase/service/klNetServiceStatus.h>
 
+#include <klCommandLine.h>
 #include <klLocalService.h>
 #include <klRenderProtocol.h>
 #include <klServiceClient.h>
-#include <klVersionInfo.h>
 
-#include <getopt.h>
 #include <png.h>
 #include <signal.h>
 #include <unistd.h>
@@ -62,39 +61,7 @@ struct Options {
 };
 
 [[noreturn]] void usageError(const std::string& text) {
-    std::fprintf(stderr, "klClusterRender: %s (see --help)\n", text.c_str());
-    std::exit(2);
-}
-
-void printHelp() {
-    std::printf(
-        "Usage: klClusterRender [options]\n"
-        "Renders one frame of the Mandelbrot set on render servers started by cluster services\n"
-        "and writes it as a PNG.\n\n"
-        "  --width N          frame width in pixels (default 1920)\n"
-        "  --height N         frame height in pixels (default 1080)\n"
-        "  --iterations N     most iterations per pixel (default 500)\n"
-        "  --servers N        render servers to start (default 2; with nodes one per node, and\n"
-        "                     at least one per node)\n"
-        "  --output PATH      PNG file to write (default frame.png)\n"
-        "  --nodes LIST       services to use, host[:port] separated by commas (default: start\n"
-        "                     a service on a loopback port and stop it afterwards); the frame is\n"
-        "                     split over all of them\n"
-        "  --nodes-file FILE  services to use, one host[:port] a line ('#' starts a comment)\n"
-        "  --help             this text\n"
-        "\n"
-        "Exit status: 0 done, 1 the render failed (one line on standard error, naming the node\n"
-        "that failed), 2 bad command line.\n");
-}
-
-std::uint32_t positive(const char* name, const char* text, std::uint32_t max) {
-    char* end = nullptr;
-    const unsigned long value = std::strtoul(text, &end, 10);
-    if (*text == '\0' || *end != '\0' || text[0] == '-' || value == 0 || value > max) {
-        usageError(std::string("--") + name + " takes a number from 1 to " + std::to_string(max) +
-                   ", not '" + text + "'");
-    }
-    return std::uint32_t(value);
+    std::exit(klCommandLine::fail("klClusterRender", text));
 }
 
 // host, host:port, [v6] or [v6]:port, or a bare IPv6 address; the port defaults to the service's.
@@ -135,65 +102,63 @@ void addNodesFromFile(const std::string& path, Options& options) {
 }
 
 Options parseOptions(int argc, char** argv) {
-    static const option longOptions[] = {{"width", required_argument, nullptr, 'w'},
-                                         {"height", required_argument, nullptr, 'h'},
-                                         {"iterations", required_argument, nullptr, 'i'},
-                                         {"servers", required_argument, nullptr, 's'},
-                                         {"output", required_argument, nullptr, 'o'},
-                                         {"nodes", required_argument, nullptr, 'n'},
-                                         {"nodes-file", required_argument, nullptr, 'f'},
-                                         {"help", no_argument, nullptr, 'H'},
-                                         {nullptr, 0, nullptr, 0}};
     Options options;
-    opterr = 0;
-    int c;
-    while ((c = ::getopt_long(argc, argv, "", longOptions, nullptr)) != -1) {
-        switch (c) {
-            case 'w':
-                options.width = positive("width", optarg, 65536);
-                break;
-            case 'h':
-                options.height = positive("height", optarg, 65536);
-                break;
-            case 'i':
-                options.iterations = positive("iterations", optarg, 100000);
-                break;
-            case 's':
-                options.servers = int(positive("servers", optarg, 64));
-                options.serversGiven = true;
-                break;
-            case 'o':
-                options.output = optarg;
-                break;
-            case 'n': {
-                const std::string list = optarg;
-                for (std::size_t begin = 0;;) {
-                    const std::size_t end = std::min(list.find(',', begin), list.size());
-                    if (end == begin) {
-                        usageError("--nodes has an empty entry");
-                    }
-                    options.nodes.push_back(parseNode(list.substr(begin, end - begin), "--nodes"));
-                    if (end == list.size()) {
-                        break;
-                    }
-                    begin = end + 1;
-                }
+    klCommandLine cli("klClusterRender",
+                      "Renders one frame of the Mandelbrot set on render servers started by "
+                      "cluster services and writes it as a PNG. Without --nodes it starts a "
+                      "cluster service of its own on a loopback port and stops it afterwards.");
+    CLI::App& app = cli.app();
+    app.add_option("--width", options.width, "frame width in pixels (default 1920)")
+        ->type_name("N")
+        ->check(klCommandLine::integer(1, 65536));
+    app.add_option("--height", options.height, "frame height in pixels (default 1080)")
+        ->type_name("N")
+        ->check(klCommandLine::integer(1, 65536));
+    app.add_option("--iterations", options.iterations, "most iterations per pixel (default 500)")
+        ->type_name("N")
+        ->check(klCommandLine::integer(1, 100000));
+    const CLI::Option* servers =
+        app.add_option("--servers", options.servers,
+                       "render servers to start (default 2; with nodes one per node, and at "
+                       "least one per node)")
+            ->type_name("N")
+            ->check(klCommandLine::integer(1, 64));
+    app.add_option("--output", options.output, "PNG file to write (default frame.png)")
+        ->type_name("PATH");
+    std::vector<std::string> lists, files;
+    app.add_option("--nodes", lists,
+                   "services to use, host[:port] separated by commas (repeatable); the frame "
+                   "is split over all of them")
+        ->type_name("LIST")
+        ->allow_extra_args(false);
+    app.add_option("--nodes-file", files,
+                   "services to use, one host[:port] a line ('#' starts a comment; repeatable)")
+        ->type_name("FILE")
+        ->allow_extra_args(false);
+    app.footer(
+        "A progress bar is drawn on a terminal; into a file or pipe a line is written every "
+        "tenth of the frame.\n\n"
+        "Exit status: 0 done, 1 the render failed (one line on standard error, naming the node "
+        "that failed), 2 bad command line.");
+    if (const std::optional<int> done = cli.parse(argc, argv)) {
+        std::exit(*done);
+    }
+    options.serversGiven = servers->count() > 0;
+    for (const std::string& list : lists) {
+        for (std::size_t begin = 0;;) {
+            const std::size_t end = std::min(list.find(',', begin), list.size());
+            if (end == begin) {
+                usageError("--nodes has an empty entry");
+            }
+            options.nodes.push_back(parseNode(list.substr(begin, end - begin), "--nodes"));
+            if (end == list.size()) {
                 break;
             }
-            case 'f':
-                addNodesFromFile(optarg, options);
-                break;
-            case 'H':
-                printHelp();
-                std::exit(0);
-            default:
-                usageError(optopt != 0 ? std::string("unknown option or missing value for '-") +
-                                             char(optopt) + "'"
-                                       : std::string("unknown option '") + argv[optind - 1] + "'");
+            begin = end + 1;
         }
     }
-    if (optind < argc) {
-        usageError(std::string("unexpected argument '") + argv[optind] + "'");
+    for (const std::string& file : files) {
+        addNodesFromFile(file, options);
     }
     if (std::uint64_t(options.width) * options.height > klRenderRequest::kMaxPixels) {
         usageError("a frame of more than 67108864 pixels");

@@ -6,6 +6,7 @@
 // and streams 1 GiB to it with a progress bar, printing throughput figures.
 #include <klNetBase/klNetBase.h>
 
+#include "klCommandLine.h"
 #include "klVersionInfo.h"
 
 #include <spawn.h>
@@ -19,6 +20,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <numeric>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -296,46 +298,26 @@ int runMaster(const char* self) {
     return ok ? 0 : 1;
 }
 
-const char* const kUsage =
-    "usage: klNetDemo [--help] [--version]\n"
-    "Starts a second process as the other end of a stream over loopback and shows typed values,\n"
-    "a 1 MiB message, a remote exception, a sync point and a 1 GiB stream with its throughput.\n"
-    "  --help     show this help and exit\n"
-    "  --version  show the version and exit\n";
-
-// Exits with status 2 after a one-line complaint about the command line.
-[[noreturn]] void badUsage(const std::string& text) {
-    std::fprintf(stderr, "klNetDemo: %s\n", text.c_str());
-    std::exit(2);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::vector<std::string> args(argv + 1, argv + argc);
-    if (!args.empty()) {
-        if (args[0] == "--help") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        }
-        if (args[0] == "--version") {
-            std::printf("klNetDemo %s\n", klVersionInfo::the().getVersionString().c_str());
-            return 0;
-        }
-        // --node PORT is how the demo starts its own second process.
-        if (args[0] != "--node") {
-            badUsage("unknown option '" + args[0] + "'");
-        }
-        if (args.size() != 2 || args[1].find_first_not_of("0123456789") != std::string::npos ||
-            args[1].size() > 5 || std::stoi(args[1]) < 1 || std::stoi(args[1]) > 65535) {
-            badUsage("--node needs a port number from 1 to 65535");
-        }
+    klCommandLine cli("klNetDemo",
+                      "Starts a second process as the other end of a stream over loopback and "
+                      "shows typed values, a 1 MiB message, a remote exception, a sync point and "
+                      "a 1 GiB stream with its throughput (a progress bar on a terminal, a line "
+                      "every tenth otherwise).");
+    int node = 0;
+    cli.app()
+        .add_option("--node", node,
+                    "run as the demo's second process, connecting to this port of 127.0.0.1 "
+                    "(the demo starts it so)")
+        ->type_name("PORT")
+        ->check(klCommandLine::integer(1, 65535));
+    if (const std::optional<int> done = cli.parse(argc, argv)) {
+        return *done;
     }
     try {
-        if (!args.empty()) {
-            return runNode(std::stoi(args[1]));
-        }
-        return runMaster(argv[0]);
+        return node != 0 ? runNode(node) : runMaster(argv[0]);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "klNetDemo: %s\n", e.what());
         return 1;

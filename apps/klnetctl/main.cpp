@@ -1,227 +1,141 @@
 // klnetctl: asks a cluster service for its status, starts and stops render servers, stops the
-// service. One request per run; human-readable output, or one JSON object with --json.
+// service, lists the servers running on a node. One request per run; human-readable output, or
+// one JSON object with --json (also for a failure: {"error": "..."}).
 // Exit status: 0 done, 1 the request failed (message on standard error), 2 bad command line.
+#include "klCommandLine.h"
 #include "klServiceClient.h"
 
 #include <klNetBase/core/klConnectionClosed.h>
 #include <klNetBase/core/klConnectionTimeout.h>
 #include <klNetBase/serial/klNetStream.h>
 
-#include <cerrno>
+#include <curl/curl.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
 #include <cinttypes>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <limits>
+#include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace {
 
-const char* const kUsage =
-    "Usage: klnetctl [--host H] [--port P] [--timeout S] [--json] COMMAND\n"
-    "Talks to the cluster service of a render node.\n"
-    "\n"
-    "  --host H       service host, a name or address (default 127.0.0.1)\n"
-    "  --port P       service port (default 8889)\n"
-    "  --timeout S    seconds to wait for the connection and for the answer (default 30)\n"
-    "  --json         print the answer as one JSON object\n"
-    "  --help         show this help and exit\n"
-    "\n"
-    "Commands:\n"
-    "  status                      the service's version, running servers and their bookings\n"
-    "  start [--version V] [--booking ID] [--display] [--stereo] [-Z] [-t] [-ta]\n"
-    "        [--extra ARG]         start a render server; prints its id, the free memory and\n"
-    "                              the number of servers running. The server keeps running\n"
-    "                              until it is stopped.\n"
-    "  stop-server ID              stop the server with this id\n"
-    "  stop-booking ID             stop every server started with this booking id\n"
-    "  stop-service                stop the service and all its servers\n"
-    "\n"
-    "Exit status: 0 done, 1 the request failed, 2 bad command line.\n";
+using Json = nlohmann::ordered_json;
 
-class UsageError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
+constexpr const char* kProgram = "klnetctl";
+constexpr int kDefaultMetricsPort = 8890;
+// A server list larger than this is not one.
+constexpr std::size_t kMaxAnswerBytes = std::size_t(16) << 20;
 
-struct Command {
-    std::string name;
+struct Options {
+    std::string host = "127.0.0.1";
+    int port = klServiceClient::defaultPort();
+    int metricsPort = kDefaultMetricsPort;
+    double timeout = 30.0;
+    bool json = false;
+    std::string command;
     klServiceClient::StartRequest start;
     std::uint32_t serverId = 0;
     std::string bookingId;
 };
 
-struct Options {
-    std::string host = "127.0.0.1";
-    int port = klServiceClient::defaultPort();
-    double timeout = 30.0;
-    bool json = false;
-    Command command;
-};
+// The command line into options; returns the exit status when the program is done already.
+std::optional<int> parseOptions(int argc, char** argv, Options& options) {
+    klCommandLine cli(kProgram, "Talks to the cluster service of a render node.");
+    CLI::App& app = cli.app();
+    app.add_option("--host", options.host,
+                   "service host, a name or address (default 127.0.0.1; IPv6 also in brackets)")
+        ->type_name("HOST")
+        ->transform(CLI::Validator(
+            [](std::string& host) -> std::string {
+                if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+                    host = host.substr(1, host.size() - 2);
+                }
+                return host.empty() ? "the host is empty" : "";
+            },
+            "", "host"));
+    app.add_option("--port", options.port, "service port (default 8889)")
+        ->type_name("N")
+        ->check(klCommandLine::integer(1, 65535));
+    app.add_option("--metrics-port", options.metricsPort,
+                   "port of the service's HTTP endpoint, for servers (default 8890)")
+        ->type_name("N")
+        ->check(klCommandLine::integer(1, 65535));
+    app.add_option("--timeout", options.timeout,
+                   "seconds to wait for the connection and for the answer (default 30)")
+        ->type_name("S")
+        ->check(klCommandLine::number(0, 86400, true));
+    app.add_flag("--json", options.json, "print the answer, or the error, as one JSON object");
+    app.footer(
+        "Options may also follow the command. Run 'klnetctl COMMAND --help' for a command's "
+        "options.\n\n"
+        "Exit status: 0 done, 1 the request failed, 2 bad command line.");
 
-long long parseInteger(const std::string& what, const std::string& text, long long high) {
-    char* end = nullptr;
-    errno = 0;
-    const long long value = std::strtoll(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || errno != 0 || value < 0 || value > high) {
-        throw UsageError("invalid " + what + " '" + text + "'");
+    app.require_subcommand(1);
+    app.add_subcommand("status", "the service's version, running servers and their bookings");
+    CLI::App* start = app.add_subcommand(
+        "start",
+        "start a render server; prints its id, the free memory and the number of servers "
+        "running. The server keeps running until it is stopped.");
+    klServiceClient::StartRequest& request = options.start;
+    start
+        ->add_option("--server-version", request.version,
+                     "version text of the request (default " + request.version +
+                         "): the service starts the server of that installation")
+        ->type_name("V");
+    start->add_option("--booking", request.bookingId, "booking id of the server")->type_name("ID");
+    start->add_option("--extra", request.extraArgument, "last argument of the server")
+        ->type_name("ARG");
+    start->add_flag("--display", request.display, "a server with a display");
+    start->add_flag("--stereo", request.stereo, "with --display: a stereo display");
+    start->add_flag("-Z", request.firstOption, "server option -Z");
+    CLI::Option* second = start->add_flag("-t", request.secondOption, "server option -t");
+    start->add_flag("-a", request.thirdOption, "with -t: server option -ta (also as -ta)")
+        ->needs(second);
+    CLI::App* stopServer = app.add_subcommand("stop-server", "stop the server with this id");
+    stopServer->add_option("ID", options.serverId, "server id")
+        ->required()
+        ->check(klCommandLine::integer(0, UINT32_MAX));
+    CLI::App* stopBooking =
+        app.add_subcommand("stop-booking", "stop every server started with this booking id");
+    stopBooking->add_option("ID", options.bookingId, "booking id")->required();
+    app.add_subcommand("stop-service", "stop the service and all its servers");
+    app.add_subcommand("servers",
+                       "the servers running on the node, from the service's HTTP endpoint "
+                       "(the service must run with --metrics)");
+
+    if (const std::optional<int> done = cli.parse(argc, argv)) {
+        return done;
     }
-    return value;
+    options.command = app.get_subcommands().front()->get_name();
+    return std::nullopt;
 }
 
-// Parses the command line into options. Returns true when --help was asked for.
-bool parseOptions(const std::vector<std::string>& args, Options& options) {
-    std::size_t i = 0;
-    const auto value = [&](const std::string& option) -> const std::string& {
-        if (i + 1 >= args.size()) {
-            throw UsageError("option " + option + " needs a value");
-        }
-        return args[++i];
-    };
-    for (; i < args.size() && args[i].compare(0, 1, "-") == 0; ++i) {
-        const std::string& option = args[i];
-        if (option == "--help") {
-            return true;
-        } else if (option == "--host") {
-            options.host = value(option);
-            // Accept the bracketed form of IPv6 literals too.
-            if (options.host.size() > 2 && options.host.front() == '[' &&
-                options.host.back() == ']') {
-                options.host = options.host.substr(1, options.host.size() - 2);
-            }
-            if (options.host.empty()) {
-                throw UsageError("invalid host ''");
-            }
-        } else if (option == "--port") {
-            options.port = int(parseInteger("port", value(option), 65535));
-            if (options.port == 0) {
-                throw UsageError("invalid port '0'");
-            }
-        } else if (option == "--timeout") {
-            const std::string& text = value(option);
-            char* end = nullptr;
-            options.timeout = std::strtod(text.c_str(), &end);
-            if (text.empty() || *end != '\0' || !std::isfinite(options.timeout) ||
-                options.timeout <= 0.0 || options.timeout > 86400.0) {
-                throw UsageError("invalid timeout '" + text + "'");
-            }
-        } else if (option == "--json") {
-            options.json = true;
-        } else {
-            throw UsageError("unknown option '" + option + "'");
-        }
-    }
-    if (i == args.size()) {
-        throw UsageError("no command given");
-    }
-    Command& command = options.command;
-    command.name = args[i++];
-    const auto operand = [&](const std::string& what) -> const std::string& {
-        if (i >= args.size()) {
-            throw UsageError(command.name + " needs " + what);
-        }
-        return args[i++];
-    };
-    if (command.name == "start") {
-        for (; i < args.size(); ++i) {
-            const std::string& option = args[i];
-            if (option == "--help") {
-                return true;
-            } else if (option == "--version") {
-                command.start.version = value(option);
-            } else if (option == "--booking") {
-                command.start.bookingId = value(option);
-            } else if (option == "--extra") {
-                command.start.extraArgument = value(option);
-            } else if (option == "--display") {
-                command.start.display = true;
-            } else if (option == "--stereo") {
-                command.start.stereo = true;
-            } else if (option == "-Z") {
-                command.start.firstOption = true;
-            } else if (option == "-t") {
-                command.start.secondOption = true;
-            } else if (option == "-ta") {
-                command.start.secondOption = true;
-                command.start.thirdOption = true;
-            } else {
-                throw UsageError("unknown start option '" + option + "'");
-            }
-        }
-    } else if (command.name == "stop-server") {
-        command.serverId = std::uint32_t(parseInteger("server id", operand("a server id"),
-                                                      std::numeric_limits<std::uint32_t>::max()));
-    } else if (command.name == "stop-booking") {
-        command.bookingId = operand("a booking id");
-    } else if (command.name != "status" && command.name != "stop-service") {
-        throw UsageError("unknown command '" + command.name + "'");
-    }
-    if (i < args.size()) {
-        throw UsageError("unexpected argument '" + args[i] + "'");
-    }
-    return false;
+std::string dumped(const Json& json) {
+    // Texts from the service may hold any bytes: what is not UTF-8 becomes U+FFFD, so that the
+    // output always parses, and control characters are escaped.
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-// A JSON string literal. Texts from the service (booking ids, version) may hold any bytes:
-// control characters are escaped and bytes that are not UTF-8 become U+FFFD, so that the output
-// always parses (and a terminal is never sent raw control characters).
-std::string quoted(const std::string& text) {
-    std::string out = "\"";
-    for (std::size_t i = 0; i < text.size();) {
-        const unsigned char c = static_cast<unsigned char>(text[i]);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += char(c);
-            ++i;
-        } else if (c < 0x20 || c == 0x7F) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof(escaped), "\\u%04x", c);
-            out += escaped;
-            ++i;
-        } else if (c < 0x80) {
-            out += char(c);
-            ++i;
-        } else {
-            // Length of a well-formed sequence starting here, 0 if it is not one.
-            const std::size_t length = c >= 0xC2 && c <= 0xDF   ? 2
-                                       : c >= 0xE0 && c <= 0xEF ? 3
-                                       : c >= 0xF0 && c <= 0xF4 ? 4
-                                                                : 0;
-            bool valid = length > 0 && i + length <= text.size();
-            for (std::size_t k = 1; valid && k < length; ++k) {
-                valid = (static_cast<unsigned char>(text[i + k]) & 0xC0) == 0x80;
-            }
-            if (valid && length >= 3) {
-                // Overlong forms, surrogates and code points above U+10FFFF.
-                const unsigned char next = static_cast<unsigned char>(text[i + 1]);
-                valid = !(c == 0xE0 && next < 0xA0) && !(c == 0xED && next > 0x9F) &&
-                        !(c == 0xF0 && next < 0x90) && !(c == 0xF4 && next > 0x8F);
-            }
-            if (valid) {
-                out.append(text, i, length);
-                i += length;
-            } else {
-                out += "\\ufffd";
-                ++i;
-            }
-        }
-    }
-    return out + "\"";
+void printJson(const Json& json) {
+    std::printf("%s\n", dumped(json).c_str());
 }
 
-// A text as it stands when it is plain, else quoted as above.
+// A text as it stands when it is plain, else as a JSON string literal.
 std::string shown(const std::string& text) {
-    const std::string literal = quoted(text);
+    const std::string literal = dumped(Json(text));
     return !text.empty() && literal.size() == text.size() + 2 ? text : literal;
 }
 
-std::string quotedList(const std::vector<std::string>& texts, const char* separator) {
+std::string quotedList(const std::vector<std::string>& texts) {
     std::string out;
     for (const auto& text : texts) {
-        out += (out.empty() ? "" : separator) + quoted(text);
+        out += (out.empty() ? "" : ", ") + dumped(Json(text));
     }
     return out;
 }
@@ -229,15 +143,12 @@ std::string quotedList(const std::vector<std::string>& texts, const char* separa
 void printStatus(const klNetServiceStatus& status, bool json) {
     const double cpu = status.getCPUUsage();
     if (json) {
-        char cpuText[32] = "null";
-        if (std::isfinite(cpu)) {
-            std::snprintf(cpuText, sizeof(cpuText), "%g", cpu);
-        }
-        std::printf("{\"version\":%s,\"running\":%s,\"servers\":%d,\"freeMemory\":%" PRIu64
-                    ",\"cpuUsage\":%s,\"bookingIds\":[%s]}\n",
-                    quoted(status.getVersion()).c_str(), status.getIsRunning() ? "true" : "false",
-                    status.getNumberOfClusterServers(), std::uint64_t(status.getFreeMemory()),
-                    cpuText, quotedList(status.getBookingIds(), ",").c_str());
+        printJson({{"version", status.getVersion()},
+                   {"running", status.getIsRunning()},
+                   {"serverCount", status.getNumberOfClusterServers()},
+                   {"freeMemory", std::uint64_t(status.getFreeMemory())},
+                   {"cpuUsage", std::isfinite(cpu) ? Json(cpu) : Json()},
+                   {"bookingIds", status.getBookingIds()}});
         return;
     }
     const auto bookings = status.getBookingIds();
@@ -245,37 +156,179 @@ void printStatus(const klNetServiceStatus& status, bool json) {
                 " bytes\ncpu usage: %g%%\nbooking ids: %s\n",
                 shown(status.getVersion()).c_str(), status.getIsRunning() ? "yes" : "no",
                 status.getNumberOfClusterServers(), std::uint64_t(status.getFreeMemory()), cpu,
-                bookings.empty() ? "(none)" : quotedList(bookings, ", ").c_str());
+                bookings.empty() ? "(none)" : quotedList(bookings).c_str());
+}
+
+// ---- the server list, from the service's HTTP endpoint ----
+
+// The endpoint could not be reached or did not answer with a server list.
+class EndpointError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+std::size_t collect(char* data, std::size_t size, std::size_t count, void* into) {
+    auto& body = *static_cast<std::string*>(into);
+    if (body.size() + size * count > kMaxAnswerBytes) {
+        return 0;  // ends the transfer with an error
+    }
+    body.append(data, size * count);
+    return size * count;
+}
+
+// The body of an HTTP GET answered with status 200.
+std::string httpGet(const std::string& url, double timeout) {
+    static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
+    const std::unique_ptr<CURL, void (*)(CURL*)> curl(
+        initialised == CURLE_OK ? curl_easy_init() : nullptr, curl_easy_cleanup);
+    if (!curl) {
+        throw EndpointError("cannot set up an HTTP request");
+    }
+    std::string body;
+    char error[CURL_ERROR_SIZE] = "";
+    const long milliseconds = std::lround(timeout * 1000.0);
+    curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl.get(), CURLOPT_PROTOCOLS_STR, "http");
+    // The node is reached directly: a proxy of the user's environment knows nothing of it.
+    curl_easy_setopt(curl.get(), CURLOPT_NOPROXY, "*");
+    curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl.get(), CURLOPT_CONNECTTIMEOUT_MS, milliseconds);
+    curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT_MS, milliseconds);
+    curl_easy_setopt(curl.get(), CURLOPT_ERRORBUFFER, error);
+    curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, collect);
+    curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &body);
+    const CURLcode result = curl_easy_perform(curl.get());
+    if (result != CURLE_OK) {
+        throw EndpointError("cannot get " + url + ": " +
+                            (error[0] != '\0' ? error : curl_easy_strerror(result)) +
+                            " (the service must run with --metrics for this)");
+    }
+    long status = 0;
+    curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status);
+    if (status != 200) {
+        throw EndpointError(url + " answered HTTP " + std::to_string(status) +
+                            " (the service must run with --metrics for this)");
+    }
+    return body;
+}
+
+struct ServerEntry {
+    std::uint32_t serverId = 0;
+    std::string bookingId;
+    std::int64_t pid = 0;
+    std::string client;
+    std::string started;
+    std::string state;
+};
+
+// {"servers":[{"serverId":1,"bookingId":"b1","pid":4242,"client":"127.0.0.1",
+//              "started":"2026-11-25T15:00:00Z","state":"running"}, ...]}
+std::vector<ServerEntry> parseServers(const std::string& url, const std::string& body) {
+    try {
+        const Json answer = Json::parse(body);
+        std::vector<ServerEntry> servers;
+        for (const Json& entry : answer.at("servers")) {
+            servers.push_back(
+                {entry.at("serverId").get<std::uint32_t>(),
+                 entry.at("bookingId").get<std::string>(), entry.at("pid").get<std::int64_t>(),
+                 entry.at("client").get<std::string>(), entry.at("started").get<std::string>(),
+                 entry.at("state").get<std::string>()});
+        }
+        return servers;
+    } catch (const Json::exception& e) {
+        throw EndpointError(url + " answered no server list: " + e.what());
+    }
+}
+
+void printServers(const std::vector<ServerEntry>& servers, bool json) {
+    if (json) {
+        Json list = Json::array();
+        for (const ServerEntry& s : servers) {
+            list.push_back({{"serverId", s.serverId},
+                            {"bookingId", s.bookingId},
+                            {"pid", s.pid},
+                            {"client", s.client},
+                            {"started", s.started},
+                            {"state", s.state}});
+        }
+        printJson({{"servers", list}});
+        return;
+    }
+    if (servers.empty()) {
+        std::printf("no servers running\n");
+        return;
+    }
+    const char* const titles[] = {"ID", "BOOKING", "PID", "CLIENT", "STARTED", "STATE"};
+    std::vector<std::vector<std::string>> rows{{std::begin(titles), std::end(titles)}};
+    for (const ServerEntry& s : servers) {
+        rows.push_back({std::to_string(s.serverId), shown(s.bookingId), std::to_string(s.pid),
+                        shown(s.client), shown(s.started), shown(s.state)});
+    }
+    std::vector<std::size_t> widths(rows.front().size(), 0);
+    for (const auto& row : rows) {
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            widths[i] = std::max(widths[i], row[i].size());
+        }
+    }
+    for (const auto& row : rows) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            line += i + 1 < row.size() ? row[i] + std::string(widths[i] - row[i].size() + 2, ' ')
+                                       : row[i];
+        }
+        std::printf("%s\n", line.c_str());
+    }
+}
+
+// ---- the commands ----
+
+std::string hostInUrl(const std::string& host) {
+    return host.find(':') != std::string::npos ? "[" + host + "]" : host;
 }
 
 void run(const klServiceClient& client, const Options& options) {
-    const Command& command = options.command;
-    if (command.name == "status") {
-        printStatus(client.status(), options.json);
-    } else if (command.name == "start") {
-        const auto result = client.startServer(command.start);
+    const bool json = options.json;
+    if (options.command == "status") {
+        printStatus(client.status(), json);
+    } else if (options.command == "start") {
+        const auto result = client.startServer(options.start);
         // Our connection now belongs to the started server; closing it leaves the server
         // running until someone stops it.
         result.stream->shutdown();
-        std::printf(options.json ? "{\"serverId\":%" PRIu32 ",\"freeMemory\":%" PRIu64
-                                   ",\"serverCount\":%" PRId32 "}\n"
-                                 : "server id: %" PRIu32 "\nfree memory: %" PRIu64
-                                   " bytes\nservers running: %" PRId32 "\n",
-                    result.serverId, result.freeMemory, result.serverCount);
-    } else if (command.name == "stop-server") {
-        client.stopServer(command.serverId);
-        std::printf(options.json ? "{\"serverId\":%" PRIu32 ",\"stopped\":true}\n"
-                                 : "server %" PRIu32 " stopped\n",
-                    command.serverId);
-    } else if (command.name == "stop-booking") {
-        client.stopBooking(command.bookingId);
-        const std::string id = quoted(command.bookingId);
-        std::printf(options.json ? "{\"bookingId\":%s,\"stopped\":true}\n"
-                                 : "servers of booking %s stopped\n",
-                    id.c_str());
+        if (json) {
+            printJson({{"serverId", result.serverId},
+                       {"freeMemory", result.freeMemory},
+                       {"serverCount", result.serverCount}});
+        } else {
+            std::printf("server id: %" PRIu32 "\nfree memory: %" PRIu64
+                        " bytes\nservers running: %" PRId32 "\n",
+                        result.serverId, result.freeMemory, result.serverCount);
+        }
+    } else if (options.command == "stop-server") {
+        client.stopServer(options.serverId);
+        if (json) {
+            printJson({{"serverId", options.serverId}, {"stopped", true}});
+        } else {
+            std::printf("server %" PRIu32 " stopped\n", options.serverId);
+        }
+    } else if (options.command == "stop-booking") {
+        client.stopBooking(options.bookingId);
+        if (json) {
+            printJson({{"bookingId", options.bookingId}, {"stopped", true}});
+        } else {
+            std::printf("servers of booking %s stopped\n", dumped(Json(options.bookingId)).c_str());
+        }
+    } else if (options.command == "servers") {
+        const std::string url = "http://" + hostInUrl(options.host) + ":" +
+                                std::to_string(options.metricsPort) + "/servers";
+        printServers(parseServers(url, httpGet(url, options.timeout)), json);
     } else {
         client.stopService();
-        std::printf(options.json ? "{\"stopping\":true}\n" : "service stopping\n");
+        if (json) {
+            printJson({{"stopping", true}});
+        } else {
+            std::printf("service stopping\n");
+        }
     }
 }
 
@@ -283,37 +336,37 @@ void run(const klServiceClient& client, const Options& options) {
 
 int main(int argc, char** argv) {
     Options options;
-    try {
-        if (parseOptions(std::vector<std::string>(argv + 1, argv + argc), options)) {
-            std::fputs(kUsage, stdout);
-            return 0;
-        }
-    } catch (const UsageError& e) {
-        std::fprintf(stderr, "klnetctl: %s\n", e.what());
-        return 2;
+    if (const std::optional<int> done = parseOptions(argc, argv, options)) {
+        return *done;
     }
 
-    const std::string where =
-        (options.host.find(':') != std::string::npos ? "[" + options.host + "]" : options.host) +
-        ":" + std::to_string(options.port);
+    const std::string where = hostInUrl(options.host) + ":" + std::to_string(options.port);
     klServiceClient client(options.host, options.port);
     client.setConnectTimeout(options.timeout);
     client.setRecvTimeout(options.timeout);
+    // What went wrong: the line on standard error, and the text of the JSON error object.
+    std::string line, error;
     try {
         run(client, options);
         return std::fflush(stdout) == 0 ? 0 : 1;
     } catch (const klServiceConnectError& e) {
-        std::fprintf(stderr, "klnetctl: cannot connect to %s: %s\n", where.c_str(), e.what());
+        line = error = "cannot connect to " + where + ": " + e.what();
     } catch (const klConnectionTimeout&) {
-        std::fprintf(stderr, "klnetctl: no answer from %s within %g s\n", where.c_str(),
-                     options.timeout);
+        char seconds[32];
+        std::snprintf(seconds, sizeof(seconds), "%g", options.timeout);
+        line = error = "no answer from " + where + " within " + seconds + " s";
     } catch (const klConnectionClosed&) {
-        std::fprintf(stderr, "klnetctl: %s closed the connection without an answer\n",
-                     where.c_str());
+        line = error = where + " closed the connection without an answer";
     } catch (const klServiceError& e) {
-        std::fprintf(stderr, "klnetctl: service error: %s\n", e.what());
+        error = e.what();
+        line = "service error: " + error;
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "klnetctl: %s\n", e.what());
+        line = error = e.what();
     }
+    if (options.json) {
+        printJson({{"error", error}});
+        std::fflush(stdout);
+    }
+    std::fprintf(stderr, "%s: %s\n", kProgram, line.c_str());
     return 1;
 }

@@ -6,6 +6,8 @@
 #include <QCoreApplication>
 #include <QThread>
 
+#include <regex>
+
 using namespace kltest;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
@@ -52,7 +54,8 @@ TEST(klNetUtilsTest, FindsTheRequestedVersionAcrossEditions) {
 }
 
 // Every option combination on the command line of a started program, with the pipe name either
-// there or in the environment, and nothing inherited but the standard descriptors.
+// there or in the environment, and nothing inherited but the standard descriptors; the output is
+// copied line by line behind the server's id, or not at all without the console.
 TEST(klNetServerProcessTest, StartsTheServerWithItsOptionsPipeAndNothingElse) {
     struct Case {
         std::string version;
@@ -60,26 +63,28 @@ TEST(klNetServerProcessTest, StartsTheServerWithItsOptionsPipeAndNothingElse) {
         const char* options;  // as the stand-in prints them
     } cases[] = {
         {"8.5", true, false, true, false, false, true, "arg -Z\n"},
-        {"9.0", false, true, false, true, false, false, "arg -P\narg -t\n"},
+        {"9.0", false, true, false, true, false, true, "arg -P\narg -t\n"},
         {"9.2", true, true, true, true, true, true, "arg -Z\narg -s\narg -ta\n"},
+        {"10.0", true, false, false, false, true, true, ""},
         {"10.0", true, false, false, false, true, false, ""},
     };
     // A descriptor the program's own code forgot to make close-on-exec.
     const int forgotten = ::dup(STDERR_FILENO);
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.version);
+        SCOPED_TRACE(c.version + (c.console ? " console" : ""));
         ::unsetenv("KALD_LOCAL_SERVICE");
         const auto launched = server(c.version, c.display, c.stereo, c.first, c.second, c.third);
         const std::string pipe = launched->socketPipeName();
         CaptureStdout();
         launched->start(c.console);
         EXPECT_TRUE(launched->wait(10.0));
-        std::string expected = c.console ? "KALDClusterServer starting\n" : "";
-        expected += "arg " + programDir() + "/" + kServer + "\n" + c.options;
         const bool pipeArgument = c.version != "8.5";
-        expected += pipeArgument ? "arg -socketpipe=" + pipe + "\n" : "";
-        expected += "arg extra\nenv " + (pipeArgument ? "-" : pipe) + "\nfds 0 1 2\n";
-        EXPECT_EQ(expected, GetCapturedStdout());
+        std::string lines = "arg " + programDir() + "/" + kServer + "\n" + c.options;
+        lines += pipeArgument ? "arg -socketpipe=" + pipe + "\n" : "";
+        lines += "arg extra\nenv " + (pipeArgument ? "-" : pipe) + "\nfds 0 1 2\n";
+        const std::string copied =
+            std::regex_replace(lines, std::regex("(^|\n)(?=.)"), "$1[server 1] ");
+        EXPECT_EQ(c.console ? "KALDClusterServer starting\n" + copied : "", GetCapturedStdout());
     }
     ::close(forgotten);
 }
