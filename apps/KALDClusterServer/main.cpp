@@ -13,6 +13,8 @@
 #include <klNetBase/link/klSocketPipe.h>
 
 #include "klCommandLine.h"
+
+#include <klNetBase/codecs/klNetFarmSealer.h>
 #include "klVersionInfo.h"
 
 #include <pthread.h>
@@ -179,5 +181,7 @@ int main(int argc, char** argv) {
     // Our output goes to the service's console through a pipe; a service that has gone must not
     // take the server down with it.
     ::signal(SIGPIPE, SIG_IGN);
+    // A keyed service hands its clients over sealed, with their seals' state: go on sealed.
+    klNetFarmSealer::enableHandOff();
     return serve(options, stopSignals);
 }

@@ -10,6 +10,8 @@
 #include <klNetBase/service/klNetPeerFilter.h>
 #include <klNetBase/service/klNetService.h>
 
+#include <klNetBase/codecs/klNetFarmKey.h>
+#include <klNetBase/codecs/klNetFarmSealer.h>
 #include "klCommandLine.h"
 #include "klLog.h"
 #include "klMetricsEndpoint.h"
@@ -40,6 +42,7 @@ const char* const kProgram = "KALDClusterService";
 struct Options {
     int port = klNetOptions::getDefaultServicePort();
     std::string logFile;
+    std::string keyFile;
     klLog::Level logLevel = klLog::Level::info;
     std::string metrics;  // HOST:PORT, empty when off
     std::string serviceArgument;
@@ -129,6 +132,10 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
                                                     : std::string();
             },
             ""));
+    app.add_option("--key-file", options.keyFile,
+                   "the farm key: serve only clients that prove they hold it, over sealed "
+                   "connections (default: none, every connection in the clear)")
+        ->type_name("PATH");
     app.add_option("--service-argument", options.serviceArgument,
                    "passed to every render server started")
         ->type_name("TEXT");
@@ -313,6 +320,10 @@ std::string runService(int argc, char** argv, const Options& options) {
     service.setMaxRequests(options.maxRequests);
     service.setRequestTimeout(options.requestTimeout);
     service.setRelayTargets(options.relayTargets);
+    if (!options.keyFile.empty()) {
+        service.setLinkSealer(
+            std::make_shared<klNetFarmSealer>(klNetFarmKey::load(options.keyFile)));
+    }
     service.setMaxRelays(options.maxRelays);
     service.setRelayIdleTimeout(options.relayIdleTimeout);
     std::unique_ptr<klMetricsEndpoint> metrics;
@@ -326,6 +337,10 @@ std::string runService(int argc, char** argv, const Options& options) {
             klLog::info("No --allow given: requests from every peer are accepted\n");
         } else {
             klLog::info("Accepting requests from %s only\n", joined(options.allowed).c_str());
+        }
+        if (!options.keyFile.empty()) {
+            klLog::info("Sealed: serving only clients that hold the farm key of %s\n",
+                        options.keyFile.c_str());
         }
         if (!options.relayTargets.isEmpty()) {
             klLog::info("Relaying to %s only\n", joined(options.relayRanges).c_str());

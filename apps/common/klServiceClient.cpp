@@ -3,6 +3,7 @@
 #include <klNetBase/core/klConnectionClosed.h>
 #include <klNetBase/core/klConnectionTimeout.h>
 #include <klNetBase/core/klNetOptions.h>
+#include <klNetBase/link/klNetLinkSealer.h>
 #include <klNetBase/link/klSocketAddress.h>
 #include <klNetBase/link/klSocketLink.h>
 #include <klNetBase/serial/klNetStream.h>
@@ -61,16 +62,21 @@ std::shared_ptr<klNetStream> klServiceClient::open(std::uint32_t command) const 
     try {
         link = std::make_shared<klSocketLink>(klSocketAddress(m_host, std::to_string(m_port)),
                                               m_connectTimeout);
-        // The greeting by hand rather than signalHPCNetSocket(), whose wait for the echo is fixed:
-        // a service that accepts but never answers must be noticed within the client's own
-        // time-out.
-        const std::uint32_t greeting = klSocketLink::kGreeting;
-        link->send(&greeting, sizeof(greeting));
-        link->setRecvTimeout(m_recvTimeout);
-        std::uint32_t echo = 0;
-        link->recv(&echo, sizeof(echo));
-        if (echo != greeting) {
-            throw klNetError("Unexpected respnse from server");
+        if (m_sealer) {
+            m_sealer->connect(*link, m_recvTimeout);
+            link->setRecvTimeout(m_recvTimeout);
+        } else {
+            // The greeting by hand rather than signalHPCNetSocket(), whose wait for the echo is
+            // fixed: a service that accepts but never answers must be noticed within the
+            // client's own time-out.
+            const std::uint32_t greeting = klSocketLink::kGreeting;
+            link->send(&greeting, sizeof(greeting));
+            link->setRecvTimeout(m_recvTimeout);
+            std::uint32_t echo = 0;
+            link->recv(&echo, sizeof(echo));
+            if (echo != greeting) {
+                throw klNetError("Unexpected respnse from server");
+            }
         }
     } catch (const klConnectionTimeout&) {
         throw;

@@ -41,6 +41,7 @@
 #include <memory>
 #include <string>
 
+class klNetLinkSealer;
 class klNetStream;
 
 // The service could not be reached.
@@ -89,6 +90,10 @@ public:
     void setConnectTimeout(double seconds) { m_connectTimeout = seconds; }
     // Time allowed for the greeting's echo and for each read of an answer; 0 waits without limit.
     void setRecvTimeout(double seconds) { m_recvTimeout = seconds; }
+    // Seals every connection (a keyed service serves sealed clients only); the handshake's
+    // failures ("The service refused the farm key: it holds another key", ...) are
+    // klServiceConnectError. Null (the default): plain connections.
+    void setSealer(std::shared_ptr<klNetLinkSealer> sealer) { m_sealer = std::move(sealer); }
 
     const std::string& getHost() const { return m_host; }
     int getPort() const { return m_port; }
@@ -118,4 +123,5 @@ private:
     int m_port;
     double m_connectTimeout;
     double m_recvTimeout = kDefaultRecvTimeout;
+    std::shared_ptr<klNetLinkSealer> m_sealer;
 };

@@ -18,6 +18,9 @@
 #include <klRenderProtocol.h>
 #include <klServiceClient.h>
 
+#include <klNetBase/codecs/klNetFarmKey.h>
+#include <klNetBase/codecs/klNetFarmSealer.h>
+
 #include <png.h>
 #include <signal.h>
 #include <unistd.h>
@@ -58,6 +61,7 @@ struct Options {
     bool serversGiven = false;
     std::string output = "frame.png";
     std::vector<std::pair<std::string, int>> nodes;
+    std::string keyFile;
 };
 
 [[noreturn]] void usageError(const std::string& text) {
@@ -126,6 +130,10 @@ Options parseOptions(int argc, char** argv) {
     app.add_option("--output", options.output, "PNG file to write (default frame.png)")
         ->type_name("PATH");
     std::vector<std::string> lists, files;
+    app.add_option("--key-file", options.keyFile,
+                   "the farm key: seal every connection with it (and give it to the loopback "
+                   "service without --nodes)")
+        ->type_name("PATH");
     app.add_option("--nodes", lists,
                    "services to use, host[:port] separated by commas (repeatable); the frame "
                    "is split over all of them")
@@ -302,13 +310,23 @@ public:
         if (options.nodes.empty()) {
             std::printf("Starting a cluster service on loopback ...\n");
             // A service of this run alone: as many servers as the run asks for.
-            m_local.emplace(
-                std::vector<std::string>{"--max-servers", std::to_string(options.servers)});
+            std::vector<std::string> arguments{"--max-servers", std::to_string(options.servers)};
+            if (!options.keyFile.empty()) {
+                arguments.insert(arguments.end(), {"--key-file", options.keyFile});
+            }
+            m_local.emplace(arguments);
             m_services.emplace_back("127.0.0.1", m_local->port());
             std::printf("  KALDClusterService listening on 127.0.0.1:%d\n", m_local->port());
         } else {
             for (const auto& [host, port] : options.nodes) {
                 m_services.emplace_back(host, port);
+            }
+        }
+        if (!options.keyFile.empty()) {
+            const auto sealer =
+                std::make_shared<klNetFarmSealer>(klNetFarmKey::load(options.keyFile));
+            for (klServiceClient& service : m_services) {
+                service.setSealer(sealer);
             }
         }
     }

@@ -5,6 +5,9 @@
 #include "klCommandLine.h"
 #include "klServiceClient.h"
 
+#include <klNetBase/codecs/klNetFarmKey.h>
+#include <klNetBase/codecs/klNetFarmSealer.h>
+
 #include <klNetBase/core/klConnectionClosed.h>
 #include <klNetBase/core/klConnectionTimeout.h>
 #include <klNetBase/serial/klNetStream.h>
@@ -38,6 +41,7 @@ struct Options {
     int metricsPort = kDefaultMetricsPort;
     double timeout = 30.0;
     bool json = false;
+    std::string keyFile;
     std::string command;
     klServiceClient::StartRequest start;
     std::uint32_t serverId = 0;
@@ -71,6 +75,10 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
         ->type_name("S")
         ->check(klCommandLine::number(0, 86400, true));
     app.add_flag("--json", options.json, "print the answer, or the error, as one JSON object");
+    app.add_option("--key-file", options.keyFile,
+                   "the farm key: seal every connection with it (the service must hold the same "
+                   "key)")
+        ->type_name("PATH");
     app.footer(
         "Options may also follow the command. Run 'klnetctl COMMAND --help' for a command's "
         "options.\n\n"
@@ -105,6 +113,11 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
         app.add_subcommand("stop-booking", "stop every server started with this booking id");
     stopBooking->add_option("ID", options.bookingId, "booking id")->required();
     app.add_subcommand("stop-service", "stop the service and all its servers");
+    CLI::App* keygen = app.add_subcommand(
+        "keygen",
+        "write a new farm key of 32 random bytes to PATH (mode 0600; an existing file is "
+        "never overwritten)");
+    keygen->add_option("PATH", options.keyFile, "where the key goes")->required();
     app.add_subcommand("servers",
                        "the servers running on the node, from the service's HTTP endpoint "
                        "(the service must run with --metrics)");
@@ -344,6 +357,21 @@ int main(int argc, char** argv) {
     klServiceClient client(options.host, options.port);
     client.setConnectTimeout(options.timeout);
     client.setRecvTimeout(options.timeout);
+    try {
+        if (options.command == "keygen") {
+            klNetFarmKey::generate(options.keyFile);
+            std::printf("farm key written to %s (mode 0600): copy it to every node and client\n",
+                        options.keyFile.c_str());
+            return 0;
+        }
+        if (!options.keyFile.empty()) {
+            client.setSealer(
+                std::make_shared<klNetFarmSealer>(klNetFarmKey::load(options.keyFile)));
+        }
+    } catch (const klNetError& e) {
+        std::fprintf(stderr, "%s: %s\n", kProgram, e.what());
+        return 1;
+    }
     // What went wrong: the line on standard error, and the text of the JSON error object.
     std::string line, error;
     try {
