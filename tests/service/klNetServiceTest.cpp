@@ -8,6 +8,9 @@
 #include <klRenderProtocol.h>
 #include <klServiceClient.h>
 
+#include <klNetBase/codecs/klNetFarmKey.h>
+#include <klNetBase/codecs/klNetFarmSealer.h>
+
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -272,6 +275,43 @@ TEST(klNetServiceTest, SlowClientsEndAtTheDeadlineAndBurstsWaitTheirTurn) {
     }
     ASSERT_EQ(std::future_status::ready, trickle.wait_for(kBound));
     EXPECT_EQ("closed", trickle.get());
+}
+
+// With a farm key the service serves sealed clients only, hands them to its servers sealed (they
+// hold no key), and relays between sealed links.
+TEST(klNetServiceTest, AKeyedServiceServesSealedClientsOnlyThroughHandOffAndRelay) {
+    const TempDir dir("sealed");
+    const std::string key = dir.path("farm.key"), other = dir.path("other.key");
+    klNetFarmKey::generate(key);
+    klNetFarmKey::generate(other);
+    const std::string log = dir.path("service.log");
+    ServiceDaemon target({"--key-file", key});
+    ServiceDaemon service({"--key-file", key, "--log-file", log, "--relay-to", "127.0.0.1"});
+    const auto sealed = [&](const std::string& path) {
+        klServiceClient client("127.0.0.1", service.port());
+        client.setSealer(std::make_shared<klNetFarmSealer>(klNetFarmKey::load(path)));
+        return client;
+    };
+
+    EXPECT_EQ("Connection closed", outcome([&] { status(service); }));
+    EXPECT_EQ("The service refused the farm key: it holds another key",
+              outcome([&] { sealed(other).status(); }));
+    std::stringstream text;
+    text << std::ifstream(log).rdbuf();
+    EXPECT_NE(std::string::npos,
+              text.str().find("Refused connection from 127.0.0.1: not sealed\n"));
+
+    const klServiceClient client = sealed(key);
+    const auto started = client.startServer({});
+    expectRenders(*started.stream);
+    expectRenders(*client.connectServer(started.serverId));
+    // Through this service to the other one, sealed on both legs.
+    auto relayed = client.relay("127.0.0.1", std::uint32_t(target.port()));
+    *relayed << std::uint32_t(klNetService::kGetStatus) << klNetStream::flush;
+    relayed->recvResult();
+    klNetServiceStatus record;
+    record.getValue(*relayed);
+    EXPECT_EQ("10.0", record.getVersion());
 }
 
 // The daemon in a program directory of the test's own (hard-linked, so that it looks for its
