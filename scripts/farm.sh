@@ -20,13 +20,14 @@ usage() {
 Usage: farm.sh COMMAND [ARGS]
 A render farm in network namespaces on this machine (needs root).
 
-  up N [--links K] [--rate RATE] [--delay D] [--allow-client] [--service-arg ARG]...
+  up N [--links K] [--rate RATE] [--delay D] [--allow-client] [--key] [--service-arg ARG]...
         N node namespaces (1..64) joined to one client namespace by K veth links each (1..16,
         default 1), every link shaped to RATE (tc tbf, e.g. 1gbit, 500mbit; default unshaped)
         with D one-way delay in each direction (tc netem, e.g. 0.1ms, 2ms; default none).
         Starts KALDClusterService on port 8889 in every node namespace and waits until each
         listens. --allow-client passes --allow with the client's link addresses to every
-        service; --service-arg passes ARG on (repeatable).
+        service; --key gives every service a new farm key (klnetctl keygen), so that they serve
+        sealed clients only; --service-arg passes ARG on (repeatable).
   down  stops every process in the farm's namespaces and removes the namespaces
   exec client|nodeI -- CMD [ARG]...
         runs CMD inside the client namespace or node I's namespace
@@ -37,6 +38,8 @@ A render farm in network namespaces on this machine (needs root).
         the process id of node I's KALDClusterService
   log nodeI
         the path of node I's service log
+  key
+        the path of the farm key of a farm brought up with --key, for the client's --key-file
   status
         the farm's namespaces, links, shaping and services
 
@@ -211,7 +214,7 @@ start_service() {
 }
 
 cmd_up() {
-    local nodes="" links=1 rate="" delay="" allow_client=0
+    local nodes="" links=1 rate="" delay="" allow_client=0 with_key=0
     service_args=()
     service_args_for_node=()
     while (($# > 0)); do
@@ -223,6 +226,7 @@ cmd_up() {
             --delay) (($# >= 2)) || usage_error "--delay needs a value"; delay=$2; shift 2 ;;
             --delay=*) delay=${1#*=}; shift ;;
             --allow-client) allow_client=1; shift ;;
+            --key) with_key=1; shift ;;
             --service-arg)
                 (($# >= 2)) || usage_error "--service-arg needs a value"
                 service_args+=("$2"); shift 2 ;;
@@ -254,6 +258,12 @@ cmd_up() {
     trap 'exit 143' TERM
     mkdir -m 0700 "$state_dir"
     netem_missing=0
+    if ((with_key)); then
+        "$bin_dir/klnetctl" keygen "$state_dir/farm.key" >/dev/null ||
+            die "cannot make the farm key"
+        service_args+=(--key-file "$state_dir/farm.key")
+        say "farm key $state_dir/farm.key given to every service"
+    fi
 
     local i k shaping="unshaped"
     [[ -n $rate || -n $delay ]] && shaping="${rate:-no rate limit}${delay:+, $delay each way}"
@@ -372,6 +382,10 @@ case ${1:-} in
         (($# == 2)) || usage_error "$1 needs nodeI"
         i=$(parse_node "$2")
         if [[ $1 == pid ]]; then cat "$state_dir/node$i.pid"; else echo "$state_dir/node$i.log"; fi ;;
+    key)
+        (($# == 1)) || usage_error "key takes no arguments"
+        [[ -f $state_dir/farm.key ]] || die "the farm has no key (farm.sh up N --key)"
+        echo "$state_dir/farm.key" ;;
     "") usage_error "no command given" ;;
     *) usage_error "unknown command '$1'" ;;
 esac
