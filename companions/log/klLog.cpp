@@ -16,27 +16,6 @@
 
 namespace {
 
-// Appends text with every control character written as an escape, so that whatever a message
-// quotes (a peer's text among it) stays on its one line and cannot forge another.
-void appendEscaped(std::string& line, const char* text, std::size_t length) {
-    for (std::size_t i = 0; i < length; ++i) {
-        const unsigned char c = static_cast<unsigned char>(text[i]);
-        if (c >= 0x20 && c != 0x7f) {
-            line += char(c);
-        } else if (c == '\n') {
-            line += "\\n";
-        } else if (c == '\r') {
-            line += "\\r";
-        } else if (c == '\t') {
-            line += "\\t";
-        } else {
-            char escape[5];
-            std::snprintf(escape, sizeof(escape), "\\x%02x", c);
-            line += escape;
-        }
-    }
-}
-
 const char* const kLevelVariable = "KLNET_LOG_LEVEL";
 
 const char* levelName(klLog::Level level) {
@@ -108,7 +87,7 @@ void writeLine(klLog::Level level, const char* format, va_list args) {
         if (message.back() == '\n') {
             message.pop_back();
         }
-        appendEscaped(line, message.data(), message.size());
+        klLog::appendEscaped(line, message, false);
     }
     line += '\n';
     // One write per line keeps lines of concurrent callers apart.
@@ -149,6 +128,29 @@ void klLog::setLevel(Level level) {
 }
 
 #undef KLLOG_WRITE
+
+void klLog::appendEscaped(std::string& out, const std::string& text, bool quoting) {
+    for (const char c : text) {
+        const unsigned char byte = static_cast<unsigned char>(c);
+        const bool plain = quoting ? byte >= 0x20 && byte < 0x7f : byte >= 0x20 && byte != 0x7f;
+        if (quoting && (c == '"' || c == '\\')) {
+            out += '\\';
+            out += c;
+        } else if (plain) {
+            out += c;
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else {
+            char escape[5];
+            std::snprintf(escape, sizeof(escape), "\\x%02x", byte);
+            out += escape;
+        }
+    }
+}
 
 bool klLog::parseLevel(const std::string& text, Level& level) {
     for (const Level candidate : {Level::error, Level::warning, Level::info, Level::debug}) {

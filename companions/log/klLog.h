@@ -31,6 +31,11 @@ public:
     // and inode), a line is "<N>message" with N the level's number, which the journal takes as
     // the priority and stamps itself; anywhere else "DATE TIME LEVEL message".
 
+    // Appends text to out with every control character written as an escape (\n, \r, \t, \xHH),
+    // as a log line shows it, so that a peer's text cannot forge a line. quoting also escapes '"'
+    // and '\\' as \" and \\, and every byte that is not ASCII, for a text shown in quotes.
+    static void appendEscaped(std::string& out, const std::string& text, bool quoting);
+
     // Appends standard error to the file at path (created with mode 0640 if missing) from now on.
     // Standard error rather than a destination of this logger's own, because the shared library
     // and each program carry their own copy of the logger: a process-wide descriptor is what they

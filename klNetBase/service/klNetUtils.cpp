@@ -1,6 +1,7 @@
 #include <klNetBase/service/klNetUtils.h>
 
 #include <klPlatform.h>
+#include <klLog.h>
 #include <klVersionInfo.h>
 
 #include <QDir>
@@ -8,7 +9,6 @@
 #include <QString>
 
 #include <locale.h>
-#include <stdio.h>
 #include <stdlib.h>
 
 namespace {
@@ -72,20 +72,6 @@ double klNetUtils::decimalValue(const std::string& text) {
 
 std::string klNetUtils::quoted(const std::string& text, std::size_t maxLength) {
     std::string result = "\"";
-    for (const char c : text.substr(0, maxLength)) {
-        const unsigned char byte = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
-            result += '\\';
-            result += c;
-        } else if (byte >= 0x20 && byte < 0x7f) {
-            result += c;
-        } else if (c == '\n') {
-            result += "\\n";
-        } else {
-            char escape[5];
-            std::snprintf(escape, sizeof(escape), "\\x%02x", byte);
-            result += escape;
-        }
-    }
+    klLog::appendEscaped(result, text.substr(0, maxLength), true);
     return result + (text.size() > maxLength ? "...\"" : "\"");
 }
