@@ -329,38 +329,14 @@ void klNetService::handleRequest(klSocketLink* link, bool greet) {
 
 void klNetService::serveRequest(Request& request, bool greet) {
     std::uint32_t command = 0;
+    bool refused = false;
     try {
         // The deadline bounds the request as a whole; the receive time-out is a second line for
         // each read.
         request.link->setRecvTimeout(m_requestTimeout);
-        if (greet && !greetClient(request)) {
-            m_timer->cancel(request.deadline);
-            request.link.reset();
-            requestEnded();
-            return;
-        }
-        klNetStream stream(request.link);
-        try {
-            stream >> command;
-            dispatch(stream, request, command);
-        } catch (const std::exception& e) {
-            request.outcome = command == kStartServer
-                                  ? std::string("Failed to start server: ") + e.what()
-                                  : e.what();
-            request.level = klLog::Level::warning;
-            if (!request.timedOut) {
-                try {
-                    stream.sendException(e);
-                    stream.flush();
-                } catch (const std::exception& failure) {
-                    klLog::error("Failed to process command; %s\n", failure.what());
-                }
-            }
-        }
-        try {
-            stream.flush();
-        } catch (const std::exception&) {
-            // The client has gone; nothing is left to tell it.
+        refused = greet && !greetClient(request);
+        if (!refused) {
+            serveCommand(request, command);
         }
     } catch (const std::exception& e) {
         // Before a command: a port scan, a probe of another protocol, a client gone.
@@ -368,17 +344,45 @@ void klNetService::serveRequest(Request& request, bool greet) {
         request.level = klLog::Level::debug;
     }
     m_timer->cancel(request.deadline);
-    endRequest(request, command);
+    if (!refused) {  // a refusal has its own line
+        endRequest(request, command);
+    }
     // Closes the connection, unless a server or a relay holds it now.
     request.link.reset();
     // Only a stop-server request clears the table at once; after the others stopped servers stay
-    // listed until the next start or stop-server request.
+    // listed until the next start or stop-server request. (Removed servers are waited for.)
     if (command == kStopServer) {
         removeStoppedServers();
     }
     std::fflush(stderr);
     std::fflush(stdout);
     requestEnded();
+}
+
+void klNetService::serveCommand(Request& request, std::uint32_t& command) {
+    klNetStream stream(request.link);
+    try {
+        stream >> command;
+        dispatch(stream, request, command);
+    } catch (const std::exception& e) {
+        request.outcome = command == kStartServer
+                              ? std::string("Failed to start server: ") + e.what()
+                              : e.what();
+        request.level = klLog::Level::warning;
+        if (!request.timedOut) {
+            try {
+                stream.sendException(e);
+                stream.flush();
+            } catch (const std::exception& failure) {
+                klLog::error("Failed to process command; %s\n", failure.what());
+            }
+        }
+    }
+    try {
+        stream.flush();
+    } catch (const std::exception&) {
+        // The client has gone; nothing is left to tell it.
+    }
 }
 
 bool klNetService::greetClient(Request& request) {

@@ -190,6 +190,8 @@ private:
 
     void handleRequest(klSocketLink* link, bool greet);
     void serveRequest(Request& request, bool greet);
+    // Reads the command code into command and serves it; a failure is answered to the client.
+    void serveCommand(Request& request, std::uint32_t& command);
     void dispatch(klNetStream& stream, Request& request, std::uint32_t command);
     // Ends the request's time limit once its last byte is read, before its connection is handed
     // to a server or relayed; throws klConnectionClosed if the limit has passed already.
