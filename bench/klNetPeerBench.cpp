@@ -22,10 +22,8 @@
 //          processor: a pool that hands out the buffer let go longest ago misses on every one)
 //   fresh  every measurement in a process of its own, started for it
 // Usage: klNetPeerBench [rounds (default 5)] [scale (default 1.0)]; --help.
+#include "klBenchSealing.h"
 #include "klBenchSupport.h"
-
-#include <klNetBase/codecs/klNetFarmKey.h>
-#include <klNetBase/codecs/klNetFarmSealer.h>
 
 #include <zmq.h>
 
@@ -38,7 +36,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -56,30 +53,11 @@ constexpr std::size_t kHeader = 24;
 
 // ---- connections ------------------------------------------------------------------------------
 
-// A connected link pair, sealed with a farm key of the benchmark's own when asked: the accepting
-// end reads the sealed greeting and answers it on a thread of its own, as a service would.
+// A connected link pair, sealed when asked.
 LinkPair linkPair(bool sealed) {
     LinkPair links;
-    if (!sealed) {
-        return links;
-    }
-    std::array<std::uint8_t, klNetFarmKey::kSize> bytes;
-    bytes.fill(0x5A);
-    klNetFarmSealer sealer{klNetFarmKey(bytes)};
-    std::exception_ptr failure;
-    std::thread acceptor([&] {
-        try {
-            std::uint32_t greeting = 0;
-            links.server->recv(&greeting, sizeof(greeting));
-            sealer.accept(*links.server);
-        } catch (...) {
-            failure = std::current_exception();
-        }
-    });
-    sealer.connect(*links.client, 10.0);
-    acceptor.join();
-    if (failure) {
-        std::rethrow_exception(failure);
+    if (sealed) {
+        sealLinks(*links.client, *links.server);
     }
     return links;
 }
