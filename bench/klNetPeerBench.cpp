@@ -15,7 +15,7 @@
 // AES-256-GCM where the processor has AES instructions, else ChaCha20-Poly1305), against ZeroMQ
 // with CURVE on both ends. Their figures come from the same rounds as the plain ones.
 //
-// Two settings, each with every workload on all three contenders in each round, rounds
+// Two settings, each with every workload on all five contenders in each round, rounds
 // interleaved, each figure the median of the rounds:
 //   warm   one process for all rounds, after a warm-up that has grown the buffer pool to 1200
 //          buffers held at once (so that it holds far more free buffers than the caches of the
