@@ -251,8 +251,8 @@ int main(int argc, char** argv) {
     }
     try {
         if (stripeMode->parsed()) {
-            return stripe(clientNs, nodeNs, split(addresses), std::uint64_t(mib) << 20,
-                          int(rounds), sealed);
+            return stripe(clientNs, nodeNs, split(addresses), std::uint64_t(mib) << 20, int(rounds),
+                          sealed);
         }
         return roundTrip(clientNs, nodeNs, addresses, int(trips));
     } catch (const std::exception& e) {

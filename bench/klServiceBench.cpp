@@ -1,7 +1,8 @@
 // The cluster service under load, over loopback: status requests per second from 1 and from 50
-// clients at once, to a service without a farm key and to one with a key (sealed clients), bursts of clients beyond the service's request limit (every one must be
-// served), the time from a start request to the first pixels of a newly started render
-// server, and the cost of handing one socket through a socket pipe.
+// clients at once, to a service without a farm key and to one with a key (sealed clients), bursts
+// of clients beyond the service's request limit (every one must be served), the time from a start
+// request to the first pixels of a newly started render server, and the cost of handing one socket
+// through a socket pipe.
 //
 //   klServiceBench [seconds per load figure, default 3] [start rounds, default 10]
 #include "klBenchSupport.h"
@@ -192,9 +193,9 @@ int main(int argc, char** argv) {
     const std::vector<double> args = klbench::numericArguments(
         argc, argv,
         "A cluster service started on a loopback port: status requests per second (1 and 50 "
-        "clients, without and with a farm key), bursts beyond the request limit, the time from a start request to the first "
-        "pixels of the started render server, and the cost of handing a socket through a socket "
-        "pipe.",
+        "clients, without and with a farm key), bursts beyond the request limit, the time from a "
+        "start request to the first pixels of the started render server, and the cost of handing "
+        "a socket through a socket pipe.",
         {{"SECONDS", "seconds per load figure (default 3)", klCommandLine::number(0, 3600, true)},
          {"ROUNDS", "start rounds (default 10)", klCommandLine::integer(1, 1000)}},
         kTargets);
