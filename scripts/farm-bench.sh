@@ -128,7 +128,7 @@ printf "| 99th percentile  | %-12s | %-12s | %-8s |\n" "$kl_tail" "$plain_tail" 
     "$(awk -v a="$kl_tail" -v b="$plain_tail" 'BEGIN { printf "%.3f", a / b }')"
 
 echo
-echo "== sealed bulk: one link of 1 Gbit/s, sealed with a farm key against unsealed, $mib MiB x $rounds rounds"
+echo "== sealed bulk: one 1 Gbit/s link, sealed with a farm key against unsealed, $mib MiB x $rounds rounds"
 scripts/farm.sh up 1 --rate 1gbit >/dev/null
 unsealed=$("$bin/klFarmBench" stripe "$client" "$node" 10.231.1.2 "$mib" "$rounds")
 sealed=$("$bin/klFarmBench" stripe --sealed "$client" "$node" 10.231.1.2 "$mib" "$rounds")
