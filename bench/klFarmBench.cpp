@@ -2,13 +2,15 @@
 // process, each end's sockets made inside its own network namespace. Run by scripts/farm-bench.sh,
 // which makes the farm, runs iperf3 beside it and removes the farm again.
 //
-//   klFarmBench stripe CLIENT_NS NODE_NS ADDR[,ADDR...] [MIB] [ROUNDS]
+//   klFarmBench stripe [--sealed] CLIENT_NS NODE_NS ADDR[,ADDR...] [MIB] [ROUNDS]
 //       bulk stream data from the client to the node over one link per address, through a
 //       balanced sender of buffered senders (one per link); the receiver polls every link,
-//       unbundles and re-sorts. Prints the median throughput in Gbit/s of payload.
+//       unbundles and re-sorts. Prints the median throughput in Gbit/s of payload. --sealed
+//       seals every link with a farm key first.
 //   klFarmBench rtt CLIENT_NS NODE_NS ADDR [TRIPS]
 //       a 64-byte message answered with a result, against plain TCP echoing 24 + 64 bytes, over
 //       the one link; prints median and 99th percentile in microseconds.
+#include "klBenchSealing.h"
 #include "klBenchSupport.h"
 
 #include <klNetNamespace.h>
@@ -35,7 +37,8 @@ constexpr std::size_t kSmall = 64;
 constexpr std::size_t kHeader = 24;
 
 // One connection per address, made from the client namespace to a listener in the node
-// namespace: the near ends (client) and the far ends (node), in address order.
+// namespace: the near ends (client) and the far ends (node), in address order; sealed with a farm
+// key when asked.
 struct Links {
     std::vector<std::shared_ptr<klNetLink>> nears;
     std::vector<std::shared_ptr<klNetLink>> fars;
@@ -44,7 +47,7 @@ struct Links {
     int farDescriptor = -1;
 
     Links(const std::string& clientNs, const std::string& nodeNs,
-          const std::vector<std::string>& addresses) {
+          const std::vector<std::string>& addresses, bool sealed = false) {
         std::unique_ptr<klBoundSocketLink> listener;
         {
             klNetNamespace inside(nodeNs);
@@ -58,6 +61,9 @@ struct Links {
                     klSocketAddress(address, listener->getAddress().getPort()), 10.0);
             }
             auto far = std::make_shared<klSocketLink>(*listener);
+            if (sealed) {
+                sealLinks(*near, *far);
+            }
             if (nears.empty()) {
                 nearDescriptor = near->getDescriptor();
                 farDescriptor = far->getDescriptor();
@@ -82,8 +88,9 @@ std::vector<std::string> split(const std::string& list) {
 }
 
 int stripe(const std::string& clientNs, const std::string& nodeNs,
-           const std::vector<std::string>& addresses, std::uint64_t bytes, int rounds) {
-    Links links(clientNs, nodeNs, addresses);
+           const std::vector<std::string>& addresses, std::uint64_t bytes, int rounds,
+           bool sealed) {
+    Links links(clientNs, nodeNs, addresses, sealed);
     std::vector<std::shared_ptr<klNetSender>> perLink;
     for (const auto& near : links.nears) {
         perLink.push_back(klNetBufferedSender::create(klNetLinkSender::create(near), 0));
@@ -203,6 +210,7 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     std::string clientNs, nodeNs, addresses;
     long mib = 256, rounds = 3, trips = 5000;
+    bool sealed = false;
     const auto namespaces = [&](CLI::App* mode) {
         mode->add_option("CLIENT_NS", clientNs, "the client's network namespace")
             ->required()
@@ -215,6 +223,7 @@ int main(int argc, char** argv) {
         "stripe",
         "bulk stream data from the client to the node over one link per address, through a "
         "balanced sender of buffered senders; prints the median throughput in Gbit/s");
+    stripeMode->add_flag("--sealed", sealed, "seal every link with a farm key first");
     namespaces(stripeMode);
     stripeMode->add_option("ADDR", addresses, "the node's addresses, one per link, comma-separated")
         ->required()
@@ -242,8 +251,8 @@ int main(int argc, char** argv) {
     }
     try {
         if (stripeMode->parsed()) {
-            return stripe(clientNs, nodeNs, split(addresses), std::uint64_t(mib) << 20,
-                          int(rounds));
+            return stripe(clientNs, nodeNs, split(addresses), std::uint64_t(mib) << 20, int(rounds),
+                          sealed);
         }
         return roundTrip(clientNs, nodeNs, addresses, int(trips));
     } catch (const std::exception& e) {

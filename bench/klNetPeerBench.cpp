@@ -11,13 +11,18 @@
 //
 // Each ZeroMQ end has a context (and so an I/O thread) of its own, as two processes would.
 //
-// Two settings, each with every workload on all three contenders in each round, rounds
+// Sealed beside plain: the same three workloads over links sealed with a farm key (klNetFarmSealer:
+// AES-256-GCM where the processor has AES instructions, else ChaCha20-Poly1305), against ZeroMQ
+// with CURVE on both ends. Their figures come from the same rounds as the plain ones.
+//
+// Two settings, each with every workload on all five contenders in each round, rounds
 // interleaved, each figure the median of the rounds:
 //   warm   one process for all rounds, after a warm-up that has grown the buffer pool to 1200
 //          buffers held at once (so that it holds far more free buffers than the caches of the
 //          processor: a pool that hands out the buffer let go longest ago misses on every one)
 //   fresh  every measurement in a process of its own, started for it
 // Usage: klNetPeerBench [rounds (default 5)] [scale (default 1.0)]; --help.
+#include "klBenchSealing.h"
 #include "klBenchSupport.h"
 
 #include <zmq.h>
@@ -48,13 +53,22 @@ constexpr std::size_t kHeader = 24;
 
 // ---- connections ------------------------------------------------------------------------------
 
+// A connected link pair, sealed when asked.
+LinkPair linkPair(bool sealed) {
+    LinkPair links;
+    if (sealed) {
+        sealLinks(*links.client, *links.server);
+    }
+    return links;
+}
+
 // Two streams over one link pair: rank 1 sends to rank 2.
 struct StreamPair {
     LinkPair links;
     klNetStream master{links.client};
     klNetStream node{links.server};
 
-    StreamPair() {
+    explicit StreamPair(bool sealed) : links(linkPair(sealed)) {
         master.setRank(1);
         node.setRank(2);
         master.setSender(klNetLinkSender::create(links.client, {2}));
@@ -62,16 +76,30 @@ struct StreamPair {
     }
 };
 
-// One context per end: each end has an I/O thread of its own, as in two processes.
+// One context per end: each end has an I/O thread of its own, as in two processes. With curve,
+// the receiver is the CURVE server and the sender its client, each with a key pair of its own.
 struct ZmqPair {
     void* senderContext = zmq_ctx_new();
     void* receiverContext = zmq_ctx_new();
     void* sender;
     void* receiver;
 
-    ZmqPair(int senderType, int receiverType) {
+    ZmqPair(int senderType, int receiverType, bool curve) {
         sender = zmq_socket(senderContext, senderType);
         receiver = zmq_socket(receiverContext, receiverType);
+        if (curve) {
+            char serverPublic[41], serverSecret[41], clientPublic[41], clientSecret[41];
+            require(zmq_curve_keypair(serverPublic, serverSecret) == 0 &&
+                        zmq_curve_keypair(clientPublic, clientSecret) == 0,
+                    "libzmq has no CURVE");
+            const int server = 1;
+            require(zmq_setsockopt(receiver, ZMQ_CURVE_SERVER, &server, sizeof(server)) == 0 &&
+                        zmq_setsockopt(receiver, ZMQ_CURVE_SECRETKEY, serverSecret, 40) == 0 &&
+                        zmq_setsockopt(sender, ZMQ_CURVE_SERVERKEY, serverPublic, 40) == 0 &&
+                        zmq_setsockopt(sender, ZMQ_CURVE_PUBLICKEY, clientPublic, 40) == 0 &&
+                        zmq_setsockopt(sender, ZMQ_CURVE_SECRETKEY, clientSecret, 40) == 0,
+                    "cannot set the CURVE keys");
+        }
         require(zmq_bind(receiver, "tcp://127.0.0.1:*") == 0, "zmq_bind failed");
         char endpoint[256];
         std::size_t size = sizeof(endpoint);
@@ -149,8 +177,8 @@ double bulkPlain(PlainPair& pair, std::size_t total) {
     return double(total) / secondsSince(start);
 }
 
-double bulkZmq(std::size_t total) {
-    ZmqPair pair(ZMQ_PUSH, ZMQ_PULL);
+double bulkZmq(std::size_t total, bool curve) {
+    ZmqPair pair(ZMQ_PUSH, ZMQ_PULL, curve);
     std::vector<unsigned char> out(kBulkBuffer, 0x33);
     const Clock::time_point start = Clock::now();
     std::thread reader([&] {
@@ -217,8 +245,8 @@ std::vector<double> tripsPlain(PlainPair& pair, int count) {
     return trips;
 }
 
-std::vector<double> tripsZmq(int count) {
-    ZmqPair pair(ZMQ_REQ, ZMQ_REP);
+std::vector<double> tripsZmq(int count, bool curve) {
+    ZmqPair pair(ZMQ_REQ, ZMQ_REP, curve);
     std::thread server([&] {
         unsigned char in[kSmall];
         for (int i = 0; i < count; ++i) {
@@ -240,8 +268,8 @@ std::vector<double> tripsZmq(int count) {
 
 // ---- small messages: messages per second -------------------------------------------------------
 
-double smallStream(long count) {
-    LinkPair links;
+double smallStream(long count, bool sealed) {
+    const LinkPair links = linkPair(sealed);
     klNetStream master(links.client);
     klNetStream node(links.server);
     master.setRank(1);
@@ -268,8 +296,8 @@ double smallStream(long count) {
     return rate;
 }
 
-double smallZmq(long count) {
-    ZmqPair pair(ZMQ_PUSH, ZMQ_PULL);
+double smallZmq(long count, bool curve) {
+    ZmqPair pair(ZMQ_PUSH, ZMQ_PULL, curve);
     const Clock::time_point start = Clock::now();
     std::thread reader([&] {
         unsigned char in[kSmall];
@@ -311,9 +339,10 @@ double smallPlain(long count) {
 // ---- one measurement ---------------------------------------------------------------------------
 
 enum Workload { kBulk, kTrip, kSmallMessages, kWorkloads };
-enum Contender { kKl, kPlain, kZmq, kContenders };
+// Sealed: klNetBase over sealed links; curve: ZeroMQ with CURVE.
+enum Contender { kKl, kPlain, kZmq, kSealed, kCurve, kContenders };
 const char* const kWorkloadNames[] = {"bulk", "trip", "small"};
-const char* const kContenderNames[] = {"kl", "plain", "zmq"};
+const char* const kContenderNames[] = {"kl", "plain", "zmq", "sealed", "curve"};
 
 struct Sizes {
     std::size_t bulkBytes;
@@ -329,29 +358,33 @@ struct Sizes {
 
 // The connections that the warm setting keeps from round to round.
 struct Connections {
-    StreamPair streams;
+    StreamPair streams{false};
+    StreamPair sealedStreams{true};
     PlainPair plain;
 };
 
 // One workload on one contender: {bytes/s}, {median us, 99th percentile us} or {messages/s}.
 std::vector<double> measure(Workload workload, Contender contender, const Sizes& sizes,
                             Connections& connections) {
+    const bool sealed = contender == kSealed || contender == kCurve;
+    const bool kl = contender == kKl || contender == kSealed;
+    const bool zmq = contender == kZmq || contender == kCurve;
+    StreamPair& streams = sealed ? connections.sealedStreams : connections.streams;
     switch (workload) {
         case kBulk:
-            return {contender == kKl      ? bulkStream(connections.streams, sizes.bulkBytes)
-                    : contender == kPlain ? bulkPlain(connections.plain, sizes.bulkBytes)
-                                          : bulkZmq(sizes.bulkBytes)};
+            return {kl    ? bulkStream(streams, sizes.bulkBytes)
+                    : zmq ? bulkZmq(sizes.bulkBytes, sealed)
+                          : bulkPlain(connections.plain, sizes.bulkBytes)};
         case kTrip: {
-            const std::vector<double> trips =
-                contender == kKl      ? tripsStream(connections.streams, sizes.trips)
-                : contender == kPlain ? tripsPlain(connections.plain, sizes.trips)
-                                      : tripsZmq(sizes.trips);
+            const std::vector<double> trips = kl    ? tripsStream(streams, sizes.trips)
+                                              : zmq ? tripsZmq(sizes.trips, sealed)
+                                                    : tripsPlain(connections.plain, sizes.trips);
             return {median(trips), percentile(trips, 0.99)};
         }
         default:
-            return {contender == kKl      ? smallStream(sizes.smallCount)
-                    : contender == kPlain ? smallPlain(sizes.smallCount)
-                                          : smallZmq(sizes.smallCount)};
+            return {kl    ? smallStream(sizes.smallCount, sealed)
+                    : zmq ? smallZmq(sizes.smallCount, sealed)
+                          : smallPlain(sizes.smallCount)};
     }
 }
 
@@ -375,15 +408,17 @@ std::vector<double> measureFresh(Workload workload, Contender contender, double 
 
 // ---- the table ---------------------------------------------------------------------------------
 
+// A row of a table: the first contender's figure against two others.
 struct Row {
     const char* figure;
     const char* unit;
-    double kl, plain, zmq;
+    double first, second, third;
 };
 
 void printRow(const Row& row) {
     std::printf("| %-28s | %-5s | %10.2f | %10.2f | %10.2f | %8.3f | %8.3f |\n", row.figure,
-                row.unit, row.kl, row.plain, row.zmq, row.kl / row.plain, row.kl / row.zmq);
+                row.unit, row.first, row.second, row.third, row.first / row.second,
+                row.first / row.third);
 }
 
 // Medians over the rounds of every figure of every workload and contender.
@@ -400,16 +435,18 @@ struct Figures {
     }
 };
 
+// The ratios the targets are set on: the first contender to the second and to the third.
 struct Verdicts {
-    double bulk, trip, small;
+    double bulk, bulkThird, trip, small, smallThird;
 };
 
-Verdicts printTable(const char* title, const Figures& figures) {
+// The table of the first contender against the second and the third.
+Verdicts printTable(const char* title, const Figures& figures, const Contender (&of)[3]) {
     const auto row = [&](const char* figure, const char* unit, Workload workload, int i,
                          double unitScale) {
-        return Row{figure, unit, figures.at(workload, kKl, i) / unitScale,
-                   figures.at(workload, kPlain, i) / unitScale,
-                   figures.at(workload, kZmq, i) / unitScale};
+        return Row{figure, unit, figures.at(workload, of[0], i) / unitScale,
+                   figures.at(workload, of[1], i) / unitScale,
+                   figures.at(workload, of[2], i) / unitScale};
     };
     const Row rows[] = {
         row("bulk 1 GiB", "GB/s", kBulk, 0, 1e9),
@@ -417,9 +454,13 @@ Verdicts printTable(const char* title, const Figures& figures) {
         row("round trip 64 B, 99th pct", "us", kTrip, 1, 1),
         row("small messages 64 B", "M/s", kSmallMessages, 0, 1e6),
     };
+    static const char* const kTitles[] = {"klNetBase", "plain", "ZeroMQ", "sealed", "CURVE"};
+    static const char* const kShort[] = {"kl", "plain", "ZeroMQ", "sealed", "CURVE"};
+    const std::string second = std::string(kShort[of[0]]) + "/" + kShort[of[1]];
+    const std::string third = std::string(kShort[of[0]]) + "/" + kShort[of[2]];
     std::printf("\n%s\n\n", title);
     std::printf("| %-28s | %-5s | %10s | %10s | %10s | %8s | %8s |\n", "figure", "unit",
-                "klNetBase", "plain", "ZeroMQ", "kl/plain", "kl/ZeroMQ");
+                kTitles[of[0]], kTitles[of[1]], kTitles[of[2]], second.c_str(), third.c_str());
     std::printf("|%s|%s|%s|%s|%s|%s|%s|\n", std::string(30, '-').c_str(),
                 std::string(7, '-').c_str(), std::string(12, '-').c_str(),
                 std::string(12, '-').c_str(), std::string(12, '-').c_str(),
@@ -427,15 +468,30 @@ Verdicts printTable(const char* title, const Figures& figures) {
     for (const Row& r : rows) {
         printRow(r);
     }
-    return {rows[0].kl / rows[0].plain, rows[1].kl / rows[1].plain, rows[3].kl / rows[3].zmq};
+    return {rows[0].first / rows[0].second, rows[0].first / rows[0].third,
+            rows[1].first / rows[1].second, rows[3].first / rows[3].second,
+            rows[3].first / rows[3].third};
+}
+
+const char* verdict(bool met) {
+    return met ? "PASS" : "MISS";
 }
 
 void printTargets(const char* setting, const Verdicts& v) {
     std::printf(
         "%s: bulk >= 0.95 x plain: %.3f %s; round trip <= 1.1 x plain: %.3f %s; small messages "
         ">= 1.2 x ZeroMQ: %.3f %s\n",
-        setting, v.bulk, v.bulk >= 0.95 ? "PASS" : "MISS", v.trip, v.trip <= 1.1 ? "PASS" : "MISS",
-        v.small, v.small >= 1.2 ? "PASS" : "MISS");
+        setting, v.bulk, verdict(v.bulk >= 0.95), v.trip, verdict(v.trip <= 1.1), v.smallThird,
+        verdict(v.smallThird >= 1.2));
+}
+
+void printSealedTargets(const char* setting, const Verdicts& v) {
+    std::printf(
+        "%s sealed: bulk >= 0.6 x unsealed: %.3f %s, >= 3 x CURVE: %.3f %s; small messages >= "
+        "0.8 x unsealed: %.3f %s, >= 2 x CURVE: %.3f %s; round trip <= 1.15 x unsealed: %.3f %s\n",
+        setting, v.bulk, verdict(v.bulk >= 0.6), v.bulkThird, verdict(v.bulkThird >= 3), v.small,
+        verdict(v.small >= 0.8), v.smallThird, verdict(v.smallThird >= 2), v.trip,
+        verdict(v.trip <= 1.15));
 }
 
 [[noreturn]] void usageError(const std::string& text) {
@@ -481,12 +537,15 @@ int main(int argc, char** argv) {
         argc, argv,
         "The stream against plain sockets and ZeroMQ over loopback: bulk, round trip and small "
         "messages, the median of interleaved rounds, with the pool grown by a warm-up in one "
-        "process and in a fresh process for every measurement.",
+        "process and in a fresh process for every measurement; the same over links sealed with a "
+        "farm key against ZeroMQ with CURVE.",
         {{"ROUNDS", "rounds (default 5)", klCommandLine::integer(1, 1000)},
          {"SCALE", "scales the amount of data of every workload (default 1.0)",
           klCommandLine::number(0.001, 100)}},
         "in both settings, bulk at least 0.95 of plain sockets, round trip at most 1.1 of plain "
-        "sockets, small messages at least 1.2 times ZeroMQ.");
+        "sockets, small messages at least 1.2 times ZeroMQ; sealed bulk at least 0.6 of unsealed "
+        "and 3 times ZeroMQ CURVE, sealed small messages at least 0.8 of unsealed and 2 times "
+        "ZeroMQ CURVE, sealed round trip at most 1.15 of unsealed.");
     const int rounds = args.empty() ? 5 : int(args[0]);
     const double scale = args.size() > 1 ? args[1] : 1.0;
     const Sizes sizes(scale);
@@ -512,11 +571,20 @@ int main(int argc, char** argv) {
 
     std::printf("median of %d interleaved rounds, loopback, both ends in one process, %u cores\n",
                 rounds, std::thread::hardware_concurrency());
+    const Contender plainTable[] = {kKl, kPlain, kZmq};
+    const Contender sealedTable[] = {kSealed, kKl, kCurve};
     const Verdicts warmVerdicts =
-        printTable("warm: one process, buffer pool grown to 1200 buffers first", warm);
-    const Verdicts freshVerdicts = printTable("fresh: a new process for every measurement", fresh);
+        printTable("warm: one process, buffer pool grown to 1200 buffers first", warm, plainTable);
+    const Verdicts freshVerdicts =
+        printTable("fresh: a new process for every measurement", fresh, plainTable);
+    const Verdicts warmSealed = printTable(
+        "warm, sealed: farm-key links against unsealed ones and ZeroMQ CURVE", warm, sealedTable);
+    const Verdicts freshSealed = printTable(
+        "fresh, sealed: farm-key links against unsealed ones and ZeroMQ CURVE", fresh, sealedTable);
     std::printf("\ntargets\n");
     printTargets("warm ", warmVerdicts);
     printTargets("fresh", freshVerdicts);
+    printSealedTargets("warm ", warmSealed);
+    printSealedTargets("fresh", freshSealed);
     return 0;
 }
