@@ -8,7 +8,7 @@ packages=(
   g++ cmake ninja-build pkg-config git
   libtbb-dev qtbase5-dev libcivetweb-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev libzmq3-dev libpng-dev systemd
-  liblz4-dev libzstd-dev libsodium-dev
+  liblz4-dev libzstd-dev libsodium-dev libssl-dev
   libcli11-dev libcurl4-openssl-dev help2man
   clang-format
   iproute2 iperf3 dpkg-dev
