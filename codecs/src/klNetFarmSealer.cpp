@@ -62,9 +62,8 @@ class AesGcm {
 public:
     AesGcm(const unsigned char* key, bool sealing)
         : m_context(EVP_CIPHER_CTX_new()), m_sealing(sealing) {
-        if (m_context == nullptr ||
-            EVP_CipherInit_ex(m_context, EVP_aes_256_gcm(), nullptr, key, nullptr,
-                              sealing ? 1 : 0) != 1) {
+        if (m_context == nullptr || EVP_CipherInit_ex(m_context, EVP_aes_256_gcm(), nullptr, key,
+                                                      nullptr, sealing ? 1 : 0) != 1) {
             EVP_CIPHER_CTX_free(m_context);
             throw klNetError("Unable to set up AES-256-GCM");
         }
@@ -75,21 +74,22 @@ public:
 
     // Seals (or opens, checking the tag that follows the cipher text) size bytes of in into out.
     bool apply(const unsigned char* nonce, const unsigned char* extra, std::size_t extraSize,
-               const unsigned char* in, std::size_t size, unsigned char* out,
-               unsigned char* tag) {
+               const unsigned char* in, std::size_t size, unsigned char* out, unsigned char* tag) {
         int length = 0;
         if (EVP_CipherInit_ex(m_context, nullptr, nullptr, nullptr, nonce, -1) != 1 ||
             EVP_CipherUpdate(m_context, nullptr, &length, extra, int(extraSize)) != 1 ||
             EVP_CipherUpdate(m_context, out, &length, in, int(size)) != 1) {
             return false;
         }
-        if (!m_sealing && EVP_CIPHER_CTX_ctrl(m_context, EVP_CTRL_GCM_SET_TAG, kTagSize, tag) != 1) {
+        if (!m_sealing &&
+            EVP_CIPHER_CTX_ctrl(m_context, EVP_CTRL_GCM_SET_TAG, kTagSize, tag) != 1) {
             return false;
         }
         if (EVP_CipherFinal_ex(m_context, out + length, &length) != 1) {
             return false;
         }
-        return !m_sealing || EVP_CIPHER_CTX_ctrl(m_context, EVP_CTRL_GCM_GET_TAG, kTagSize, tag) == 1;
+        return !m_sealing ||
+               EVP_CIPHER_CTX_ctrl(m_context, EVP_CTRL_GCM_GET_TAG, kTagSize, tag) == 1;
     }
 
     static constexpr int kTagSize = 16;

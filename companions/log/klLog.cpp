@@ -97,10 +97,10 @@ void writeLine(klLog::Level level, const char* format, va_list args) {
 
 }  // namespace
 
-#define KLLOG_WRITE(level)            \
-    va_list args;                     \
-    va_start(args, format);           \
-    writeLine(level, format, args);   \
+#define KLLOG_WRITE(level)          \
+    va_list args;                   \
+    va_start(args, format);         \
+    writeLine(level, format, args); \
     va_end(args)
 
 void klLog::error(const char* format, ...) {

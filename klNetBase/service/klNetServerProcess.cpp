@@ -236,8 +236,9 @@ void klNetServerProcess::executeProcess(bool console) {
                          const bool expected = *stopRequested || (!killed && status == 0);
                          klLog::write(expected ? klLog::Level::info : klLog::Level::warning,
                                       "Server %u (process %lld, booking %s) %s %d\n", id,
-                             static_cast<long long>(program.processId()), booking.c_str(),
-                             killed ? "was killed by signal" : "exited with status", status);
+                                      static_cast<long long>(program.processId()), booking.c_str(),
+                                      killed ? "was killed by signal" : "exited with status",
+                                      status);
                      });
 
     const std::string path = getServerPath(m_version);

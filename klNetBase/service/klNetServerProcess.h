@@ -124,7 +124,8 @@ private:
     std::future<void> m_threadResult;
     bool m_inThread = false;
     // Shared with the handler that logs the program's end, which may outlive this object.
-    const std::shared_ptr<std::atomic<bool>> m_stopFlag = std::make_shared<std::atomic<bool>>(false);
+    const std::shared_ptr<std::atomic<bool>> m_stopFlag =
+        std::make_shared<std::atomic<bool>>(false);
     const std::string m_serviceArgument;
     const std::string m_extraArgument;
     const std::string m_bookingId;

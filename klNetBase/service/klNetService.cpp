@@ -365,9 +365,8 @@ void klNetService::serveCommand(Request& request, std::uint32_t& command) {
         stream >> command;
         dispatch(stream, request, command);
     } catch (const std::exception& e) {
-        request.outcome = command == kStartServer
-                              ? std::string("Failed to start server: ") + e.what()
-                              : e.what();
+        request.outcome =
+            command == kStartServer ? std::string("Failed to start server: ") + e.what() : e.what();
         request.level = klLog::Level::warning;
         if (!request.timedOut) {
             try {
@@ -475,8 +474,8 @@ void klNetService::startServer(klNetStream& stream, Request& request) {
     StartSlot slot(*this);
     const unsigned id = ++m_lastServerId;
     auto server =
-        klNetServerProcess::create(extraArgument, id, m_serviceArgument, version, display,
-                                   stereo, firstOption, secondOption, thirdOption, bookingId);
+        klNetServerProcess::create(extraArgument, id, m_serviceArgument, version, display, stereo,
+                                   firstOption, secondOption, thirdOption, bookingId);
     server->start(m_console);
     addServer(server, slot, request.peer);
 
@@ -652,8 +651,9 @@ void klNetService::stopServerByBookingId(klNetStream& stream, Request& request) 
         server->stop();
     }
     stream.sendSuccess();
-    request.outcome = textOf("stopped ", matching.size(), matching.size() == 1 ? " server" : " servers",
-                             " of booking ", klNetUtils::quoted(bookingId));
+    request.outcome =
+        textOf("stopped ", matching.size(), matching.size() == 1 ? " server" : " servers",
+               " of booking ", klNetUtils::quoted(bookingId));
 }
 
 std::shared_ptr<klNetServerProcess> klNetService::getServer(unsigned id) {
@@ -809,9 +809,9 @@ void klNetService::waitForRequests() {
 }
 
 void klNetService::endRequest(const Request& request, std::uint32_t command) {
-    const std::string name =
-        command == 0 || command > kStopServerByBookingId ? textOf("command ", command)
-                                                         : commandName(command);
+    const std::string name = command == 0 || command > kStopServerByBookingId
+                                 ? textOf("command ", command)
+                                 : commandName(command);
     if (request.timedOut) {
         klLog::warning("Request from %s timed out after %g s\n", request.peer.c_str(),
                        m_requestTimeout);
@@ -821,11 +821,10 @@ void klNetService::endRequest(const Request& request, std::uint32_t command) {
     }
 
     const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - request.accepted)
-            .count();
-    const Outcome outcome = request.timedOut                            ? kTimedOut
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - request.accepted).count();
+    const Outcome outcome = request.timedOut                         ? kTimedOut
                             : request.level == klLog::Level::warning ? kFailed
-                                                                        : kSucceeded;
+                                                                     : kSucceeded;
     std::lock_guard<std::mutex> guard(m_metricsLock);
     ++m_metrics.requests[command <= kStopServerByBookingId ? command : 0][outcome];
     for (std::size_t i = 0; i < Metrics::kLatencyBounds.size(); ++i) {

@@ -1,7 +1,7 @@
 #include <klNetBase/service/klNetUtils.h>
 
-#include <klPlatform.h>
 #include <klLog.h>
+#include <klPlatform.h>
 #include <klVersionInfo.h>
 
 #include <QDir>
