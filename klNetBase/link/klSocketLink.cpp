@@ -172,7 +172,6 @@ void klSocketLink::recvSealed(klNetBuffer& buffer) {
     }
 }
 
-
 klSocketLink::~klSocketLink() {
     const klSocketHandle fd = m_descriptor.exchange(klInvalidSocket);
     if (fd != klInvalidSocket) {
