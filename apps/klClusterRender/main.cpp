@@ -310,7 +310,9 @@ public:
         if (options.nodes.empty()) {
             std::printf("Starting a cluster service on loopback ...\n");
             // A service of this run alone: as many servers as the run asks for.
-            std::vector<std::string> arguments{"--max-servers", std::to_string(options.servers)};
+            // Its log says only what goes wrong: the report below says what was done.
+            std::vector<std::string> arguments{"--max-servers", std::to_string(options.servers),
+                                               "--log-level", "warning"};
             if (!options.keyFile.empty()) {
                 arguments.insert(arguments.end(), {"--key-file", options.keyFile});
             }
