@@ -177,6 +177,14 @@ private:
     std::abort();
 }
 
+// A finding: the code under test broke a promise the target checks; libFuzzer keeps the input.
+inline void check(bool condition, const char* what) {
+    if (!condition) {
+        std::fprintf(stderr, "fuzz harness: %s\n", what);
+        std::abort();
+    }
+}
+
 // One connected pair of stream sockets: the library reads from the near end what a writer thread
 // sends from the far end, which then closes its sending side so that the reader sees the peer go
 // away after the last byte. TCP over loopback when the code under test sets TCP options, a

@@ -11,12 +11,7 @@
 
 namespace {
 
-void check(bool condition, const char* what) {
-    if (!condition) {
-        std::fprintf(stderr, "fuzz harness: %s\n", what);
-        std::abort();
-    }
-}
+using klfuzz::check;
 
 // True when the records of the payload end exactly at its end.
 bool wellFormed(const std::vector<std::uint8_t>& payload) {

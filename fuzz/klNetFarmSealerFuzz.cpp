@@ -15,12 +15,7 @@
 
 namespace {
 
-void check(bool condition, const char* what) {
-    if (!condition) {
-        std::fprintf(stderr, "fuzz harness: %s\n", what);
-        std::abort();
-    }
-}
+using klfuzz::check;
 
 // The state of a seal with fixed keys, as a hand-off would carry it: version 1, AES or not, the
 // two keys, both frame numbers 0.

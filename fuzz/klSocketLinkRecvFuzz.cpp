@@ -9,6 +9,8 @@
 
 namespace {
 
+using klfuzz::check;
+
 // A cipher that changes every byte, so that deciphering runs over exactly the received length.
 class XorCipher final : public klNetCipherBase {
 public:
@@ -28,13 +30,6 @@ private:
         }
     }
 };
-
-void check(bool condition, const char* what) {
-    if (!condition) {
-        std::fprintf(stderr, "fuzz harness: %s\n", what);
-        std::abort();
-    }
-}
 
 }  // namespace
 

@@ -121,15 +121,18 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
                            : "'" + text + "' is not error, warning, info or debug";
             },
             ""));
-    std::string metrics;
-    app.add_option("--metrics", metrics,
+    app.add_option("--metrics", options.metrics,
                    "serve Prometheus metrics at /metrics and the running servers as JSON at "
                    "/servers over HTTP (default: off; a bare port listens on 127.0.0.1)")
         ->type_name("[ADDRESS:]PORT")
-        ->check(CLI::Validator(
+        ->transform(CLI::Validator(
             [](std::string& text) -> std::string {
-                return metricsAddress(text).empty() ? "'" + text + "' is not [ADDRESS:]PORT"
-                                                    : std::string();
+                const std::string address = metricsAddress(text);
+                if (address.empty()) {
+                    return "'" + text + "' is not [ADDRESS:]PORT";
+                }
+                text = address;
+                return {};
             },
             ""));
     app.add_option("--key-file", options.keyFile,
@@ -177,7 +180,6 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
         return done;
     }
     klLog::parseLevel(level, options.logLevel);
-    options.metrics = metrics.empty() ? std::string() : metricsAddress(metrics);
     options.console = !noConsole;
     for (const std::string& range : options.allowed) {
         options.peerFilter.allow(range);

@@ -101,10 +101,10 @@ private:
 
 // The keys and frame numbers of one connection: AES-256-GCM or ChaCha20-Poly1305 (IETF), a
 // direction's nonce its frame number, little-endian, in 12 bytes.
-class SodiumSeal final : public klNetLinkSeal {
+class AeadSeal final : public klNetLinkSeal {
 public:
-    SodiumSeal(bool aes, const unsigned char* sendKey, const unsigned char* recvKey,
-               std::uint64_t sendNumber, std::uint64_t recvNumber)
+    AeadSeal(bool aes, const unsigned char* sendKey, const unsigned char* recvKey,
+             std::uint64_t sendNumber, std::uint64_t recvNumber)
         : m_aes(aes), m_sendNumber(sendNumber), m_recvNumber(recvNumber) {
         std::memcpy(m_sendKey, sendKey, kKeySize);
         std::memcpy(m_recvKey, recvKey, kKeySize);
@@ -113,7 +113,7 @@ public:
             m_recvAes = std::make_unique<AesGcm>(m_recvKey, false);
         }
     }
-    ~SodiumSeal() override {
+    ~AeadSeal() override {
         sodium_memzero(m_sendKey, sizeof(m_sendKey));
         sodium_memzero(m_recvKey, sizeof(m_recvKey));
     }
@@ -178,7 +178,7 @@ public:
         if (aes && !crypto_aead_aes256gcm_is_available()) {
             throw klNetError("Sealed connection handed over with AES, which this processor lacks");
         }
-        return std::make_unique<SodiumSeal>(aes, bytes, bytes + kKeySize, numbers[0], numbers[1]);
+        return std::make_unique<AeadSeal>(aes, bytes, bytes + kKeySize, numbers[0], numbers[1]);
     }
 
 private:
@@ -203,8 +203,8 @@ void sealWith(klSocketLink& link, const klNetFarmKey& key, const Transcript& tra
     unsigned char c2s[kKeySize], s2c[kKeySize];
     transcript.derive(key, "klnet seal c2s", c2s);
     transcript.derive(key, "klnet seal s2c", s2c);
-    link.setSeal(std::make_unique<SodiumSeal>(transcript.aes(), accepting ? s2c : c2s,
-                                              accepting ? c2s : s2c, 0, 0));
+    link.setSeal(std::make_unique<AeadSeal>(transcript.aes(), accepting ? s2c : c2s,
+                                            accepting ? c2s : s2c, 0, 0));
     sodium_memzero(c2s, sizeof(c2s));
     sodium_memzero(s2c, sizeof(s2c));
 }
@@ -291,5 +291,5 @@ std::shared_ptr<klSocketLink> klNetFarmSealer::connect(const klSocketAddress& ad
 
 void klNetFarmSealer::enableHandOff() {
     initialiseSodium();
-    klNetLinkSeal::setRestorer(&SodiumSeal::restore);
+    klNetLinkSeal::setRestorer(&AeadSeal::restore);
 }
