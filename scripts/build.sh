@@ -21,6 +21,12 @@ esac
 
 generator=()
 command -v ninja >/dev/null && generator=(-G Ninja)
+# ccache, where installed, shares compiled objects between variants' rebuilds and between
+# checkouts (paths below the checkout are hashed relative to it).
+if command -v ccache >/dev/null; then
+  flags+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+  export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1
+fi
 if [[ ! -f "build/$variant/CMakeCache.txt" ]]; then
   cmake -S . -B "build/$variant" "${generator[@]}" -DKLNETBASE_WERROR=ON "${flags[@]}" >/dev/null
 fi
