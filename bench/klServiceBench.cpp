@@ -11,8 +11,6 @@
 #include <klRenderProtocol.h>
 #include <klServiceClient.h>
 
-#include <klNetBase/codecs/klNetFarmKey.h>
-#include <klNetBase/codecs/klNetFarmSealer.h>
 #include <klNetBase/link/klSocketPipe.h>
 
 #include <sys/socket.h>
@@ -31,34 +29,6 @@ namespace {
 
 using klbench::Clock;
 using klbench::secondsSince;
-
-// A farm key of its own in a directory of its own under /tmp, both removed when it goes.
-class TemporaryKey {
-public:
-    TemporaryKey() {
-        char directory[] = "/tmp/klServiceBench.XXXXXX";
-        klbench::require(::mkdtemp(directory) != nullptr, "cannot make a temporary directory");
-        m_directory = directory;
-        m_path = m_directory + "/farm.key";
-        try {
-            klNetFarmKey::generate(m_path);
-        } catch (...) {
-            ::rmdir(m_directory.c_str());
-            throw;
-        }
-    }
-    ~TemporaryKey() {
-        ::unlink(m_path.c_str());
-        ::rmdir(m_directory.c_str());
-    }
-    TemporaryKey(const TemporaryKey&) = delete;
-    TemporaryKey& operator=(const TemporaryKey&) = delete;
-
-    const std::string& path() const { return m_path; }
-
-private:
-    std::string m_directory, m_path;
-};
 
 // Status requests per second from clients threads, each asking again as soon as it has an answer.
 double statusRate(const klServiceClient& service, int clients, double seconds) {
@@ -202,13 +172,12 @@ int main(int argc, char** argv) {
     const double seconds = args.size() > 0 ? args[0] : 3.0;
     const int rounds = args.size() > 1 ? int(args[1]) : 10;
     try {
-        klLocalService local({"--max-requests", "128"});
+        klLocalService local({"--max-requests", "128"}, klLocalService::Sealing::none);
         const klServiceClient service("127.0.0.1", local.port());
         // The same service with a farm key, and a client that seals with it.
-        const TemporaryKey key;
-        klLocalService keyedLocal({"--max-requests", "128", "--key-file", key.path()});
+        klLocalService keyedLocal({"--max-requests", "128"});
         klServiceClient keyed("127.0.0.1", keyedLocal.port());
-        keyed.setSealer(std::make_shared<klNetFarmSealer>(klNetFarmKey::load(key.path())));
+        keyed.setSealer(keyedLocal.sealer());
 
         std::printf("status requests without and with a farm key, 1 client ...\n");
         const auto [one, keyedOne] = statusRates(service, keyed, 1, seconds);
@@ -220,7 +189,7 @@ int main(int argc, char** argv) {
         int burstFailures[2] = {0, 0};
         double burstSeconds[2] = {0, 0};
         {
-            klLocalService defaults(std::vector<std::string>{});
+            klLocalService defaults({}, klLocalService::Sealing::none);
             const klServiceClient fresh("127.0.0.1", defaults.port());
             std::printf("burst of 30 clients, 100 requests ...\n");
             burstSeconds[0] = burst(fresh, 30, 100, burstFailures[0]);

@@ -2,16 +2,20 @@
 
 #include <klPlatform.h>
 
+#include <klNetBase/codecs/klNetFarmKey.h>
+#include <klNetBase/codecs/klNetFarmSealer.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 
@@ -30,9 +34,16 @@ double secondsSince(Clock::time_point start) {
 
 }  // namespace
 
-klLocalService::klLocalService(const std::vector<std::string>& arguments) {
+klLocalService::klLocalService(const std::vector<std::string>& arguments, Sealing sealing) {
     const std::string path = klPlatform::getBinDir() + "/KALDClusterService";
-    std::vector<std::string> all{path, "--port", "0", "--no-console"};
+    std::vector<std::string> all{
+        path, "--port", "0", "--listen", host(), "--no-console", "--stop-on-stdin-close"};
+    std::optional<klNetFarmKey> key;
+    if (sealing == Sealing::runKey) {
+        key = klNetFarmKey::random();
+        m_sealer = std::make_shared<klNetFarmSealer>(*key);
+        all.insert(all.end(), {"--key-file", "-"});
+    }
     all.insert(all.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
     for (auto& argument : all) {
@@ -40,22 +51,45 @@ klLocalService::klLocalService(const std::vector<std::string>& arguments) {
     }
     argv.push_back(nullptr);
 
-    int out[2];
+    int out[2], in[2];
     if (::pipe2(out, O_CLOEXEC) != 0) {
         throw std::runtime_error(std::string("cannot create a pipe: ") + std::strerror(errno));
     }
-    posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    const int failed = ::posix_spawn(&m_pid, path.c_str(), &actions, nullptr, argv.data(), environ);
-    ::posix_spawn_file_actions_destroy(&actions);
+    if (::pipe2(in, O_CLOEXEC) != 0) {
+        const int error = errno;
+        ::close(out[0]);
+        ::close(out[1]);
+        throw std::runtime_error(std::string("cannot create a pipe: ") + std::strerror(error));
+    }
+    // fork and exec rather than posix_spawn, which cannot set the parent-death signal. Between
+    // the two the child calls only async-signal-safe functions: this process may run threads.
+    const pid_t parent = ::getpid();
+    m_pid = ::fork();
+    if (m_pid == 0) {
+        if (::prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || ::getppid() != parent ||
+            ::dup2(in[0], STDIN_FILENO) < 0 || ::dup2(out[1], STDOUT_FILENO) < 0) {
+            ::_exit(127);  // the parent is gone already, or the pipes cannot be set up
+        }
+        ::execve(path.c_str(), argv.data(), environ);
+        ::_exit(127);
+    }
+    const int error = errno;
     ::close(out[1]);
+    ::close(in[0]);
     m_out = out[0];
-    if (failed != 0) {
+    m_in = in[1];
+    if (m_pid < 0) {
         ::close(m_out);
-        throw std::runtime_error("cannot start " + path + ": " + std::strerror(failed));
+        ::close(m_in);
+        throw std::runtime_error("cannot start " + path + ": " + std::strerror(error));
     }
     try {
+        // 32 bytes fit into the empty pipe at once.
+        if (key &&
+            ::write(m_in, key->data(), klNetFarmKey::kSize) != ssize_t(klNetFarmKey::kSize)) {
+            throw std::runtime_error(std::string("cannot give the service its key: ") +
+                                     std::strerror(errno));
+        }
         m_port = readPort();
     } catch (...) {
         end();
@@ -68,6 +102,10 @@ klLocalService::~klLocalService() {
 }
 
 void klLocalService::end() {
+    if (m_in >= 0) {
+        ::close(m_in);  // the service stops on the end of its input
+        m_in = -1;
+    }
     if (m_out >= 0 && !waitForExit(0.0)) {
         ::kill(m_pid, SIGTERM);
         if (!waitForExit(kStopSeconds)) {

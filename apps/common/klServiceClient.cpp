@@ -62,6 +62,9 @@ std::shared_ptr<klNetStream> klServiceClient::open(std::uint32_t command) const 
     try {
         link = std::make_shared<klSocketLink>(klSocketAddress(m_host, std::to_string(m_port)),
                                               m_connectTimeout);
+        // The connection may go on to a render server and carry a long render: a node that is
+        // gone without a word (power, cable, route) must be noticed in seconds, not hours.
+        link->setKeepAlive(klSocketKeepAlive::deadPeerWithin15s());
         if (m_sealer) {
             m_sealer->connect(*link, m_recvTimeout);
             link->setRecvTimeout(m_recvTimeout);

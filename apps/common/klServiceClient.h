@@ -28,6 +28,10 @@
 //                          ("Unknown server:7")
 // All four are klNetError.
 //
+// Every connection has keep-alive (klSocketKeepAlive::deadPeerWithin15s()): a service or server
+// gone without a word fails a blocked call with "recv error. 110:Connection timed out" within
+// about 15 s.
+//
 // Ownership: a client holds only its settings. The streams it returns own their connections; the
 // connection closes when the last copy of the stream goes.
 // Thread safety: const calls from any number of threads at once (each uses its own connection);

@@ -9,7 +9,13 @@
 //
 // A node that fails mid-frame (its server or service dies, its connection breaks) ends the run at
 // once with one line naming the node: the servers of the other nodes are stopped by the booking id
-// and the connections to them are shut, so nothing waits for pixels that will never come.
+// and the connections to them are shut, so nothing waits for pixels that will never come. A server
+// that sends nothing for --stall-timeout seconds (frozen, or its node cut off) counts as failed;
+// every connection has keep-alive, so a node gone without a word is noticed within about 15 s.
+//
+// SIGINT and SIGTERM stop the servers on every node and the service of our own, then end the
+// program with 130 or 143; a second signal ends it at once. Even SIGKILL leaves no service of our
+// own behind: it ends with the pipe on its standard input (klLocalService).
 #include <klNetBase/klNetBase.h>
 #include <klNetBase/service/klNetServiceStatus.h>
 
@@ -17,6 +23,9 @@
 #include <klLocalService.h>
 #include <klRenderProtocol.h>
 #include <klServiceClient.h>
+#include <klSignalWatcher.h>
+
+#include <klNetBase/core/klConnectionTimeout.h>
 
 #include <klNetBase/codecs/klNetFarmKey.h>
 #include <klNetBase/codecs/klNetFarmSealer.h>
@@ -62,6 +71,7 @@ struct Options {
     std::string output = "frame.png";
     std::vector<std::pair<std::string, int>> nodes;
     std::string keyFile;
+    double stallTimeout = 10.0;
 };
 
 [[noreturn]] void usageError(const std::string& text) {
@@ -131,9 +141,14 @@ Options parseOptions(int argc, char** argv) {
         ->type_name("PATH");
     std::vector<std::string> lists, files;
     app.add_option("--key-file", options.keyFile,
-                   "the farm key: seal every connection with it (and give it to the loopback "
-                   "service without --nodes)")
+                   "the farm key of the services of --nodes: seal every connection with it "
+                   "(without --nodes the service of our own uses a key made for the run)")
         ->type_name("PATH");
+    app.add_option("--stall-timeout", options.stallTimeout,
+                   "a server that sends no pixels for this many seconds has failed (default 10; "
+                   "0: wait for ever); raise it for rows that take longer to render")
+        ->type_name("SECONDS")
+        ->check(klCommandLine::number(0, 86400));
     app.add_option("--nodes", lists,
                    "services to use, host[:port] separated by commas (repeatable); the frame "
                    "is split over all of them")
@@ -146,8 +161,10 @@ Options parseOptions(int argc, char** argv) {
     app.footer(
         "A progress bar is drawn on a terminal; into a file or pipe a line is written every "
         "tenth of the frame.\n\n"
+        "SIGINT or SIGTERM stop the servers on every node and the service of our own; a second "
+        "signal ends the program at once.\n\n"
         "Exit status: 0 done, 1 the render failed (one line on standard error, naming the node "
-        "that failed), 2 bad command line.");
+        "that failed), 2 bad command line, 130 SIGINT, 143 SIGTERM.");
     if (const std::optional<int> done = cli.parse(argc, argv)) {
         std::exit(*done);
     }
@@ -254,12 +271,15 @@ std::string joined(const std::vector<std::string>& texts) {
 // A failure of one node: the text names it.
 class NodeFailure : public std::runtime_error {
 public:
-    NodeFailure(const klServiceClient& service, const std::string& text)
-        : std::runtime_error(text), m_service(&service) {}
+    // reported: the text is on standard error already.
+    NodeFailure(const klServiceClient& service, const std::string& text, bool reported = false)
+        : std::runtime_error(text), m_service(&service), m_reported(reported) {}
     const klServiceClient& service() const { return *m_service; }
+    bool reported() const { return m_reported; }
 
 private:
     const klServiceClient* m_service;
+    bool m_reported;
 };
 
 // One render server at work on a band of rows.
@@ -273,12 +293,12 @@ struct Server {
 // when the servers are stopped) are not kept.
 class FirstFailure {
 public:
-    // Thread-safe.
-    void set(const klServiceClient& service, const std::string& cause) {
+    // text names the node. Thread-safe.
+    void set(const klServiceClient& service, const std::string& text) {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_service == nullptr) {
             m_service = &service;
-            m_text = "node " + nodeName(service) + " failed mid-frame: " + cause;
+            m_text = text;
             m_failed.store(true);
         }
     }
@@ -303,6 +323,8 @@ private:
 
 // The services of the run and the booking id its servers are started with. stopServers() stops
 // them on every node: after a failure quietly on the failed node, whose service may be gone.
+// Thread safety: startServer() and stopServers() from any thread (the signal watcher stops the
+// servers of an interrupted run); the rest on the main thread.
 class Farm {
 public:
     explicit Farm(const Options& options)
@@ -311,20 +333,18 @@ public:
             std::printf("Starting a cluster service on loopback ...\n");
             // A service of this run alone: as many servers as the run asks for.
             // Its log says only what goes wrong: the report below says what was done.
-            std::vector<std::string> arguments{"--max-servers", std::to_string(options.servers),
-                                               "--log-level", "warning"};
-            if (!options.keyFile.empty()) {
-                arguments.insert(arguments.end(), {"--key-file", options.keyFile});
-            }
-            m_local.emplace(arguments);
-            m_services.emplace_back("127.0.0.1", m_local->port());
-            std::printf("  KALDClusterService listening on 127.0.0.1:%d\n", m_local->port());
+            m_local.emplace(std::vector<std::string>{
+                "--max-servers", std::to_string(options.servers), "--log-level", "warning"});
+            m_services.emplace_back(klLocalService::host(), m_local->port());
+            m_services.front().setSealer(m_local->sealer());
+            std::printf("  KALDClusterService listening on %s:%d\n", klLocalService::host(),
+                        m_local->port());
         } else {
             for (const auto& [host, port] : options.nodes) {
                 m_services.emplace_back(host, port);
             }
         }
-        if (!options.keyFile.empty()) {
+        if (!options.keyFile.empty() && !m_local) {
             const auto sealer =
                 std::make_shared<klNetFarmSealer>(klNetFarmKey::load(options.keyFile));
             for (klServiceClient& service : m_services) {
@@ -336,8 +356,20 @@ public:
     const std::string& bookingId() const { return m_bookingId; }
     const std::vector<klServiceClient>& services() const { return m_services; }
 
-    // Once per run; later calls do nothing.
+    // Starts a server of the booking, unless the servers have been stopped already (then throws):
+    // a start is never left behind by a stop running at the same time.
+    klServiceClient::StartResult startServer(const klServiceClient& service,
+                                             const klServiceClient::StartRequest& request) {
+        std::lock_guard<std::mutex> lock(m_bookingLock);
+        if (m_serversStopped) {
+            throw std::runtime_error("the servers were stopped");
+        }
+        return service.startServer(request);
+    }
+
+    // Once per run; later calls do nothing (once the first has done its work).
     void stopServers(const klServiceClient* failed = nullptr) {
+        std::lock_guard<std::mutex> lock(m_bookingLock);
         if (m_serversStopped) {
             return;
         }
@@ -372,12 +404,62 @@ private:
     std::string m_bookingId;
     std::optional<klLocalService> m_local;
     std::vector<klServiceClient> m_services;
+    // Guarded by m_bookingLock, held while servers are started or stopped.
+    std::mutex m_bookingLock;
     bool m_serversStopped = false;
 };
 
+// The end of the process, whoever brings it: main with its last word, or the signal watcher after
+// an interrupted run's clean-up, which keeps it until it exits.
+std::mutex g_ending;
+// Set by the signal watcher before it stops the servers: the failures that follow are its doing.
+std::atomic<bool> g_interrupted{false};
+// The run's farm while it exists, for the signal watcher.
+std::mutex g_farmLock;
+Farm* g_farm = nullptr;  // guarded by g_farmLock
+
+// Makes a farm known to the signal watcher for its lifetime.
+class FarmRegistration {
+public:
+    explicit FarmRegistration(Farm& farm) {
+        std::lock_guard<std::mutex> lock(g_farmLock);
+        g_farm = &farm;
+    }
+    ~FarmRegistration() {
+        std::lock_guard<std::mutex> lock(g_farmLock);
+        g_farm = nullptr;
+    }
+    FarmRegistration(const FarmRegistration&) = delete;
+    FarmRegistration& operator=(const FarmRegistration&) = delete;
+};
+
+// On the signal watcher's thread: stops the servers of the run and ends the process with 128 +
+// the signal. The service of our own stops as the process ends (its input pipe closes).
+void interrupt(int signal) {
+    std::unique_lock<std::mutex> ending(g_ending, std::try_to_lock);
+    if (!ending.owns_lock()) {
+        return;  // main is saying its last word: the run is over already
+    }
+    g_interrupted = true;
+    if (::isatty(STDOUT_FILENO) == 1) {
+        std::printf("\n");  // past a progress bar
+    }
+    std::fflush(stdout);
+    std::fprintf(stderr, "klClusterRender: interrupted by %s: stopping the servers\n",
+                 signal == SIGINT ? "SIGINT" : "SIGTERM");
+    {
+        std::lock_guard<std::mutex> lock(g_farmLock);
+        if (g_farm != nullptr) {
+            g_farm->stopServers();
+        }
+    }
+    std::fflush(stdout);
+    std::fflush(stderr);
+    std::_Exit(128 + signal);
+}
+
 // Server i gets rows [H * i / n, H * (i + 1) / n) and runs on node i modulo the node count.
-std::vector<Server> startServers(const Options& options, const Farm& farm,
-                                 const klRenderRequest& frame) {
+std::vector<Server> startServers(const Options& options, Farm& farm, const klRenderRequest& frame) {
     klServiceClient::StartRequest request;
     request.bookingId = farm.bookingId();
     std::vector<Server> servers;
@@ -390,7 +472,7 @@ std::vector<Server> startServers(const Options& options, const Farm& farm,
                                     unsigned(options.servers)) -
                       band.y0;
         try {
-            servers.push_back({&service, service.startServer(request), band});
+            servers.push_back({&service, farm.startServer(service, request), band});
         } catch (const std::exception& e) {
             throw NodeFailure(service, "node " + nodeName(service) +
                                            ": cannot start a render server: " + e.what());
@@ -413,6 +495,8 @@ std::uint64_t renderBands(const Options& options, Farm& farm, std::vector<Server
     std::vector<std::future<std::uint64_t>> bands;
     const auto start = Clock::now();
     for (Server& server : servers) {
+        // From now on a silent server has failed; until now the client's own time-out held.
+        server.started.stream->getFirstLink()->setRecvTimeout(options.stallTimeout);
         bands.push_back(std::async(std::launch::async, [&] {
             try {
                 std::size_t rowsSeen = 0;
@@ -424,8 +508,16 @@ std::uint64_t renderBands(const Options& options, Farm& farm, std::vector<Server
                 std::memcpy(frameRgb.data() + std::size_t(server.band.y0) * options.width * 3,
                             rgb.data(), rgb.size());
                 return server.started.stream->getRecevedBytes();
+            } catch (const klConnectionTimeout&) {
+                char seconds[32];
+                std::snprintf(seconds, sizeof(seconds), "%g", options.stallTimeout);
+                failure.set(*server.service,
+                            "no data from server " + std::to_string(server.started.serverId) +
+                                " on node " + nodeName(*server.service) + " for " + seconds + " s");
+                return std::uint64_t(0);
             } catch (const std::exception& e) {
-                failure.set(*server.service, e.what());
+                failure.set(*server.service,
+                            "node " + nodeName(*server.service) + " failed mid-frame: " + e.what());
                 return std::uint64_t(0);
             }
         }));
@@ -443,6 +535,11 @@ std::uint64_t renderBands(const Options& options, Farm& farm, std::vector<Server
     }
     if (failure.failed()) {
         bar.abandon();
+        // Said at once: stopping the servers takes a while when one of them hangs. (Not when
+        // the failure is the interrupt's doing.)
+        if (!g_interrupted.load()) {
+            std::fprintf(stderr, "klClusterRender: %s\n", failure.text().c_str());
+        }
         farm.stopServers(failure.service());
         // Whatever a stopped server still had on the way is of no use: end every wait now.
         for (Server& server : servers) {
@@ -454,13 +551,14 @@ std::uint64_t renderBands(const Options& options, Farm& farm, std::vector<Server
         bytes += band.get();
     }
     if (failure.failed()) {
-        throw NodeFailure(*failure.service(), failure.text());
+        throw NodeFailure(*failure.service(), failure.text(), true);
     }
     return bytes;
 }
 
 int render(const Options& options) {
     Farm farm(options);
+    const FarmRegistration registration(farm);
     std::vector<Server> servers;
     try {
         klRenderRequest frame = klRenderRequest::defaultFrame(options.width, options.height);
@@ -516,10 +614,22 @@ int render(const Options& options) {
 int main(int argc, char** argv) {
     const Options options = parseOptions(argc, argv);
     ::signal(SIGPIPE, SIG_IGN);
+    const klSignalWatcher signals(interrupt, true);
+    std::string failure;
+    bool failed = false;
     try {
-        return render(options);
+        render(options);
+    } catch (const NodeFailure& e) {
+        failed = true;
+        failure = e.reported() ? "" : e.what();
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "klClusterRender: %s\n", e.what());
-        return 1;
+        failed = true;
+        failure = e.what();
     }
+    // After an interrupt this waits for the watcher, which ends the process.
+    const std::lock_guard<std::mutex> ending(g_ending);
+    if (!failure.empty()) {
+        std::fprintf(stderr, "klClusterRender: %s\n", failure.c_str());
+    }
+    return failed ? 1 : 0;
 }
