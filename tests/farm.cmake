@@ -9,7 +9,7 @@ endif()
 set(KL_FARM_SCRIPT ${PROJECT_SOURCE_DIR}/scripts/farm.sh)
 set(KL_FARM_PROGRAMS KALDClusterService KALDClusterServer klClusterRender klnetctl)
 
-foreach(case render node-dies allow)
+foreach(case render node-dies allow link-cut)
   add_test(NAME klFarm.${case}
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/farm/farm_test.sh ${case} ${PROJECT_BINARY_DIR}/bin)
   set_tests_properties(klFarm.${case} PROPERTIES LABELS farm TIMEOUT 120 SKIP_RETURN_CODE 77)

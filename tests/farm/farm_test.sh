@@ -4,6 +4,7 @@
 #   farm_test.sh render BIN_DIR     three nodes render a frame byte-identical to one server's
 #   farm_test.sh node-dies BIN_DIR  a node's service killed mid-frame ends the render at once
 #   farm_test.sh allow BIN_DIR      --allow lets the client in and keeps another node out
+#   farm_test.sh link-cut BIN_DIR   a node cut off without a word mid-frame is named within 15 s
 # Exit status 77 (skipped) without root or 'ip netns'.
 set -euo pipefail
 
@@ -93,6 +94,30 @@ node-dies)
         grep -qx "servers running: 0" "$work/status" ||
             fail "node $i still runs servers: $(cat "$work/status")"
     done
+    ;;
+link-cut)
+    # Node 2's end of its link goes down: packets to and from it are dropped and nothing is reset,
+    # so only keep-alive can tell (the stall time-out is off, so that it is keep-alive that is
+    # tested).
+    "$farm" up 2
+    "$farm" exec client -- "$bin/klClusterRender" --nodes "$("$farm" nodes)" --width 6000 \
+        --height 4000 --iterations 100000 --stall-timeout 0 --output "$work/frame.png" \
+        >"$work/out" 2>"$work/err" &
+    client=$!
+    wait_for_line "$work/out" 30 "rendering" || fail "the render did not start: $(cat "$work/out")"
+    ip -n "klfarm-$KLFARM_NAME-node2" link set klf-l0 down
+    cut=$(date +%s%N)
+    wait_for_line "$work/err" 30 "10.231.2.2" || fail "no word of node 2 30 s after the cut"
+    waited=$((($(date +%s%N) - cut) / 1000000))
+    echo "cut to message: $waited ms"
+    ((waited <= 16000)) || fail "the client took $waited ms to name the node"
+    expected="klClusterRender: node 10.231.2.2:8889 failed mid-frame: recv error. 110:Connection timed out"
+    [[ $(head -1 "$work/err") == "$expected" ]] || fail "standard error: $(cat "$work/err")"
+    status=0
+    wait "$client" || status=$?
+    [[ $status -eq 1 ]] || fail "exit status $status"
+    "$farm" exec client -- "$bin/klnetctl" --host 10.231.1.2 status >"$work/status"
+    grep -qx "servers running: 0" "$work/status" || fail "node 1 still runs servers: $(cat "$work/status")"
     ;;
 allow)
     # A farm whose services cannot start is removed again by the failed up.
