@@ -465,7 +465,9 @@ int render(const Options& options) {
     try {
         klRenderRequest frame = klRenderRequest::defaultFrame(options.width, options.height);
         frame.maxIterations = options.iterations;
+        const auto startBegin = Clock::now();
         servers = startServers(options, farm, frame);
+        const double startSeconds = secondsSince(startBegin);
         const klServiceClient& first = farm.services().front();
         klNetServiceStatus status;
         try {
@@ -485,6 +487,7 @@ int render(const Options& options) {
                     options.height, options.output.c_str());
         std::printf("  servers          %zu on %zu node(s) (booking id %s)\n", servers.size(),
                     farm.services().size(), farm.bookingId().c_str());
+        std::printf("  start            %zu servers in %.3f s\n", servers.size(), startSeconds);
         std::printf("  service          version %s, %d servers running, bookings: %s\n",
                     status.getVersion().c_str(), status.getNumberOfClusterServers(),
                     joined(status.getBookingIds()).c_str());
