@@ -27,6 +27,7 @@
 #include <klNetBase/link/klNetLinkSealer.h>
 #include <klNetBase/link/klSocketAddress.h>
 #include <klNetBase/link/klSocketHandle.h>
+#include <klNetBase/link/klSocketKeepAlive.h>
 #include <klNetBase/link/klSocketLink.h>
 #include <klNetBase/link/klSocketPipe.h>
 

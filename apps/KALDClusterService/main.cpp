@@ -13,14 +13,16 @@
 #include <klNetBase/codecs/klNetFarmKey.h>
 #include <klNetBase/codecs/klNetFarmSealer.h>
 #include "klCommandLine.h"
+#include "klEndOfInputWatcher.h"
 #include "klLog.h"
 #include "klMetricsEndpoint.h"
+#include "klSignalWatcher.h"
 #include "klVersionInfo.h"
 
 #include <QCoreApplication>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -29,6 +31,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -41,6 +44,8 @@ const char* const kProgram = "KALDClusterService";
 
 struct Options {
     int port = klNetOptions::getDefaultServicePort();
+    std::string listen;  // one address, empty for every address
+    bool stopOnStdinClose = false;
     std::string logFile;
     std::string keyFile;
     klLog::Level logLevel = klLog::Level::info;
@@ -73,6 +78,23 @@ CLI::Validator addressRange() {
         "", "range");
 }
 
+// A numeric IPv4 or IPv6 address, as --listen takes it ("[::1]" is taken as "::1").
+CLI::Validator numericAddress() {
+    return CLI::Validator(
+        [](std::string& text) -> std::string {
+            if (text.size() > 2 && text.front() == '[' && text.back() == ']') {
+                text = text.substr(1, text.size() - 2);
+            }
+            unsigned char bytes[16];
+            if (::inet_pton(AF_INET, text.c_str(), bytes) == 1 ||
+                ::inet_pton(AF_INET6, text.c_str(), bytes) == 1) {
+                return {};
+            }
+            return "'" + text + "' is not a numeric IPv4 or IPv6 address";
+        },
+        "", "address");
+}
+
 // "PORT" or "ADDRESS:PORT" as civetweb takes it: a bare port listens on loopback only.
 std::string metricsAddress(const std::string& text) {
     const std::size_t colon = text.rfind(':');
@@ -98,13 +120,19 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
     klCommandLine cli(kProgram,
                       "Cluster service of a render node: starts, stops and reports render servers "
                       "for clients. Prints \"listening on port N\" once it listens; SIGTERM or "
-                      "SIGINT stop it. Exit status: 0 after a stop, 1 if it cannot listen, 2 for a "
-                      "bad command line.");
+                      "SIGINT stop it (and, with --stop-on-stdin-close, the end of standard "
+                      "input). Exit status: 0 after a stop, 1 if it cannot listen or read its key, "
+                      "2 for a bad command line.");
     CLI::App& app = cli.app();
     app.add_option("--port", options.port,
                    "TCP port to listen on (default 8889; 0: chosen by the system)")
         ->type_name("N")
         ->check(klCommandLine::integer(0, 65535));
+    app.add_option("--listen", options.listen,
+                   "listen on this one local address only, IPv4 or IPv6 (e.g. 127.0.0.1, ::1; "
+                   "default: every address, IPv4 and IPv6)")
+        ->type_name("ADDRESS")
+        ->check(numericAddress());
     app.add_option("--log-file", options.logFile,
                    "append diagnostics to PATH instead of standard error")
         ->type_name("PATH")
@@ -137,8 +165,16 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
             ""));
     app.add_option("--key-file", options.keyFile,
                    "the farm key: serve only clients that prove they hold it, over sealed "
-                   "connections (default: none, every connection in the clear)")
+                   "connections (default: none, every connection in the clear). '-' reads the "
+                   "32 bytes of the key from standard input (a pipe, not a terminal) before "
+                   "anything else, so that a key made for one run is never in a file, on a "
+                   "command line or in the environment")
         ->type_name("PATH");
+    app.add_flag("--stop-on-stdin-close", options.stopOnStdinClose,
+                 "stop as on SIGTERM (servers stopped, exit 0) once standard input ends or "
+                 "fails: a program that starts the service with a pipe on its standard input and "
+                 "holds the write end takes the service with it however it ends; input is read "
+                 "and dropped (after the key of --key-file -)");
     app.add_option("--service-argument", options.serviceArgument,
                    "passed to every render server started")
         ->type_name("TEXT");
@@ -207,82 +243,6 @@ private:
     int m_fd;
 };
 
-// Calls an action on a thread of its own for every SIGTERM and SIGINT, from construction until
-// destruction. The handler only writes the signal's number into a pipe, which is safe in a
-// handler; the thread reads it. (Blocking the signals for a sigwait thread instead would leave
-// them blocked in the render servers the service starts: a signal mask is inherited across exec,
-// and those servers could then no longer be terminated.)
-class SignalWatcher {
-public:
-    explicit SignalWatcher(std::function<void(int)> action) : m_action(std::move(action)) {
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) != 0) {
-            throw std::runtime_error("cannot create the signal pipe: " +
-                                     klNetError::getLastErrorString());
-        }
-        m_readEnd = std::make_unique<Descriptor>(ends[0]);
-        m_writeEnd = std::make_unique<Descriptor>(ends[1]);
-        // A full pipe already holds a pending stop: the handler must never block on it.
-        ::fcntl(ends[1], F_SETFL, O_NONBLOCK);
-        m_thread = std::thread([this] { watch(); });
-        s_writeEnd = ends[1];
-        struct sigaction handler {};
-        handler.sa_handler = &SignalWatcher::onSignal;
-        sigemptyset(&handler.sa_mask);
-        handler.sa_flags = SA_RESTART;
-        ::sigaction(SIGTERM, &handler, &m_previousTerm);
-        ::sigaction(SIGINT, &handler, &m_previousInt);
-    }
-    ~SignalWatcher() {
-        ::sigaction(SIGTERM, &m_previousTerm, nullptr);
-        ::sigaction(SIGINT, &m_previousInt, nullptr);
-        s_writeEnd = -1;
-        const unsigned char quit = 0;
-        while (::write(m_writeEnd->get(), &quit, 1) < 0 && errno == EINTR) {
-        }
-        m_thread.join();
-    }
-    SignalWatcher(const SignalWatcher&) = delete;
-    SignalWatcher& operator=(const SignalWatcher&) = delete;
-
-private:
-    static void onSignal(int signal) {
-        const int savedErrno = errno;
-        const int fd = s_writeEnd.load();
-        if (fd >= 0) {
-            const unsigned char number = static_cast<unsigned char>(signal);
-            ssize_t ignored = ::write(fd, &number, 1);
-            (void)ignored;
-        }
-        errno = savedErrno;
-    }
-
-    void watch() {
-        for (;;) {
-            unsigned char number = 0;
-            const ssize_t n = ::read(m_readEnd->get(), &number, 1);
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            // 0 is the destructor's quit byte.
-            if (n != 1 || number == 0) {
-                return;
-            }
-            m_action(number);
-        }
-    }
-
-    static std::atomic<int> s_writeEnd;
-    std::function<void(int)> m_action;
-    std::unique_ptr<Descriptor> m_readEnd;
-    std::unique_ptr<Descriptor> m_writeEnd;
-    std::thread m_thread;
-    struct sigaction m_previousTerm {};
-    struct sigaction m_previousInt {};
-};
-
-std::atomic<int> SignalWatcher::s_writeEnd{-1};
-
 // Runs the service's accept loop on a thread of its own and quits the application's event loop
 // when the loop ends, whichever way. The destructor stops the service and joins the thread; only
 // then is failure (why run() failed, empty after a stop) ready to be read.
@@ -322,10 +282,20 @@ std::string runService(int argc, char** argv, const Options& options) {
     service.setMaxRequests(options.maxRequests);
     service.setRequestTimeout(options.requestTimeout);
     service.setRelayTargets(options.relayTargets);
-    if (!options.keyFile.empty()) {
+    if (options.keyFile == "-") {
+        if (::isatty(STDIN_FILENO) == 1) {
+            throw std::runtime_error("--key-file -: standard input is a terminal, not a pipe");
+        }
+        service.setLinkSealer(std::make_shared<klNetFarmSealer>(
+            klNetFarmKey::readFrom(STDIN_FILENO, "Standard input")));
+    } else if (!options.keyFile.empty()) {
         service.setLinkSealer(
             std::make_shared<klNetFarmSealer>(klNetFarmKey::load(options.keyFile)));
     }
+    service.setListenAddress(options.listen);
+    // Clients wait on these connections (the render servers' pixels come over them): a client
+    // that is gone without a word must not keep its servers busy for long.
+    service.setKeepAlive(klSocketKeepAlive::deadPeerWithin15s());
     service.setMaxRelays(options.maxRelays);
     service.setRelayIdleTimeout(options.relayIdleTimeout);
     std::unique_ptr<klMetricsEndpoint> metrics;
@@ -333,8 +303,9 @@ std::string runService(int argc, char** argv, const Options& options) {
         metrics = std::make_unique<klMetricsEndpoint>(service, options.metrics);
     }
     service.setListeningHandler([&options, &metrics](int port) {
-        klLog::info("%s %s listening on port %d\n", kProgram,
-                    klVersionInfo::the().getVersionString().c_str(), port);
+        klLog::info("%s %s listening on port %d of %s\n", kProgram,
+                    klVersionInfo::the().getVersionString().c_str(), port,
+                    options.listen.empty() ? "every address" : options.listen.c_str());
         if (options.peerFilter.isEmpty()) {
             klLog::info("No --allow given: requests from every peer are accepted\n");
         } else {
@@ -342,7 +313,7 @@ std::string runService(int argc, char** argv, const Options& options) {
         }
         if (!options.keyFile.empty()) {
             klLog::info("Sealed: serving only clients that hold the farm key of %s\n",
-                        options.keyFile.c_str());
+                        options.keyFile == "-" ? "standard input" : options.keyFile.c_str());
         }
         if (!options.relayTargets.isEmpty()) {
             klLog::info("Relaying to %s only\n", joined(options.relayRanges).c_str());
@@ -359,10 +330,17 @@ std::string runService(int argc, char** argv, const Options& options) {
 
     std::string failure;
     {
-        SignalWatcher signalWatcher([&service](int signal) {
+        klSignalWatcher signalWatcher([&service](int signal) {
             klLog::info("Signal %d received: stopping\n", signal);
             service.stop();
         });
+        std::unique_ptr<klEndOfInputWatcher> inputWatcher;
+        if (options.stopOnStdinClose) {
+            inputWatcher = std::make_unique<klEndOfInputWatcher>(STDIN_FILENO, [&service] {
+                klLog::info("Standard input closed: stopping\n");
+                service.stop();
+            });
+        }
         ServiceThread serviceThread(service, application, failure);
         QCoreApplication::exec();
     }

@@ -77,6 +77,38 @@ klNetFarmKey klNetFarmKey::load(const std::string& path) {
     return result;
 }
 
+klNetFarmKey klNetFarmKey::readFrom(int fd, const std::string& name) {
+    std::array<std::uint8_t, kSize> bytes{};
+    std::size_t got = 0;
+    while (got < kSize) {
+        const ssize_t n = ::read(fd, bytes.data() + got, kSize - got);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            const std::string text = n < 0 ? klNetError::getLastErrorString() : std::string();
+            sodium_memzero(bytes.data(), bytes.size());
+            throw klNetError(n < 0 ? name + " cannot be read: " + text
+                                   : name + " ended before 32 bytes of key");
+        }
+        got += std::size_t(n);
+    }
+    klNetFarmKey result(bytes);
+    sodium_memzero(bytes.data(), bytes.size());
+    return result;
+}
+
+klNetFarmKey klNetFarmKey::random() {
+    if (sodium_init() < 0) {
+        throw klNetError("Unable to initialise libsodium");
+    }
+    std::array<std::uint8_t, kSize> bytes;
+    randombytes_buf(bytes.data(), bytes.size());
+    klNetFarmKey result(bytes);
+    sodium_memzero(bytes.data(), bytes.size());
+    return result;
+}
+
 klNetFarmKey::~klNetFarmKey() {
     sodium_memzero(m_bytes.data(), m_bytes.size());
 }

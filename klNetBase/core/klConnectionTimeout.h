@@ -5,5 +5,9 @@
 
 class KLNETBASE_EXPORT klConnectionTimeout : public klNetError {
 public:
+    // "recv error: Connected party did not properly respond after a period of time."
     klConnectionTimeout();
+    // The same, saying how long it waited: "... after a period of time (30 s)." (the default
+    // text when seconds is not above 0).
+    explicit klConnectionTimeout(double seconds);
 };

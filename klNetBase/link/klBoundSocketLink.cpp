@@ -23,17 +23,13 @@ constexpr int kBacklog = 128;
 }  // namespace
 
 klBoundSocketLink::klBoundSocketLink(int port) : klSocketLink(klInvalidSocket) {
-    m_shutdownEvent = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (m_shutdownEvent < 0) {
-        throw klNetError("Unable to create socket. " + klNetError::getLastErrorString());
-    }
+    openShutdownEvent();
     sockaddr_storage address{};
     socklen_t length = 0;
     // The listening socket is non-blocking so that a connection that vanishes between the wake-up
     // and accept() cannot block the accepting thread where shutdown() could not reach it.
     klSocketHandle fd = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd >= 0) {
-        setDescriptor(fd);
         auto& v6 = reinterpret_cast<sockaddr_in6&>(address);
         v6.sin6_family = AF_INET6;
         v6.sin6_addr = in6addr_any;
@@ -46,24 +42,53 @@ klBoundSocketLink::klBoundSocketLink(int port) : klSocketLink(klInvalidSocket) {
             ::close(m_shutdownEvent);
             throw klNetError("Unable to create socket. " + text);
         }
-        setDescriptor(fd);
         auto& v4 = reinterpret_cast<sockaddr_in&>(address);
         v4.sin_family = AF_INET;
         v4.sin_addr.s_addr = htonl(INADDR_ANY);
         v4.sin_port = htons(std::uint16_t(port));
         length = sizeof(v4);
     }
+    setDescriptor(fd);
+    // The IPv6 wildcard takes IPv4 clients as well.
+    bindAndListen(reinterpret_cast<const sockaddr*>(&address), length, port, false);
+}
+
+klBoundSocketLink::klBoundSocketLink(const klSocketAddress& address)
+    : klSocketLink(klInvalidSocket) {
+    openShutdownEvent();
+    const klSocketHandle fd =
+        ::socket(address.getFamily(), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        const std::string text = klNetError::getLastErrorString();
+        ::close(m_shutdownEvent);
+        throw klNetError("Unable to create socket. " + text);
+    }
+    setDescriptor(fd);
+    // An IPv6 address named on its own ("::" included) means IPv6 alone.
+    bindAndListen(address.getSockAddr(), socklen_t(address.getSockAddrSize()), address.getPort(),
+                  true);
+}
+
+void klBoundSocketLink::openShutdownEvent() {
+    m_shutdownEvent = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (m_shutdownEvent < 0) {
+        throw klNetError("Unable to create socket. " + klNetError::getLastErrorString());
+    }
+}
+
+void klBoundSocketLink::bindAndListen(const sockaddr* address, socklen_t length, int port,
+                                      bool ipv6Only) {
     try {
-        if (address.ss_family == AF_INET6) {
-            setIPv6Only(false);
+        if (address->sa_family == AF_INET6) {
+            setIPv6Only(ipv6Only);
         }
         setReusePort(true);
-        if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0) {
+        if (::bind(getDescriptor(), address, length) != 0) {
             throw klNetError(std::ostringstream() << "Unable to bind to port " << port << ". "
                                                   << klNetError::getLastErrorString());
         }
         useLoopbackFastPath();
-        if (::listen(fd, kBacklog) != 0) {
+        if (::listen(getDescriptor(), kBacklog) != 0) {
             throw klNetError("Unable to listen for incoming connections. " +
                              klNetError::getLastErrorString());
         }

@@ -1,5 +1,6 @@
 // klBoundSocketLink: a listening TCP socket on one port of every local address, IPv6 and IPv4 at
-// once where the system allows (IPv4 clients then appear as IPv4-mapped peers).
+// once where the system allows (IPv4 clients then appear as IPv4-mapped peers), or of one
+// address given.
 //
 // It never carries buffers itself: each accepted connection becomes a klSocketLink through
 // klSocketLink(const klBoundSocketLink&), which blocks until a client arrives. Accepted sockets are
@@ -23,6 +24,9 @@ public:
     // "Unable to bind to port <port>. ", "Unable to listen for incoming connections. ", each
     // followed by the system's text; nothing is left open.
     explicit klBoundSocketLink(int port);
+    // The same on one local address alone (IPv4, or IPv6 only for an IPv6 address, "::"
+    // included), on its port (0: chosen by the system).
+    explicit klBoundSocketLink(const klSocketAddress& address);
     ~klBoundSocketLink() override;
 
     void shutdown() override;
@@ -30,6 +34,9 @@ public:
 private:
     friend class klSocketLink;
 
+    void openShutdownEvent();
+    // Binds the descriptor set already and listens; on failure closes it and the event.
+    void bindAndListen(const sockaddr* address, socklen_t length, int port, bool ipv6Only);
     // Waits for one connection, or for shutdown (klConnectionClosed).
     klSocketHandle accept() const;
 

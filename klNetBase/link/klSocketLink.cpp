@@ -143,8 +143,8 @@ void klSocketLink::sendSealed(const klNetBuffer& buffer) {
     const std::uint32_t sealedSize = std::uint32_t(clearSize + m_seal->overhead());
     m_sealedOut.resize(sizeof(sealedSize) + sealedSize);
     std::memcpy(m_sealedOut.data(), &sealedSize, sizeof(sealedSize));
-    m_seal->seal(buffer.getBuffer(), clearSize,
-                 m_sealedOut.data(), sizeof(sealedSize), m_sealedOut.data() + sizeof(sealedSize));
+    m_seal->seal(buffer.getBuffer(), clearSize, m_sealedOut.data(), sizeof(sealedSize),
+                 m_sealedOut.data() + sizeof(sealedSize));
     send(m_sealedOut.data(), m_sealedOut.size());
 }
 
@@ -351,7 +351,7 @@ void klSocketLink::recv(void* data, std::size_t length) {
             continue;
         }
         if (received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            throw klConnectionTimeout();
+            throw klConnectionTimeout(double(m_recvTimeoutMs.load()) / 1000.0);
         }
         throwRecvFailure(received == 0);
     }
@@ -458,7 +458,9 @@ void klSocketLink::setRecvTimeout(double seconds) {
     timeout.tv_sec = ms / 1000;
     timeout.tv_usec = (ms % 1000) * 1000;
     // As with keep-alive, a failure here leaves the link as it was and is not reported.
-    ::setsockopt(getDescriptor(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+    if (::setsockopt(getDescriptor(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)) == 0) {
+        m_recvTimeoutMs = ms;
+    }
 }
 
 void klSocketLink::setLinger(bool on, int seconds) {
@@ -486,6 +488,24 @@ void klSocketLink::setKeepAlive() {
     ::setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
     ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idleSeconds, sizeof(idleSeconds));
     ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &intervalSeconds, sizeof(intervalSeconds));
+}
+
+void klSocketLink::setKeepAlive(const klSocketKeepAlive& settings) {
+    const klSocketHandle fd = getDescriptor();
+    klSocketOps::setIntOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1,
+                              "setsockopt(,SOL_SOCKET,SO_KEEPALIVE) ");
+    klSocketOps::setIntOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, settings.idleSeconds,
+                              "setsockopt(,IPPROTO_TCP,TCP_KEEPIDLE) ");
+    klSocketOps::setIntOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, settings.intervalSeconds,
+                              "setsockopt(,IPPROTO_TCP,TCP_KEEPINTVL) ");
+    if (settings.probes > 0) {
+        klSocketOps::setIntOption(fd, IPPROTO_TCP, TCP_KEEPCNT, settings.probes,
+                                  "setsockopt(,IPPROTO_TCP,TCP_KEEPCNT) ");
+    }
+    if (settings.userTimeoutMs > 0) {
+        klSocketOps::setIntOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, settings.userTimeoutMs,
+                                  "setsockopt(,IPPROTO_TCP,TCP_USER_TIMEOUT) ");
+    }
 }
 
 int klSocketLink::getAvailable() {
@@ -542,8 +562,7 @@ std::unique_ptr<klSocketLink> klSocketLink::checkForHPCNetSocket(klSocketHandle 
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
                 continue;
             }
-            const auto left =
-                std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count();
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count();
             short events = 0;
             readable = klSocketOps::pollOne(descriptor, POLLIN, int(left), events) > 0;
         }

@@ -28,6 +28,7 @@
 #include <klNetBase/link/klNetLinkSeal.h>
 #include <klNetBase/link/klSocketAddress.h>
 #include <klNetBase/link/klSocketHandle.h>
+#include <klNetBase/link/klSocketKeepAlive.h>
 
 #include <atomic>
 #include <cstddef>
@@ -81,7 +82,8 @@ public:
     void shutdown() override;
     unsigned int getRecvHandle() override { return static_cast<unsigned int>(getDescriptor()); }
     void checkAlive() override;
-    // SO_RCVTIMEO in whole milliseconds; 0 for none.
+    // SO_RCVTIMEO in whole milliseconds; 0 for none. A receive that runs into it throws
+    // klConnectionTimeout naming the time waited.
     void setRecvTimeout(double seconds) override;
     bool isReadable() override { return pollReadable(0.0); }
     // "<local address>-><peer address>", without ports.
@@ -100,6 +102,10 @@ public:
     bool pollWritable(double seconds);
     void setDelay(bool delay);
     void setBlocking(bool blocking);
+    // Keep-alive with the given values (see klSocketKeepAlive); they stay with the socket when it
+    // is handed to another process. Failure throws "setsockopt(,IPPROTO_TCP,<option>) " + the
+    // system's text.
+    void setKeepAlive(const klSocketKeepAlive& settings);
     // Not available on this platform: does nothing.
     void useLoopbackFastPath() {}
     klSocketAddress getAddress();
@@ -161,6 +167,8 @@ private:
 
     std::atomic<klSocketHandle> m_descriptor{klInvalidSocket};
     std::unique_ptr<klNetLinkSeal> m_seal;
+    // The receive time-out set last, for the time-out's text.
+    std::atomic<long long> m_recvTimeoutMs{0};
     // The sending and the receiving thread's frames of a sealed link.
     std::vector<unsigned char> m_sealedOut;
     std::vector<unsigned char> m_sealedIn;

@@ -201,7 +201,9 @@ klNetService::~klNetService() {
 }
 
 void klNetService::run() {
-    auto listener = std::make_shared<klBoundSocketLink>(m_port.load());
+    auto listener = m_listenAddress.empty() ? std::make_shared<klBoundSocketLink>(m_port.load())
+                                            : std::make_shared<klBoundSocketLink>(klSocketAddress(
+                                                  m_listenAddress, std::to_string(m_port.load())));
     m_port = listener->getAddress().getPort();
     {
         std::lock_guard<std::mutex> guard(m_listenerLock);
@@ -225,6 +227,9 @@ void klNetService::run() {
             } catch (const std::exception& e) {
                 klLog::error("%s", e.what());
                 break;
+            }
+            if (m_keepAliveOn) {
+                link->setKeepAlive(m_keepAlive);
             }
             const klSocketAddress peer = link->getPeerAddress();
             if (!m_peerFilter.allows(peer.getSockAddr())) {
@@ -555,6 +560,9 @@ void klNetService::connectService(klNetStream& stream, Request& request) {
     try {
         relay->client = stream.getFirstLink();
         auto target = std::make_shared<klSocketLink>(address, kRelayConnectTimeout);
+        if (m_keepAliveOn) {
+            target->setKeepAlive(m_keepAlive);
+        }
         if (m_sealer) {
             m_sealer->connect(*target, kRelayConnectTimeout);
         } else {

@@ -38,6 +38,7 @@
 #pragma once
 
 #include <klNetBase/klNetBaseExport.h>
+#include <klNetBase/link/klSocketKeepAlive.h>
 #include <klNetBase/runtime/klNetActionManager.h>
 #include <klNetBase/service/klNetPeerFilter.h>
 
@@ -89,6 +90,15 @@ public:
 
     // The port to listen on; once run() has bound, the port actually bound.
     int getPort() const { return m_port.load(); }
+    // Listen on this one local address (numeric IPv4 or IPv6, e.g. "127.0.0.1", "::1") instead of
+    // every address (empty, the default).
+    void setListenAddress(std::string address) { m_listenAddress = std::move(address); }
+    // Keep-alive for every accepted connection (which a started server then goes on with) and
+    // every relay's onward connection. Without it (the default) they have none.
+    void setKeepAlive(const klSocketKeepAlive& settings) {
+        m_keepAlive = settings;
+        m_keepAliveOn = true;
+    }
     // Whether started servers' console output is copied to standard output (default true).
     void setConsole(bool console) { m_console = console; }
 
@@ -228,6 +238,9 @@ private:
 
     // Set before run().
     std::atomic<int> m_port;
+    std::string m_listenAddress;
+    klSocketKeepAlive m_keepAlive;
+    bool m_keepAliveOn = false;
     const std::string m_serviceArgument;
     bool m_console = true;
     klNetPeerFilter m_peerFilter;

@@ -65,17 +65,21 @@ private:
     std::filesystem::path m_path;
 };
 
-// A child process with its standard output (and error, when asked) on pipes; killed and reaped
-// when the owner goes. Used from one thread.
+// A child process with its standard output (and error, when asked; and input, when asked) on
+// pipes; killed and reaped when the owner goes. Used from one thread.
 class ChildProcess {
 public:
     ChildProcess(const std::string& path, const std::vector<std::string>& args,
-                 bool captureErr = false) {
-        int out[2], err[2] = {-1, -1};
+                 bool captureErr = false, bool pipeIn = false) {
+        int out[2], err[2] = {-1, -1}, in[2] = {-1, -1};
         EXPECT_EQ(0, ::pipe2(out, O_CLOEXEC));
         posix_spawn_file_actions_t actions;
         ::posix_spawn_file_actions_init(&actions);
         ::posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+        if (pipeIn) {
+            EXPECT_EQ(0, ::pipe2(in, O_CLOEXEC));
+            ::posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
+        }
         if (captureErr) {
             EXPECT_EQ(0, ::pipe2(err, O_CLOEXEC));
             ::posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
@@ -92,7 +96,11 @@ public:
         ::posix_spawn_file_actions_destroy(&actions);
         m_out = out[0];
         m_err = err[0];
+        m_in = in[1];
         ::close(out[1]);
+        if (pipeIn) {
+            ::close(in[0]);
+        }
         if (captureErr) {
             ::close(err[1]);
         }
@@ -106,6 +114,7 @@ public:
         if (m_err >= 0) {
             ::close(m_err);
         }
+        closeIn();
     }
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -113,6 +122,16 @@ public:
     static constexpr int kStillRunning = -1000;
 
     pid_t pid() const { return m_pid; }
+    // Writes to the child's standard input (a pipe when asked for); closeIn() ends it.
+    void writeIn(const void* data, std::size_t size) {
+        EXPECT_EQ(ssize_t(size), ::write(m_in, data, size));
+    }
+    void closeIn() {
+        if (m_in >= 0) {
+            ::close(m_in);
+            m_in = -1;
+        }
+    }
     // The next line of output without its newline; empty after within seconds or at the end.
     std::string readLine(double within = 10.0) {
         const auto deadline = Clock::now() + secondsOf(within);
@@ -180,10 +199,42 @@ private:
     pid_t m_pid = -1;
     int m_out = -1;
     int m_err = -1;
+    int m_in = -1;
     std::string m_pending;
     bool m_exited = false;
     int m_status = 0;
 };
+
+// The processes whose parent is pid (from /proc).
+inline std::vector<pid_t> childrenOf(pid_t pid) {
+    std::vector<pid_t> children;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        if (name.find_first_not_of("0123456789") != std::string::npos) {
+            continue;
+        }
+        // "pid (comm) state ppid ...": the command may hold blanks and parentheses.
+        std::string stat;
+        std::getline(std::ifstream(entry.path() / "stat"), stat);
+        const std::size_t close = stat.rfind(')');
+        char state = 0;
+        int parent = 0;
+        if (close != std::string::npos &&
+            std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &parent) == 2 &&
+            parent == pid) {
+            children.push_back(pid_t(std::stoi(name)));
+        }
+    }
+    return children;
+}
+
+// Whether a process still runs (a zombie counts as gone).
+inline bool isRunning(pid_t pid) {
+    std::string stat;
+    std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), stat);
+    const std::size_t close = stat.rfind(')');
+    return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
+}
 
 // A KALDClusterService on an ephemeral loopback port, started from dir (default: the build's
 // program directory, where it finds the real render server).

@@ -25,6 +25,13 @@ public:
     // private key: "Key file '<path>' is readable by group or others (mode 0644): chmod 600 it";
     // one of another size: "Key file '<path>' does not hold a key of 32 bytes".
     static klNetFarmKey load(const std::string& path);
+    // Reads a key of exactly 32 bytes from an open descriptor (a pipe on standard input, so that
+    // the key is never in a file, on a command line or in the environment) and not one byte more:
+    // what follows is left for other readers. Blocks until the bytes are there. Failures name the
+    // source: "<name> ended before 32 bytes of key", "<name> cannot be read: <system text>".
+    static klNetFarmKey readFrom(int fd, const std::string& name);
+    // A new key of random bytes, for a service and its clients of one run.
+    static klNetFarmKey random();
     // A key from its bytes (tests, and keys kept elsewhere).
     explicit klNetFarmKey(const std::array<std::uint8_t, kSize>& bytes) : m_bytes(bytes) {}
     ~klNetFarmKey();
