@@ -34,7 +34,6 @@
 
 #include <png.h>
 #include <signal.h>
-#include <sys/random.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -345,21 +344,6 @@ private:
     std::string m_text;
 };
 
-// A key of random bytes for this run alone; the bytes are wiped once the key holds them.
-klNetFarmKey runKey() {
-    std::array<std::uint8_t, klNetFarmKey::kSize> bytes;
-    for (std::size_t done = 0; done < bytes.size();) {
-        const ssize_t n = ::getrandom(bytes.data() + done, bytes.size() - done, 0);
-        if (n < 0 && errno != EINTR) {
-            throw std::runtime_error(std::string("no random bytes: ") + std::strerror(errno));
-        }
-        done += n > 0 ? std::size_t(n) : 0;
-    }
-    const klNetFarmKey key(bytes);
-    ::explicit_bzero(bytes.data(), bytes.size());
-    return key;
-}
-
 // The services of the run and the booking id its servers are started with: a loopback service
 // of our own, the services given, or one service on every node of a Slurm allocation, started as
 // one job step. stopServers() stops the servers on every node: after a failure quietly on the
@@ -373,7 +357,7 @@ public:
             sealer = std::make_shared<klNetFarmSealer>(klNetFarmKey::load(options.keyFile));
         }
         if (job != nullptr) {
-            const klNetFarmKey key = runKey();
+            const klNetFarmKey key = klNetFarmKey::random();
             sealer = std::make_shared<klNetFarmSealer>(key);
             startStep(options, *job, key);
         } else if (options.nodes.empty()) {
