@@ -61,9 +61,9 @@ void closeBoth(int ends[2]) {
 // How a process ended, as waitid() tells it.
 std::string describeExit(const siginfo_t& info) {
     if (info.si_code == CLD_EXITED) {
-        return "exit status " + std::to_string(info.si_status);
+        return "srun exited with status " + std::to_string(info.si_status);
     }
-    return "killed by signal " + std::to_string(info.si_status);
+    return "srun was killed by signal " + std::to_string(info.si_status);
 }
 
 // Cancels one step of ours ("JOB.STEP", digits only) and waits for scancel.
@@ -286,7 +286,7 @@ std::optional<klSlurmStep::Failure> klSlurmStep::failureLocked() const {
     }
     if (m_exited) {
         const std::string last = m_lines.lastOther();
-        return Failure{"", "srun ended with " + m_exit + (last.empty() ? "" : ": " + last)};
+        return Failure{"", m_exit + (last.empty() ? "" : ": " + last)};
     }
     return std::nullopt;
 }

@@ -43,7 +43,7 @@ public:
     struct Failure {
         // The node of the task that ended, or empty when srun said no more than that it ended.
         std::string node;
-        // "its task ended: Killed", "srun ended with exit status 1: <its last word>".
+        // "its task ended: Killed", "srun exited with status 1: <its last words>".
         std::string text;
     };
 
