@@ -72,6 +72,9 @@ constexpr int kServersPerSlurmNode = 2;
 constexpr int kMaxServers = 256;
 constexpr std::size_t kMaxNodes = 128;
 
+// When the program started, for the report's time to the first pixels.
+const Clock::time_point kProgramStart = Clock::now();
+
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
@@ -648,7 +651,6 @@ BandsResult renderBands(const Options& options, Farm& farm, std::vector<Server>&
 }
 
 int render(const Options& options, const klSlurmJob* job) {
-    const auto runStart = Clock::now();
     Farm farm(options, job);
     std::vector<Server> servers;
     try {
@@ -667,7 +669,7 @@ int render(const Options& options, const klSlurmJob* job) {
         const std::uint64_t pixels = std::uint64_t(options.width) * options.height;
         std::vector<std::uint8_t> frameRgb(pixels * 3);
         const auto start = Clock::now();
-        const double sinceRunStart = secondsSince(runStart);
+        const double sinceProgramStart = secondsSince(kProgramStart);
         const BandsResult bands = renderBands(options, farm, servers, frameRgb);
         const double seconds = secondsSince(start);
         writePng(options.output, options.width, options.height, frameRgb);
@@ -682,7 +684,7 @@ int render(const Options& options, const klSlurmJob* job) {
         }
         std::printf("  start            %zu servers in %.3f s\n", servers.size(), startSeconds);
         std::printf("  first pixels     %.3f s after the program started\n",
-                    sinceRunStart + bands.firstRowsSeconds);
+                    sinceProgramStart + bands.firstRowsSeconds);
         std::printf("  service          version %s, %d servers running, bookings: %s\n",
                     status.getVersion().c_str(), status.getNumberOfClusterServers(),
                     joined(status.getBookingIds()).c_str());
