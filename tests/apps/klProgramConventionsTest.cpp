@@ -78,7 +78,12 @@ std::vector<Program> programs() {
            bad("klClusterRender", "--width: '0' is not an integer from 1 to 65536")},
           {"--output", 2, "", bad("klClusterRender", "--output needs a value")},
           {"--nodes=a,b --servers 1", 2, "",
-           bad("klClusterRender", "--servers 1 leaves nodes without work \\(2 nodes\\)")}}},
+           bad("klClusterRender", "--servers 1 leaves nodes without work \\(2 nodes\\)")},
+          {"--slurm --nodes=a", 2, "",
+           bad("klClusterRender",
+               "--slurm takes the nodes of the allocation: not with --nodes or --nodes-file")},
+          {"--key-file=k --slurm", 2, "",
+           bad("klClusterRender", "--slurm makes a key of its own: not with --key-file")}}},
         // The service's launch arguments stay as they are: -ta, and -socketpipe=PATH followed by
         // the extra argument, whatever it looks like.
         {"KALDClusterServer",
