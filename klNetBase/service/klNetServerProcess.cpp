@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <thread>
 #include <vector>
 
@@ -90,17 +91,26 @@ bool descriptorsLeft(int count) {
     return left;
 }
 
-// The system error behind a failed start, 0 when none is known. QProcess names it in its text
-// for a failed fork or exec, but not when it could not open the child's standard streams or its
-// own pipes (it only warns of that on standard error): the descriptors are then checked here,
-// and the program file as well.
-int startError(const std::string& path, const QString& reason) {
-    const std::string text = reason.toStdString();
-    for (const int error : {EMFILE, ENFILE, EAGAIN, ENOMEM, ENOENT, EACCES, ENOEXEC, ENOTDIR,
-                            ELOOP, ENAMETOOLONG, ETXTBSY, E2BIG}) {
+// The system error named in text, 0 when it names none of these.
+int namedError(const std::string& text, std::initializer_list<int> errors) {
+    for (const int error : errors) {
         if (text.find(std::strerror(error)) != std::string::npos) {
             return error;
         }
+    }
+    return 0;
+}
+
+// The system error behind a failed start, 0 when none is known. QProcess names it in its text
+// for a failed fork, but when it could not open the child's standard streams or its own pipes it
+// only warns of that on standard error, and its text may then name whatever error came last
+// ("No such file or directory" for a program that is there). So a shortage named is taken as it
+// is, then the descriptors and the program file are checked here, and only then is a missing
+// file or another error named in the text believed.
+int startError(const std::string& path, const QString& reason) {
+    const std::string text = reason.toStdString();
+    if (const int shortage = namedError(text, {EMFILE, ENFILE, EAGAIN, ENOMEM})) {
+        return shortage;
     }
     // QProcess needs about ten descriptors to start a program (standard streams, its start-up
     // and death pipes, the process descriptor).
@@ -110,7 +120,9 @@ int startError(const std::string& path, const QString& reason) {
     if (::access(path.c_str(), X_OK) != 0) {
         return errno;
     }
-    return 0;
+    // The file is there and executable: what exec found wrong (its interpreter missing, say).
+    return namedError(text, {ENOENT, EACCES, ENOEXEC, ENOTDIR, ELOOP, ENAMETOOLONG, ETXTBSY,
+                             E2BIG});
 }
 
 // The fixed part of a server's environment: what it takes from this process.
