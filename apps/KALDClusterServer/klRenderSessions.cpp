@@ -40,10 +40,10 @@ void klRenderSessions::serve(std::shared_ptr<klSocketLink> link) {
 
 double klRenderSessions::idleSeconds() {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_open > 0 ? 0.0
-                      : std::chrono::duration<double>(std::chrono::steady_clock::now() -
-                                                      m_idleSince)
-                            .count();
+    return m_open > 0
+               ? 0.0
+               : std::chrono::duration<double>(std::chrono::steady_clock::now() - m_idleSince)
+                     .count();
 }
 
 void klRenderSessions::sessionEnded(Session& session) {

@@ -338,9 +338,9 @@ std::string runService(int argc, char** argv, const Options& options) {
     QCoreApplication application(argc, argv);
     // Qt's own warnings (a program that cannot be started, say) go to the log like every line.
     qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& text) {
-        klLog::write(type == QtDebugMsg || type == QtInfoMsg ? klLog::Level::debug
-                                                             : klLog::Level::warning,
-                     "%s\n", text.toLocal8Bit().constData());
+        klLog::write(
+            type == QtDebugMsg || type == QtInfoMsg ? klLog::Level::debug : klLog::Level::warning,
+            "%s\n", text.toLocal8Bit().constData());
     });
 
     klNetService service(options.port, options.serviceArgument);

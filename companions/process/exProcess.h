@@ -10,8 +10,9 @@
 //       readStdout() / readStderr() take it. That thread must run an event loop (or process
 //       events) and the data must be read, or a child that writes a lot blocks on a full pipe.
 // In both modes the child's standard input is the null device, its environment is this process's
-// unless setEnvironment() gave another, and the child inherits no descriptor beyond 0, 1 and 2: every other descriptor is made close-on-exec in the child between
-// fork and exec, whoever opened it and however. Its signal mask starts empty.
+// unless setEnvironment() gave another, and the child inherits no descriptor beyond 0, 1 and 2:
+// every other descriptor is made close-on-exec in the child between fork and exec, whoever opened
+// it and however. Its signal mask starts empty.
 //
 // Threads: a QObject like any other. Configure and start() it on the thread it belongs to; then
 // it may be moved to another thread (moveToThread), which then receives its signals and must be

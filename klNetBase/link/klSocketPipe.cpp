@@ -262,9 +262,9 @@ int klSocketPipe::removeStaleFiles() {
         }
         // Refused: nobody listens. A listener that answers, or whose backlog is full, is alive;
         // it drops this connection, which closes without a word.
-        const bool stale = ::connect(probe, reinterpret_cast<const sockaddr*>(&address),
-                                     sizeof(address)) != 0 &&
-                           errno == ECONNREFUSED;
+        const bool stale =
+            ::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
+            errno == ECONNREFUSED;
         ::close(probe);
         if (stale && ::unlink(path.c_str()) == 0) {
             ++removed;

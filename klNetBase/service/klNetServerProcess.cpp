@@ -121,8 +121,8 @@ int startError(const std::string& path, const QString& reason) {
         return errno;
     }
     // The file is there and executable: what exec found wrong (its interpreter missing, say).
-    return namedError(text, {ENOENT, EACCES, ENOEXEC, ENOTDIR, ELOOP, ENAMETOOLONG, ETXTBSY,
-                             E2BIG});
+    return namedError(text,
+                      {ENOENT, EACCES, ENOEXEC, ENOTDIR, ELOOP, ENAMETOOLONG, ETXTBSY, E2BIG});
 }
 
 // The fixed part of a server's environment: what it takes from this process.
@@ -261,7 +261,8 @@ void klNetServerProcess::kill() {
     }
 }
 
-void klNetServerProcess::setEnvironment(std::vector<std::pair<std::string, std::string>> variables) {
+void klNetServerProcess::setEnvironment(
+    std::vector<std::pair<std::string, std::string>> variables) {
     std::lock_guard<std::mutex> guard(m_lock);
     m_environment = std::move(variables);
 }

@@ -1013,9 +1013,8 @@ std::vector<klNetService::ServerInfo> klNetService::servers() {
                                   origin.started, server->isStopRequested()});
     }
     for (const auto& [id, stopping] : m_stopping) {
-        list.push_back(ServerInfo{id, stopping.server->bookingId(),
-                                  stopping.server->getProcessId(), stopping.origin.client,
-                                  stopping.origin.started, true});
+        list.push_back(ServerInfo{id, stopping.server->bookingId(), stopping.server->getProcessId(),
+                                  stopping.origin.client, stopping.origin.started, true});
     }
     std::sort(list.begin(), list.end(),
               [](const ServerInfo& a, const ServerInfo& b) { return a.id < b.id; });

@@ -776,13 +776,15 @@ TEST(klNetServiceTest, ServersGetACleanEnvironment) {
     const TempDir dir("environment", programDir());
     std::filesystem::create_hard_link(programDir() + "/KALDClusterService",
                                       dir.path("KALDClusterService"));
-    dir.addProgram("KALDClusterServer", "env > \"$(dirname \"$0\")/env.tmp\"\n"
-                                        "mv \"$(dirname \"$0\")/env.tmp\" \"$(dirname \"$0\")/env\"");
+    dir.addProgram("KALDClusterServer",
+                   "env > \"$(dirname \"$0\")/env.tmp\"\n"
+                   "mv \"$(dirname \"$0\")/env.tmp\" \"$(dirname \"$0\")/env\"");
     ::setenv("KLNET_TEST_SECRET", "secret", 1);
     ::setenv("KLNET_TEST_PASSED", "passed", 1);
-    ServiceDaemon service({"--server-env", "KLNET_TEST_PASSED", "--server-env", "KLNET_TEST_SET=a=b",
-                           "--server-env", "KLNET_TEST_UNSET", "--idle-exit", "7"},
-                          dir.path());
+    ServiceDaemon service(
+        {"--server-env", "KLNET_TEST_PASSED", "--server-env", "KLNET_TEST_SET=a=b", "--server-env",
+         "KLNET_TEST_UNSET", "--idle-exit", "7"},
+        dir.path());
     ::unsetenv("KLNET_TEST_SECRET");
     ::unsetenv("KLNET_TEST_PASSED");
 
