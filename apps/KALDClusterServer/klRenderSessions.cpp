@@ -25,6 +25,7 @@ void klRenderSessions::serve(std::shared_ptr<klSocketLink> link) {
             session.link->shutdown();
         }
         m_sessions.push_back(std::move(owned));
+        ++m_open;
     }
     try {
         session.thread = std::thread([this, &session] { run(session); });
@@ -33,8 +34,26 @@ void klRenderSessions::serve(std::shared_ptr<klSocketLink> link) {
         std::printf("connection refused: %s\n", e.what());
         std::fflush(stdout);
         session.link->shutdown();
-        session.finished = true;
+        sessionEnded(session);
     }
+}
+
+double klRenderSessions::idleSeconds() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_open > 0
+               ? 0.0
+               : std::chrono::duration<double>(std::chrono::steady_clock::now() - m_idleSince)
+                     .count();
+}
+
+void klRenderSessions::sessionEnded(Session& session) {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (--m_open == 0) {
+            m_idleSince = std::chrono::steady_clock::now();
+        }
+    }
+    session.finished = true;
 }
 
 void klRenderSessions::stopAll() {
@@ -83,5 +102,5 @@ void klRenderSessions::run(Session& session) {
     }
     // Tells a client whose connection ended in an error that nothing more will come.
     session.link->shutdown();
-    session.finished = true;
+    sessionEnded(session);
 }

@@ -9,13 +9,18 @@
 // Output: one line on standard output per request served or refused and per connection that
 // ends in an error (a client closing its connection is no error).
 //
+// idleSeconds() tells how long the server has had no client: a render server that nobody uses
+// any more (its client has gone, crashed or was killed) can end by itself.
+//
 // Ownership: the sessions own their threads and share their links with them.
-// Thread safety: serve() and joinAll() from one thread; stopAll() from any thread.
+// Thread safety: serve() and joinAll() from one thread; stopAll() and idleSeconds() from any
+// thread.
 #pragma once
 
 #include <klNetBase/link/klSocketLink.h>
 
 #include <atomic>
+#include <chrono>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -33,6 +38,9 @@ public:
     void serve(std::shared_ptr<klSocketLink> link);
     void stopAll();
     void joinAll() { join(true); }
+    // Seconds since the last session ended (or since construction, when there was none); 0 while
+    // a session is open.
+    double idleSeconds();
 
 private:
     struct Session {
@@ -43,6 +51,7 @@ private:
     };
 
     void run(Session& session);
+    void sessionEnded(Session& session);
     // Joins every finished session thread, or every one when all is set.
     void join(bool all);
 
@@ -54,4 +63,6 @@ private:
     // Guarded by m_mutex.
     std::list<std::unique_ptr<Session>> m_sessions;
     bool m_stopped = false;
+    int m_open = 0;  // sessions not yet ended
+    std::chrono::steady_clock::time_point m_idleSince = std::chrono::steady_clock::now();
 };

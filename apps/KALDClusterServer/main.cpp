@@ -3,8 +3,10 @@
 // The cluster service starts it with the name of a socket hand-off pipe and then passes it the
 // connections of clients that asked for a render server. Each connection is served on a thread of
 // its own with the render protocol (klRenderProtocol.h) until the client closes it. The server
-// ends with status 0 when the service closes the pipe (it has stopped the server) or on SIGTERM or
-// SIGINT, after shutting every client connection down and joining its threads.
+// ends with status 0 when the service closes the pipe (it has stopped the server, or it has gone),
+// on SIGTERM or SIGINT, or, given an idle time (--idle-exit, or KALD_IDLE_EXIT from the service),
+// when it has had no client for that long; it shuts every client connection down and joins its
+// threads first.
 #include "klRenderSessions.h"
 
 #include <klNetBase/core/klConnectionClosed.h>
@@ -20,12 +22,16 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <locale>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -39,7 +45,20 @@ struct Options {
     std::string flags;  // the launch options given, as "-Z -P -t"
     std::string pipe;
     std::string extra;
+    double idleExit = 0.0;  // 0: no idle end
 };
+
+// Seconds as --idle-exit and KALD_IDLE_EXIT take them; false for anything else.
+bool parseSeconds(const std::string& text, double& seconds) {
+    std::istringstream in(text);
+    in.imbue(std::locale::classic());
+    double value = 0.0;
+    if (!(in >> value) || !in.eof() || !std::isfinite(value) || value < 0.0) {
+        return false;
+    }
+    seconds = value;
+    return true;
+}
 
 // Parses the command line into options. Returns the status to exit with when the program is done
 // already (--help, --version, a bad command line).
@@ -66,6 +85,12 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     CLI::Option* t = app.add_flag("-t", second, "launch option of the service; shown at start");
     app.add_flag("-a", third, "with -t: -ta, a launch option of the service; shown at start")
         ->needs(t);
+    CLI::Option* idle =
+        app.add_option("--idle-exit", options.idleExit,
+                       "end (status 0) after S seconds without any client; 0: never (default: "
+                       "KALD_IDLE_EXIT, which the service sets, else 0)")
+            ->type_name("S")
+            ->check(klCommandLine::number(0, 1e9));
     app.add_option("--socketpipe", options.pipe)->group("");
     app.add_option("EXTRA", options.extra,
                    "the client's extra argument, shown at start; the argument right after "
@@ -74,8 +99,8 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     app.footer(
         "-socketpipe=PATH names the service's socket hand-off pipe; without it the pipe is "
         "taken from the environment variable KALD_LOCAL_SERVICE.\n\n"
-        "Exit status: 0 when the service closes the pipe or on SIGTERM/SIGINT, 1 when the pipe "
-        "fails, 2 for a bad command line.");
+        "Exit status: 0 when the service closes the pipe, on SIGTERM/SIGINT or after the idle "
+        "time, 1 when the pipe fails, 2 for a bad command line.");
 
     std::vector<std::string> args;
     for (int i = 1; i < argc; ++i) {
@@ -100,6 +125,13 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
                                       {second, third ? "-ta" : "-t"}}) {
         if (given) {
             options.flags += (options.flags.empty() ? "" : " ") + std::string(text);
+        }
+    }
+    if (idle->count() == 0) {
+        const char* inherited = std::getenv("KALD_IDLE_EXIT");
+        if (inherited != nullptr && !parseSeconds(inherited, options.idleExit)) {
+            return cli.fail(std::string("KALD_IDLE_EXIT: '") + inherited +
+                            "' is not a number of seconds");
         }
     }
     if (options.pipe.empty()) {
@@ -142,8 +174,20 @@ int serve(const Options& options, const sigset_t& stopSignals) {
 
     int status = 0;
     for (;;) {
+        // Without an idle time, wait for the next client as long as it takes; with one, no longer
+        // than until that time is up, counted from the last client's end.
+        double wait = -1.0;
+        if (options.idleExit > 0.0) {
+            const double idle = sessions.idleSeconds();
+            if (idle >= options.idleExit) {
+                std::printf("%s ending: no client for %g s\n", kProgram, options.idleExit);
+                std::fflush(stdout);
+                break;
+            }
+            wait = std::max(options.idleExit - idle, 0.001);
+        }
         try {
-            sessions.serve(std::make_shared<klSocketLink>(*pipe, -1.0));
+            sessions.serve(std::make_shared<klSocketLink>(*pipe, wait));
         } catch (const klConnectionClosed&) {
             break;  // the service closed the pipe, or a stop signal shut it
         } catch (const klConnectionTimeout&) {

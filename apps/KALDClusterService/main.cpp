@@ -9,6 +9,7 @@
 #include <klNetBase/core/klNetOptions.h>
 #include <klNetBase/service/klNetPeerFilter.h>
 #include <klNetBase/service/klNetService.h>
+#include <klNetBase/service/klNetUtils.h>
 
 #include <klNetBase/codecs/klNetFarmKey.h>
 #include <klNetBase/codecs/klNetFarmSealer.h>
@@ -59,6 +60,8 @@ struct Options {
     std::vector<std::string> relayRanges;
     int maxRelays = 16;
     double relayIdleTimeout = 300.0;
+    double idleExit = 60.0;
+    std::vector<std::string> serverEnvironment;
 
     klNetPeerFilter peerFilter;
     klNetPeerFilter relayTargets;
@@ -212,6 +215,25 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
                    "seconds after which a relay that carries nothing is closed (default 300)")
         ->type_name("S")
         ->check(klCommandLine::number(0, 1e9, true));
+    app.add_option("--idle-exit", options.idleExit,
+                   "a render server that has had no client for S seconds ends by itself "
+                   "(default 60; 0: servers run until stopped). Passed to servers as "
+                   "KALD_IDLE_EXIT")
+        ->type_name("S")
+        ->check(klCommandLine::number(0, 1e9));
+    app.add_option("--server-env", options.serverEnvironment,
+                   "give render servers this environment variable: NAME=VALUE, or NAME for the "
+                   "service's own value (repeatable; servers get only PATH, HOME, LANG, LC_*, TZ "
+                   "and XDG_RUNTIME_DIR besides)")
+        ->type_name("NAME[=VALUE]")
+        ->allow_extra_args(false)
+        ->check(CLI::Validator(
+            [](std::string& text) -> std::string {
+                return klNetUtils::isEnvironmentName(text.substr(0, text.find('=')))
+                           ? std::string()
+                           : "'" + text + "' is not NAME or NAME=VALUE";
+            },
+            ""));
     if (const std::optional<int> done = cli.parse(argc, argv)) {
         return done;
     }
@@ -274,6 +296,12 @@ private:
 // Serves until stopped; returns why the service failed, empty after a stop.
 std::string runService(int argc, char** argv, const Options& options) {
     QCoreApplication application(argc, argv);
+    // Qt's own warnings (a program that cannot be started, say) go to the log like every line.
+    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext&, const QString& text) {
+        klLog::write(
+            type == QtDebugMsg || type == QtInfoMsg ? klLog::Level::debug : klLog::Level::warning,
+            "%s\n", text.toLocal8Bit().constData());
+    });
 
     klNetService service(options.port, options.serviceArgument);
     service.setConsole(options.console);
@@ -298,6 +326,8 @@ std::string runService(int argc, char** argv, const Options& options) {
     service.setKeepAlive(klSocketKeepAlive::deadPeerWithin15s());
     service.setMaxRelays(options.maxRelays);
     service.setRelayIdleTimeout(options.relayIdleTimeout);
+    service.setIdleExit(options.idleExit);
+    service.setServerEnvironment(options.serverEnvironment);
     std::unique_ptr<klMetricsEndpoint> metrics;
     if (!options.metrics.empty()) {
         metrics = std::make_unique<klMetricsEndpoint>(service, options.metrics);

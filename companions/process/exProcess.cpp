@@ -116,8 +116,14 @@ void exProcess::setCommunication(int mode) {
     m_mode = mode == kCaptured ? kCaptured : kForwarded;
 }
 
+void exProcess::setEnvironment(const QProcessEnvironment& environment) {
+    m_process->setProcessEnvironment(environment);
+}
+
 bool exProcess::start(bool /*display*/) {
+    m_startError.clear();
     if (m_arguments.isEmpty() || m_started || m_process->state() != QProcess::NotRunning) {
+        m_startError = m_arguments.isEmpty() ? "No program given" : "Started already";
         return false;
     }
     m_process->setProcessChannelMode(QProcess::SeparateChannels);
@@ -130,6 +136,7 @@ bool exProcess::start(bool /*display*/) {
     m_process->start(m_arguments.first(), m_arguments.mid(1), QIODevice::ReadOnly);
     // Bounded by fork and exec; the child reports a failed exec through QProcess's start-up pipe.
     if (!m_process->waitForStarted(30000)) {
+        m_startError = m_process->errorString();
         if (m_process->state() != QProcess::NotRunning) {
             m_process->kill();
             m_process->waitForFinished(10000);
@@ -151,6 +158,8 @@ bool exProcess::isRunning() const {
 
 void exProcess::tryTerminate() const {
     sendSignal(SIGTERM);
+    // A stopped child keeps SIGTERM pending until it is continued.
+    sendSignal(SIGCONT);
 }
 
 void exProcess::kill() const {

@@ -9,9 +9,10 @@
 //       readyReadStderr() are emitted on this object's thread when data is pending, and
 //       readStdout() / readStderr() take it. That thread must run an event loop (or process
 //       events) and the data must be read, or a child that writes a lot blocks on a full pipe.
-// In both modes the child's standard input is the null device, and the child inherits no
-// descriptor beyond 0, 1 and 2: every other descriptor is made close-on-exec in the child between
-// fork and exec, whoever opened it and however. Its signal mask starts empty.
+// In both modes the child's standard input is the null device, its environment is this process's
+// unless setEnvironment() gave another, and the child inherits no descriptor beyond 0, 1 and 2:
+// every other descriptor is made close-on-exec in the child between fork and exec, whoever opened
+// it and however. Its signal mask starts empty.
 //
 // Threads: a QObject like any other. Configure and start() it on the thread it belongs to; then
 // it may be moved to another thread (moveToThread), which then receives its signals and must be
@@ -27,6 +28,7 @@
 
 #include <QByteArray>
 #include <QObject>
+#include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
 
@@ -52,15 +54,22 @@ public:
     QStringList arguments() const { return m_arguments; }
     // 0 or 10 (above); any other value counts as 0.
     void setCommunication(int mode);
+    // The child's whole environment, instead of this process's.
+    void setEnvironment(const QProcessEnvironment& environment);
 
     // Starts the program and waits until it has been executed. False when it could not be (no
-    // such file, no permission, no program given) or was started before. The display flag
-    // selects a visible console window where there is such a thing; here it is accepted only.
+    // such file, no permission, no descriptors or processes left, no program given) or was started
+    // before; errorString() then tells why as QProcess saw it. The display flag selects a visible
+    // console window where there is such a thing; here it is accepted only.
     bool start(bool display);
+    // Owner thread: why the last start() failed, in QProcess's words (often with the system's
+    // error text); empty after a successful start.
+    QString errorString() const { return m_startError; }
 
     // Any thread: started, and its end not yet reported (see above).
     bool isRunning() const;
-    // Any thread: asks the child to end (SIGTERM); nothing when it is not running.
+    // Any thread: asks the child to end (SIGTERM, then SIGCONT, so that a stopped child wakes up
+    // to take it); nothing when it is not running.
     void tryTerminate() const;
     // Any thread: ends the child at once (SIGKILL); nothing when it is not running.
     void kill() const;
@@ -84,6 +93,7 @@ private:
     exChildProcess* m_process;
     QStringList m_arguments;
     int m_mode = kForwarded;
+    QString m_startError;
 
     // Written once by start() before it sets m_started, then read only.
     qint64 m_pid = 0;

@@ -4,6 +4,7 @@
 #include <klNetBase/core/klConnectionTimeout.h>
 #include <klNetBase/core/klNetError.h>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -58,9 +59,23 @@ std::string newGuidText() {
     return text;
 }
 
-std::string runtimeDirectory() {
-    const char* dir = std::getenv("XDG_RUNTIME_DIR");
-    return dir != nullptr && dir[0] == '/' ? dir : "/tmp";
+const char* const kNamePrefix = "kaldService-";
+
+// Whether name is exactly kNamePrefix and a GUID as newGuidText writes it.
+bool isPipeName(const std::string& name) {
+    const std::string shape = "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}";
+    const std::size_t prefix = std::strlen(kNamePrefix);
+    if (name.size() != prefix + shape.size() || name.compare(0, prefix, kNamePrefix) != 0) {
+        return false;
+    }
+    for (std::size_t i = 0; i < shape.size(); ++i) {
+        const char c = name[prefix + i];
+        const bool hex = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F');
+        if (shape[i] == 'X' ? !hex : c != shape[i]) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // The address of a socket file; false when the path does not fit.
@@ -116,12 +131,12 @@ void closeIfValid(klSocketHandle& fd) {
 }  // namespace
 
 klSocketPipe::klSocketPipe(bool) : m_serviceSide(true) {
-    m_name = runtimeDirectory() + "/kaldService-" + newGuidText();
+    m_name = getDirectory() + "/" + kNamePrefix + newGuidText();
     // A constructor that throws gets no destructor: everything opened so far is closed here.
     const auto fail = [this](int error) {
         closeDescriptors();
         closeIfValid(m_shutdownEvent);
-        throw klNetError(std::ostringstream() << "CreateNamedPipe failed. " << "Error:" << error);
+        throw klNetError("CreateNamedPipe failed. Error:" + klNetError::getErrorString(error));
     };
     sockaddr_un address;
     if (!addressOf(m_name, address)) {
@@ -221,7 +236,66 @@ bool klSocketPipe::waitReadable(klSocketHandle fd, double timeoutSeconds) {
     }
 }
 
+std::string klSocketPipe::getDirectory() {
+    const char* dir = std::getenv("XDG_RUNTIME_DIR");
+    return dir != nullptr && dir[0] == '/' ? dir : "/tmp";
+}
+
+int klSocketPipe::removeStaleFiles() {
+    const std::string directory = getDirectory();
+    DIR* const listing = ::opendir(directory.c_str());
+    if (listing == nullptr) {
+        return 0;
+    }
+    int removed = 0;
+    while (const dirent* entry = ::readdir(listing)) {
+        const std::string path = directory + "/" + entry->d_name;
+        struct stat file {};
+        sockaddr_un address;
+        if (!isPipeName(entry->d_name) || ::lstat(path.c_str(), &file) != 0 ||
+            !S_ISSOCK(file.st_mode) || file.st_uid != ::getuid() || !addressOf(path, address)) {
+            continue;
+        }
+        const int probe = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (probe < 0) {
+            break;
+        }
+        // Refused: nobody listens. A listener that answers, or whose backlog is full, is alive;
+        // it drops this connection, which closes without a word.
+        const bool stale =
+            ::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
+            errno == ECONNREFUSED;
+        ::close(probe);
+        if (stale && ::unlink(path.c_str()) == 0) {
+            ++removed;
+        }
+    }
+    ::closedir(listing);
+    return removed;
+}
+
 void klSocketPipe::acceptServer(double timeoutSeconds) {
+    for (;;) {
+        acceptConnection(timeoutSeconds);
+        std::uint32_t processId = 0;
+        const int received = waitReadable(m_connection, timeoutSeconds)
+                                 ? recvPacket(m_connection, &processId, sizeof(processId))
+                                 : -1;
+        if (received == 1) {
+            m_peerProcessId = processId;
+            m_connected = true;
+            return;
+        }
+        // Start over with the next server to open the pipe.
+        closeIfValid(m_connection);
+        if (received != 0) {
+            throw klNetError("Unable to read process id");
+        }
+        // Closed without a word: a probe of removeStaleFiles, not a server.
+    }
+}
+
+void klSocketPipe::acceptConnection(double timeoutSeconds) {
     while (m_connection == klInvalidSocket) {
         if (!waitReadable(m_descriptor, timeoutSeconds)) {
             throw klConnectionTimeout();
@@ -243,15 +317,6 @@ void klSocketPipe::acceptServer(double timeoutSeconds) {
         }
         m_connection = fd;
     }
-    std::uint32_t processId = 0;
-    if (!waitReadable(m_connection, timeoutSeconds) ||
-        recvPacket(m_connection, &processId, sizeof(processId)) != 1) {
-        // Start over with the next server to open the pipe.
-        closeIfValid(m_connection);
-        throw klNetError("Unable to read process id");
-    }
-    m_peerProcessId = processId;
-    m_connected = true;
 }
 
 void klSocketPipe::sendSocket(klSocketHandle socket, double timeoutSeconds,

@@ -34,7 +34,8 @@ class KLNETBASE_EXPORT klSocketPipe {
 public:
     // Service side: creates a new uniquely named pipe and listens on it. The argument does not
     // change the behaviour. Failures: "Unable to create unique pipe name. Error:<errno>",
-    // "CreateNamedPipe failed. Error:<errno>".
+    // "CreateNamedPipe failed. Error:<errno>:<system text>" (e.g. "Error:24:Too many open
+    // files").
     explicit klSocketPipe(bool inProcess = false);
     // Server side: opens an existing pipe by name, retrying a refused or busy open ten times
     // 200 ms apart. Failure: "Unable to connect to named pipe. " + the system's text.
@@ -47,7 +48,9 @@ public:
 
     // Service side: hands one socket over; the caller keeps its own descriptor open. The first
     // call waits (at most timeoutSeconds; 0 or less waits without limit) for the server to open
-    // the pipe and reads its process id. Failures: klConnectionTimeout, klConnectionClosed after
+    // the pipe and reads its process id; a peer that closes without sending one (another service
+    // checking whether the pipe is in use, see removeStaleFiles) is dropped, and the wait goes
+    // on. Failures: klConnectionTimeout, klConnectionClosed after
     // shutdown(), "Unable to connect pipe" (also for a peer of another user id, which is
     // dropped so that a later call may accept the right one), "Unable to read process id",
     // "Unable to duplicate socket: " + text, "Unable to pass socket to server",
@@ -70,13 +73,24 @@ public:
 
     // The full path of the socket file: what a server is given as "-socketpipe=<name>".
     std::string getName() const { return m_name; }
+    // The directory of the socket files: $XDG_RUNTIME_DIR when it is an absolute path, else /tmp.
+    static std::string getDirectory();
+    // Service side, at start: removes what a service that was killed left behind, the socket
+    // files in getDirectory() named exactly like a pipe's (kaldService-{GUID}) that belong to
+    // this process's user and on which nobody listens any more (a connection is refused). A
+    // file that is no socket, another user's, one whose listener answers or one of any other
+    // name stays. Returns how many were removed.
+    static int removeStaleFiles();
     // The server's process id as read (service side), or this process's id once sent.
     std::uint32_t getPeerProcessId() const { return m_peerProcessId; }
 
 private:
     // Waits until fd is readable or shutdown() is called; false when the time runs out.
     bool waitReadable(klSocketHandle fd, double timeoutSeconds);
+    // Accepts the server's connection and reads its process id.
     void acceptServer(double timeoutSeconds);
+    // Accepts a connection of a process of our own user.
+    void acceptConnection(double timeoutSeconds);
     void closeDescriptors();
 
     // Constant after construction.

@@ -10,14 +10,20 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QProcessEnvironment>
 #include <QThread>
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <initializer_list>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -64,6 +70,66 @@ private:
     const std::string m_prefix;
     std::string m_pending;
 };
+
+// Whether this process could open count more descriptors now; false (with errno EMFILE or ENFILE)
+// when it could not.
+bool descriptorsLeft(int count) {
+    std::vector<int> opened;
+    bool left = true;
+    for (int i = 0; i < count && left; i += 2) {
+        int ends[2];
+        left = ::pipe2(ends, O_CLOEXEC) == 0;
+        if (left) {
+            opened.insert(opened.end(), {ends[0], ends[1]});
+        }
+    }
+    const int error = errno;
+    for (const int fd : opened) {
+        ::close(fd);
+    }
+    errno = error;
+    return left;
+}
+
+// The system error named in text, 0 when it names none of these.
+int namedError(const std::string& text, std::initializer_list<int> errors) {
+    for (const int error : errors) {
+        if (text.find(std::strerror(error)) != std::string::npos) {
+            return error;
+        }
+    }
+    return 0;
+}
+
+// The system error behind a failed start, 0 when none is known. QProcess names it in its text
+// for a failed fork, but when it could not open the child's standard streams or its own pipes it
+// only warns of that on standard error, and its text may then name whatever error came last
+// ("No such file or directory" for a program that is there). So a shortage named is taken as it
+// is, then the descriptors and the program file are checked here, and only then is a missing
+// file or another error named in the text believed.
+int startError(const std::string& path, const QString& reason) {
+    const std::string text = reason.toStdString();
+    if (const int shortage = namedError(text, {EMFILE, ENFILE, EAGAIN, ENOMEM})) {
+        return shortage;
+    }
+    // QProcess needs about ten descriptors to start a program (standard streams, its start-up
+    // and death pipes, the process descriptor).
+    if (!descriptorsLeft(16) && (errno == EMFILE || errno == ENFILE)) {
+        return errno;
+    }
+    if (::access(path.c_str(), X_OK) != 0) {
+        return errno;
+    }
+    // The file is there and executable: what exec found wrong (its interpreter missing, say).
+    return namedError(text,
+                      {ENOENT, EACCES, ENOEXEC, ENOTDIR, ELOOP, ENAMETOOLONG, ETXTBSY, E2BIG});
+}
+
+// The fixed part of a server's environment: what it takes from this process.
+bool passedOn(const QString& name) {
+    return name == "PATH" || name == "HOME" || name == "LANG" || name == "TZ" ||
+           name.startsWith("LC_") || name == "KLNET_LOG_LEVEL";
+}
 
 }  // namespace
 
@@ -183,6 +249,29 @@ void klNetServerProcess::tryKill() {
     }
 }
 
+void klNetServerProcess::terminate() {
+    if (exProcess* const program = process()) {
+        program->tryTerminate();
+    }
+}
+
+void klNetServerProcess::kill() {
+    if (exProcess* const program = process()) {
+        program->kill();
+    }
+}
+
+void klNetServerProcess::setEnvironment(
+    std::vector<std::pair<std::string, std::string>> variables) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_environment = std::move(variables);
+}
+
+void klNetServerProcess::setEndHandler(std::function<void()> handler) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_endHandler = std::move(handler);
+}
+
 void klNetServerProcess::sendSocket(klSocketLink& link, double seconds) {
     link.sendDescriptor(m_socketPipe, seconds);
 }
@@ -231,14 +320,22 @@ void klNetServerProcess::executeProcess(bool console) {
     const unsigned id = m_id;
     const std::string booking = klNetUtils::quoted(m_bookingId);
     const std::shared_ptr<std::atomic<bool>> stopRequested = m_stopFlag;
+    std::function<void()> ended;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        ended = m_endHandler;
+    }
     QObject::connect(&program, &exProcess::finished, &program,
-                     [&program, id, booking, stopRequested](int status, bool killed) {
+                     [&program, id, booking, stopRequested, ended](int status, bool killed) {
                          const bool expected = *stopRequested || (!killed && status == 0);
                          klLog::write(expected ? klLog::Level::info : klLog::Level::warning,
                                       "Server %u (process %lld, booking %s) %s %d\n", id,
                                       static_cast<long long>(program.processId()), booking.c_str(),
                                       killed ? "was killed by signal" : "exited with status",
                                       status);
+                         if (ended) {
+                             ended();
+                         }
                      });
 
     const std::string path = getServerPath(m_version);
@@ -256,14 +353,21 @@ void klNetServerProcess::executeProcess(bool console) {
     }
     setSocketPipeArgument();
     program.addArgument(QString::fromStdString(m_extraArgument));
+    program.setEnvironment(serverEnvironment());
 
     if (!program.start(m_display)) {
+        const QString reason = program.errorString();
         {
             std::lock_guard<std::mutex> guard(m_lock);
             m_process.reset();
         }
-        throw klNetError("Error starting process '" + path +
-                         "'. File not found or insufficient permission to start.");
+        const int error = startError(path, reason);
+        if (error == ENOENT || error == EACCES) {
+            throw klNetError("Error starting process '" + path +
+                             "'. File not found or insufficient permission to start.");
+        }
+        throw klNetError("Error starting process '" + path + "': " +
+                         (error != 0 ? klNetError::getErrorString(error) : reason.toStdString()));
     }
     // From here on its signals are delivered, and the output copied, on the application thread.
     if (QCoreApplication* const application = QCoreApplication::instance()) {
@@ -271,15 +375,38 @@ void klNetServerProcess::executeProcess(bool console) {
     }
 }
 
+bool klNetServerProcess::takesPipeArgument() const {
+    return klNetUtils::decimalValue(m_version) + kVersionTolerance > kSocketPipeArgumentVersion;
+}
+
 void klNetServerProcess::setSocketPipeArgument() {
-    const std::string name = m_socketPipe.getName();
-    if (klNetUtils::decimalValue(m_version) + kVersionTolerance > kSocketPipeArgumentVersion) {
-        process()->addArgument(QString("-socketpipe=%1").arg(QString::fromStdString(name)));
-    } else {
-        // Older servers look for the pipe in their environment, inherited from here; the launch
-        // lock keeps launches from overwriting it under each other.
-        qputenv("KALD_LOCAL_SERVICE", QByteArray::fromStdString(name));
+    if (takesPipeArgument()) {
+        process()->addArgument(
+            QString("-socketpipe=%1").arg(QString::fromStdString(m_socketPipe.getName())));
     }
+    // Older servers look for the pipe in their environment (serverEnvironment).
+}
+
+QProcessEnvironment klNetServerProcess::serverEnvironment() {
+    QProcessEnvironment environment;
+    const QProcessEnvironment own = QProcessEnvironment::systemEnvironment();
+    for (const QString& name : own.keys()) {
+        if (passedOn(name)) {
+            environment.insert(name, own.value(name));
+        }
+    }
+    const QString pipe = QString::fromStdString(m_socketPipe.getName());
+    environment.insert("XDG_RUNTIME_DIR", QFileInfo(pipe).absolutePath());
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        for (const auto& [name, value] : m_environment) {
+            environment.insert(QString::fromStdString(name), QString::fromStdString(value));
+        }
+    }
+    if (!takesPipeArgument()) {
+        environment.insert("KALD_LOCAL_SERVICE", pipe);
+    }
+    return environment;
 }
 
 void klNetServerProcess::executeThread(bool /*console*/) {

@@ -9,8 +9,12 @@
 //   -P            no display; -s: display and stereo
 //   -t / -ta      second option; -ta when the third option is set as well
 //   -socketpipe=  for servers of version 9.0 and later; older ones find the pipe name in the
-//                 environment variable KALD_LOCAL_SERVICE, which is set in this process for them
-//                 to inherit
+//                 environment variable KALD_LOCAL_SERVICE of their own environment
+//
+// A program does not inherit this process's environment. It gets PATH, HOME, LANG, LC_*, TZ and
+// KLNET_LOG_LEVEL as this process has them, XDG_RUNTIME_DIR naming the directory of its socket
+// pipe, the variables given with setEnvironment(), and KALD_LOCAL_SERVICE when its version takes
+// the pipe name from there; nothing else, so that no secret of the service reaches a server.
 //
 // With console output on, "KALDClusterServer starting" is printed first and everything the server
 // writes to its standard output or error is copied to this program's standard output; otherwise
@@ -21,18 +25,20 @@
 //
 // Either way the object owns the klSocketPipe through which the service hands accepted client
 // sockets to the server (sendSocket). stop() shuts the pipe down, which a server takes as the
-// request to end. Destruction shuts the pipe down and waits up to 3 s for the server to end; a
-// program still running is then asked to terminate, after 3 more seconds killed, and waited for
-// up to 5 s.
+// request to end; terminate() and kill() end a program that does not, without waiting, so that a
+// caller can escalate in the background. Destruction shuts the pipe down and waits up to 3 s for
+// the server to end; a program still running is then asked to terminate, after 3 more seconds
+// killed, and waited for up to 5 s. (A program that has ended is destroyed at once.)
 //
 // Requirements: a QCoreApplication whose thread processes events (its event loop, or wait()
 // called on it); a started program's wrapper is moved to that thread, where its output is copied
 // and where it is finally deleted. start() must run on a Qt thread (the application's or a
 // QThread).
 //
-// Thread safety: start() once, then stop(), isStopRequested(), isRunning(), wait(), tryKill(),
-// sendSocket(), socketPipeName(), bookingId() and getId() from any thread. Programs are started
-// one at a time across all objects, as they share this process's environment.
+// Thread safety: setEnvironment() and setEndHandler() before start(); start() once, then stop(),
+// isStopRequested(), isRunning(), wait(), tryKill(), terminate(), kill(), sendSocket(),
+// socketPipeName(), bookingId() and getId() from any thread. Programs are started one at a time
+// across all objects, as they move objects to the application thread.
 #pragma once
 
 #include <klNetBase/klNetBaseExport.h>
@@ -45,9 +51,12 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 class exProcess;
 class klSocketLink;
+class QProcessEnvironment;
 
 class KLNETBASE_EXPORT klNetServerProcess {
 public:
@@ -69,9 +78,19 @@ public:
     klNetServerProcess(const klNetServerProcess&) = delete;
     klNetServerProcess& operator=(const klNetServerProcess&) = delete;
 
-    // Starts the program (or the in-process task). Failure to start the program:
-    // "Error starting process '<path>'. File not found or insufficient permission to start.";
-    // a second call: "Server already started".
+    // Variables the program gets besides the fixed set above, in this order (a later one
+    // replaces an earlier one of the same name, and KALD_LOCAL_SERVICE replaces them all).
+    void setEnvironment(std::vector<std::pair<std::string, std::string>> variables);
+    // Called on the application thread once the program has ended, whichever way, right after
+    // its end is logged; may outlive this object. Not called for an in-process server.
+    void setEndHandler(std::function<void()> handler);
+
+    // Starts the program (or the in-process task). Failure to start the program: when it is
+    // missing or not executable, "Error starting process '<path>'. File not found or
+    // insufficient permission to start."; when the system lacks what starting takes (descriptors,
+    // processes, memory), "Error starting process '<path>': <errno>:<system text>", e.g.
+    // "...: 24:Too many open files"; else "Error starting process '<path>': <reason>". A second
+    // call: "Server already started".
     void start(bool console);
     // Marks the server as asked to stop, then shuts the socket pipe down (a request thread woken
     // by the shutdown already sees the mark). Does not wait; harmless when the server has ended.
@@ -87,6 +106,12 @@ public:
     bool wait(double seconds);
     // Asks the program to terminate, waits up to 3 s, then kills it. Nothing for a task.
     void tryKill();
+    // Asks the program to terminate (SIGTERM, and SIGCONT for a stopped one) and returns at once.
+    // Nothing for a task or a program that has ended.
+    void terminate();
+    // Kills the program (SIGKILL) and returns at once. Nothing for a task or a program that has
+    // ended.
+    void kill();
     // Hands the link's socket to the server (klSocketLink::sendDescriptor); a negative time-out
     // waits without limit.
     void sendSocket(klSocketLink& link, double seconds);
@@ -111,6 +136,9 @@ private:
     void executeProcess(bool console);
     void executeThread(bool console);
     void setSocketPipeArgument();
+    // Whether the program takes its pipe on its command line (else in KALD_LOCAL_SERVICE).
+    bool takesPipeArgument() const;
+    QProcessEnvironment serverEnvironment();
     static std::string getServerPath(const std::string& version);
     static std::string getBinDir(const std::string& version);
     // The started program's wrapper, or null.
@@ -131,6 +159,8 @@ private:
     const std::string m_bookingId;
     const std::string m_version;
     std::unique_ptr<exProcess, ProcessReleaser> m_process;
+    std::vector<std::pair<std::string, std::string>> m_environment;
+    std::function<void()> m_endHandler;
     const bool m_firstOption;
     const bool m_secondOption;
     const bool m_thirdOption;
@@ -144,7 +174,6 @@ private:
     // Guarded by s_callbackLock.
     static std::function<void(std::string)> s_inProcessCallback;
     static std::mutex s_callbackLock;
-    // Serialises program launches: they touch the process environment and move objects to the
-    // application thread.
+    // Serialises program launches: they move objects to the application thread.
     static std::mutex s_launchLock;
 };

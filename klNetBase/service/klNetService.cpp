@@ -9,6 +9,7 @@
 #include <klNetBase/link/klNetLinkSealer.h>
 #include <klNetBase/link/klSocketAddress.h>
 #include <klNetBase/link/klSocketLink.h>
+#include <klNetBase/link/klSocketPipe.h>
 #include <klNetBase/runtime/klNetMem.h>
 #include <klNetBase/serial/klNetStream.h>
 #include <klNetBase/service/detail/klNetDeadlineTimer.h>
@@ -25,6 +26,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
@@ -40,6 +42,13 @@ constexpr double kVersionTolerance = 0.0001;
 constexpr double kHandOffSlice = 0.25;
 constexpr double kHandOffTimeout = 10.0;
 constexpr double kRelayConnectTimeout = 5.0;
+// A stopped server that has not ended this long after its pipe closed is sent SIGTERM; one that
+// has not ended this long after SIGTERM is killed.
+constexpr auto kStopGrace = std::chrono::seconds(3);
+constexpr auto kTerminateGrace = std::chrono::seconds(3);
+// How long the service's end waits for its servers beyond those two: a killed process is reaped
+// and reported within milliseconds.
+constexpr auto kKilledWait = std::chrono::seconds(2);
 
 bool atLeast(double version, double threshold) {
     return version + kVersionTolerance >= threshold;
@@ -193,14 +202,47 @@ klNetService::klNetService(int port, std::string serviceArgument)
     : m_port(port),
       m_serviceArgument(std::move(serviceArgument)),
       m_requestTimeout(klNetOptions::getConnectionTimeout()),
-      m_timer(std::make_unique<klNetDeadlineTimer>()) {}
+      m_endNotice(std::make_shared<EndNotice>()),
+      m_timer(std::make_unique<klNetDeadlineTimer>()) {
+    m_endNotice->service = this;
+}
 
 klNetService::~klNetService() {
     // A service that never ran may still have been handed requests.
     waitForRequests();
+    std::lock_guard<std::mutex> guard(m_endNotice->lock);
+    m_endNotice->service = nullptr;
+}
+
+void klNetService::setIdleExit(double seconds) {
+    if (!(seconds >= 0.0) || !std::isfinite(seconds)) {
+        throw klNetError(textOf("Invalid idle time ", seconds));
+    }
+    m_idleExit = seconds;
+}
+
+void klNetService::setServerEnvironment(const std::vector<std::string>& entries) {
+    std::vector<std::pair<std::string, std::string>> variables;
+    for (const std::string& entry : entries) {
+        const std::size_t equals = entry.find('=');
+        const std::string name = entry.substr(0, equals);
+        if (!klNetUtils::isEnvironmentName(name)) {
+            throw klNetError("Invalid environment variable name " + klNetUtils::quoted(name));
+        }
+        if (equals != std::string::npos) {
+            variables.emplace_back(name, entry.substr(equals + 1));
+        } else if (const char* value = std::getenv(name.c_str())) {
+            variables.emplace_back(name, value);
+        }
+    }
+    m_serverEnvironment = std::move(variables);
 }
 
 void klNetService::run() {
+    if (const int stale = klSocketPipe::removeStaleFiles(); stale > 0) {
+        klLog::info("Removed %d stale hand-off socket%s of an earlier service from %s\n", stale,
+                    stale == 1 ? "" : "s", klSocketPipe::getDirectory().c_str());
+    }
     auto listener = m_listenAddress.empty() ? std::make_shared<klBoundSocketLink>(m_port.load())
                                             : std::make_shared<klBoundSocketLink>(klSocketAddress(
                                                   m_listenAddress, std::to_string(m_port.load())));
@@ -481,6 +523,17 @@ void klNetService::startServer(klNetStream& stream, Request& request) {
     auto server =
         klNetServerProcess::create(extraArgument, id, m_serviceArgument, version, display, stereo,
                                    firstOption, secondOption, thirdOption, bookingId);
+    std::vector<std::pair<std::string, std::string>> environment = m_serverEnvironment;
+    if (m_idleExit > 0.0) {
+        environment.emplace_back("KALD_IDLE_EXIT", textOf(m_idleExit));
+    }
+    server->setEnvironment(std::move(environment));
+    server->setEndHandler([notice = m_endNotice, id] {
+        std::lock_guard<std::mutex> guard(notice->lock);
+        if (notice->service != nullptr) {
+            notice->service->serverEnded(id);
+        }
+    });
     server->start(m_console);
     addServer(server, slot, request.peer);
 
@@ -625,7 +678,7 @@ void klNetService::connectService(klNetStream& stream, Request& request) {
 void klNetService::stopServer(klNetStream& stream, Request& request) {
     std::uint32_t id = 0;
     stream >> id;
-    getServer(id)->stop();
+    endServer(getServer(id));
     stream.sendSuccess();
     request.outcome = textOf("server ", id, " stopped");
 }
@@ -656,7 +709,7 @@ void klNetService::stopServerByBookingId(klNetStream& stream, Request& request) 
         }
     }
     for (const auto& server : matching) {
-        server->stop();
+        endServer(server);
     }
     stream.sendSuccess();
     request.outcome =
@@ -696,16 +749,96 @@ void klNetService::removeStoppedServers() {
     {
         std::lock_guard<std::mutex> guard(m_lock);
         for (auto it = m_servers.begin(); it != m_servers.end();) {
-            if (!it->second->isRunning() || it->second->isStopRequested()) {
-                removed.push_back(std::move(it->second));
-                m_origins.erase(it->first);
-                it = m_servers.erase(it);
-            } else {
+            const std::shared_ptr<klNetServerProcess>& server = it->second;
+            if (server->isRunning() && !server->isStopRequested()) {
                 ++it;
+                continue;
             }
+            // A program still running is being ended in the background: it stays listed as
+            // stopping, and its end handler lets it go. So nobody waits for it here.
+            if (server->isRunning() && !server->isInProcess()) {
+                m_stopping[it->first] = Stopping{server, m_origins[it->first]};
+            } else {
+                removed.push_back(server);
+            }
+            m_origins.erase(it->first);
+            it = m_servers.erase(it);
         }
     }
-    // Destroying a server waits for its process; never under the lock.
+    // Destroying an in-process server joins its task; never under the lock.
+}
+
+void klNetService::endServer(const std::shared_ptr<klNetServerProcess>& server) {
+    server->stop();
+    if (server->isInProcess()) {
+        return;
+    }
+    // Signals only, from the deadline thread: nothing here waits. The server is not kept alive
+    // for it; once it has ended and gone, there is nothing left to do.
+    std::weak_ptr<klNetServerProcess> weak = server;
+    auto terminated = std::make_shared<bool>(false);  // touched by the deadline thread only
+    m_timer->schedule(klNetDeadlineTimer::Clock::now() + kStopGrace,
+                      [weak, terminated]() -> klNetDeadlineTimer::Clock::time_point {
+                          const auto target = weak.lock();
+                          if (!target || !target->isRunning()) {
+                              return klNetDeadlineTimer::kDone;
+                          }
+                          if (!*terminated) {
+                              *terminated = true;
+                              target->terminate();
+                              return klNetDeadlineTimer::Clock::now() + kTerminateGrace;
+                          }
+                          target->kill();
+                          return klNetDeadlineTimer::kDone;
+                      });
+}
+
+void klNetService::serverEnded(unsigned id) {
+    std::shared_ptr<klNetServerProcess> server;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (const auto found = m_servers.find(id); found != m_servers.end()) {
+            server = std::move(found->second);
+            m_servers.erase(found);
+            m_origins.erase(id);
+        } else if (const auto stopping = m_stopping.find(id); stopping != m_stopping.end()) {
+            server = std::move(stopping->second.server);
+            m_stopping.erase(stopping);
+        }
+    }
+    m_stoppingChanged.notify_all();
+    // This runs inside the program wrapper's own signal: the server, and with it the wrapper,
+    // goes once that is over.
+    if (server) {
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(), [server = std::move(server)] {}, Qt::QueuedConnection);
+    }
+}
+
+void klNetService::waitForServers() {
+    const auto deadline =
+        std::chrono::steady_clock::now() + kStopGrace + kTerminateGrace + kKilledWait;
+    // Ends are reported on the application thread: when that is this one, it must look for them.
+    QCoreApplication* const application = QCoreApplication::instance();
+    const bool onApplicationThread =
+        application != nullptr && application->thread() == QThread::currentThread();
+    std::unique_lock<std::mutex> guard(m_lock);
+    while (!m_stopping.empty() && std::chrono::steady_clock::now() < deadline) {
+        if (onApplicationThread) {
+            guard.unlock();
+            QCoreApplication::processEvents();
+            guard.lock();
+        }
+        m_stoppingChanged.wait_for(guard, std::chrono::milliseconds(50));
+    }
+    std::map<unsigned, Stopping> left = std::move(m_stopping);
+    m_stopping.clear();
+    guard.unlock();
+    for (const auto& [id, stopping] : left) {
+        klLog::warning("Server %u (process %u) has not ended: ending it now\n", id,
+                       unsigned(stopping.server->getProcessId()));
+    }
+    // Their destruction kills what still runs and waits for it.
 }
 
 int klNetService::serverCount() {
@@ -773,13 +906,19 @@ void klNetService::shutdown() {
         m_stopped = true;
         std::lock_guard<std::mutex> guard(m_lock);
         for (auto& [id, server] : m_servers) {
-            servers.push_back(std::move(server));
+            servers.push_back(server);
+        }
+        // Programs wait for their ends as stopping; in-process servers are joined below.
+        for (auto& [id, server] : m_servers) {
+            if (server->isRunning() && !server->isInProcess()) {
+                m_stopping[id] = Stopping{std::move(server), m_origins[id]};
+            }
         }
         m_servers.clear();
         m_origins.clear();
     }
     for (const auto& server : servers) {
-        server->stop();
+        endServer(server);
     }
     std::vector<std::shared_ptr<Relay>> relays;
     {
@@ -794,6 +933,8 @@ void klNetService::shutdown() {
     for (const auto& relay : relays) {
         relay->close();
     }
+    servers.clear();
+    waitForServers();
 }
 
 bool klNetService::waitForRequestSlot() {
@@ -879,6 +1020,12 @@ std::vector<klNetService::ServerInfo> klNetService::servers() {
         list.push_back(ServerInfo{id, server->bookingId(), server->getProcessId(), origin.client,
                                   origin.started, server->isStopRequested()});
     }
+    for (const auto& [id, stopping] : m_stopping) {
+        list.push_back(ServerInfo{id, stopping.server->bookingId(), stopping.server->getProcessId(),
+                                  stopping.origin.client, stopping.origin.started, true});
+    }
+    std::sort(list.begin(), list.end(),
+              [](const ServerInfo& a, const ServerInfo& b) { return a.id < b.id; });
     return list;
 }
 

@@ -25,8 +25,19 @@
 // (letters, digits, '.', '-', '_', never "..") before they select a program; and string fields
 // longer than 64 KiB are refused before anything is allocated for them.
 //
+// Servers end in three ways, and the service learns of each at once, from the application
+// thread: a server ends by itself (its client has gone and it had no other for the idle time the
+// service passes it, see setIdleExit, or it failed); it is stopped (stop-server, stop-booking, the
+// service's own end), which closes its pipe and, should it still run 3 s later, sends SIGTERM
+// (with SIGCONT, for a stopped process) and, 3 s after that, SIGKILL, in the background: no
+// request waits for it; or it is killed from outside. Its slot is then free, and it leaves the
+// status, the booking ids and servers() (where a stopped server shows as stopping until it has
+// ended). When the service ends, it waits (at most about 8 s) until every server it started has
+// ended. At start it removes the hand-off sockets that a killed service left behind
+// (klSocketPipe::removeStaleFiles).
+//
 // Requirements: a QCoreApplication whose event loop runs on its thread; finished request threads
-// are deleted there, and started servers' output is delivered there.
+// are deleted there, and started servers' output and ends are delivered there.
 //
 // Every request ends with one log line: the peer's address, the command and its outcome (the
 // server started, with its id, booking and process id; what was stopped; why it was refused).
@@ -52,6 +63,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 class klBoundSocketLink;
@@ -127,6 +139,16 @@ public:
     void setMaxRelays(int count) { m_maxRelays = count; }
     // A relay that carries nothing either way for this long is closed (default 300 s).
     void setRelayIdleTimeout(double seconds) { m_relayIdleTimeout = seconds; }
+    // Seconds a server may go without any client before it ends by itself (0, the default: it
+    // waits for the service to stop it). Passed to every server started as the environment
+    // variable KALD_IDLE_EXIT; the reference server honours it, whether another server program
+    // does is up to that program. Throws klNetError for a negative or non-finite value.
+    void setIdleExit(double seconds);
+    // Variables servers get besides the small fixed set klNetServerProcess gives them (they
+    // inherit nothing else of this process). Each entry is NAME=VALUE, or NAME alone for this
+    // process's value of NAME now (left out when it has none). Throws klNetError for a NAME that
+    // is not [A-Za-z_][A-Za-z0-9_]* and leaves the setting as it was.
+    void setServerEnvironment(const std::vector<std::string>& entries);
     // Called on run()'s thread once the port is bound and listening, with the bound port.
     void setListeningHandler(std::function<void(int port)> handler) {
         m_listeningHandler = std::move(handler);
@@ -219,7 +241,15 @@ private:
     std::shared_ptr<klNetServerProcess> getServer(unsigned id);
     void addServer(const std::shared_ptr<klNetServerProcess>& server, StartSlot& slot,
                    const std::string& client);
+    // Moves stopped and ended servers out of the table; stopped programs still running stay
+    // listed as stopping until they end.
     void removeStoppedServers();
+    // Stops a server, and ends its program in the background should it not end by itself.
+    void endServer(const std::shared_ptr<klNetServerProcess>& server);
+    // The end handler of server id: on the application thread, once its program has ended.
+    void serverEnded(unsigned id);
+    // Waits, bounded, until every stopping program has ended; the rest are ended here.
+    void waitForServers();
     // Forwards buffers from one end of a relay to the other until either fails.
     void connectLinks(const std::shared_ptr<Relay>& relay, const std::shared_ptr<klNetLink>& from,
                       const std::shared_ptr<klNetLink>& to);
@@ -251,6 +281,8 @@ private:
     std::shared_ptr<klNetLinkSealer> m_sealer;
     int m_maxRelays = 16;
     double m_relayIdleTimeout = 300.0;
+    double m_idleExit = 0.0;
+    std::vector<std::pair<std::string, std::string>> m_serverEnvironment;
     std::function<void(int)> m_listeningHandler;
 
     // Guarded by m_lock.
@@ -261,7 +293,22 @@ private:
         std::chrono::system_clock::time_point started;
     };
     std::map<unsigned, Origin> m_origins;  // of the servers in m_servers
+    // Stopped servers out of the table whose programs have not ended yet.
+    struct Stopping {
+        std::shared_ptr<klNetServerProcess> server;
+        Origin origin;
+    };
+    std::map<unsigned, Stopping> m_stopping;
+    std::condition_variable m_stoppingChanged;
     int m_startsInProgress = 0;
+
+    // How servers' end handlers reach this service; cleared by the destructor, so that a handler
+    // that runs later does nothing.
+    struct EndNotice {
+        std::mutex lock;
+        klNetService* service = nullptr;  // guarded by lock
+    };
+    const std::shared_ptr<EndNotice> m_endNotice;
 
     // Guarded by m_metricsLock.
     std::mutex m_metricsLock;

@@ -11,6 +11,8 @@
 #include <locale.h>
 #include <stdlib.h>
 
+#include <algorithm>
+
 namespace {
 
 // Executables of this platform carry no suffix; ".exe" where they do.
@@ -74,4 +76,13 @@ std::string klNetUtils::quoted(const std::string& text, std::size_t maxLength) {
     std::string result = "\"";
     klLog::appendEscaped(result, text.substr(0, maxLength), true);
     return result + (text.size() > maxLength ? "...\"" : "\"");
+}
+
+bool klNetUtils::isEnvironmentName(const std::string& text) {
+    const auto letter = [](char c) {
+        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_';
+    };
+    return !text.empty() && letter(text[0]) &&
+           std::all_of(text.begin() + 1, text.end(),
+                       [&letter](char c) { return letter(c) || (c >= '0' && c <= '9'); });
 }

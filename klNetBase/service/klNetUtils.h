@@ -1,5 +1,5 @@
 // klNetUtils: finding the program of a given product version among side-by-side installations,
-// reading version texts as numbers, and quoting peers' texts.
+// reading version texts as numbers, quoting peers' texts, and checking variable names.
 //
 // Installations live in directories whose names carry an edition prefix and a version number,
 // e.g. .../KALDMain-10.0/bin. The editions, in the order in which they are tried:
@@ -34,4 +34,7 @@ public:
     // ("..." then marks the cut), and every byte that is not printable ASCII, or is a quote or a
     // backslash, escaped (\n, \", \\, \xHH).
     static std::string quoted(const std::string& text, std::size_t maxLength = 64);
+    // Whether text is an environment variable's name as a shell writes one:
+    // [A-Za-z_][A-Za-z0-9_]*.
+    static bool isEnvironmentName(const std::string& text);
 };

@@ -12,11 +12,15 @@
 #include <klNetBase/codecs/klNetFarmSealer.h>
 
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 
 #include <cstdio>
+#include <cstring>
 #include <future>
 #include <iterator>
+#include <optional>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -113,11 +117,11 @@ TEST(klNetServiceTest, StoppedServersLeaveTheTableOnlyAfterStopServerOrStart) {
     EXPECT_EQ(3, status(service).getNumberOfClusterServers());
     EXPECT_EQ("", request(service, kStopBooking, "shared"));
     EXPECT_EQ(std::vector<std::string>{"other"}, status(service).getBookingIds());
-    // Stopped by booking id: no longer counted, but still listed, so the id is known.
-    EXPECT_NE("Unknown server:1", request(service, kConnect, 1u));
+    // Stopped by booking id: no longer counted, and gone from the table once it has ended.
+    EXPECT_TRUE(waitUntil([&] { return request(service, kConnect, 1u) == "Unknown server:1"; }));
     EXPECT_EQ("", request(service, kStopServer, 3u));
     // The table is cleared just after the answer.
-    EXPECT_TRUE(waitUntil([&] { return request(service, kConnect, 1u) == "Unknown server:1"; }));
+    EXPECT_TRUE(waitUntil([&] { return request(service, kConnect, 3u) == "Unknown server:3"; }));
     EXPECT_EQ("Unknown server:3", request(service, kStopServer, 3u));
     EXPECT_EQ("Unknown server:7", request(service, kStopServer, 7u));
     EXPECT_EQ(0, status(service).getNumberOfClusterServers());
@@ -528,27 +532,34 @@ bool isGone(pid_t pid) {
     return text.str().empty() || text.str().find(") Z ") != std::string::npos;
 }
 
+// The processes whose parent is pid. The parent field of /proc/PID/stat names the parent
+// whichever of its threads started the child, while the per-thread children lists lose a child
+// for a moment when its starting thread ends.
+std::vector<pid_t> childrenOf(pid_t pid) {
+    std::vector<pid_t> children;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        if (!std::isdigit(entry.path().filename().string()[0])) {
+            continue;  // not a process
+        }
+        std::ifstream stat(entry.path() / "stat");
+        const std::string text((std::istreambuf_iterator<char>(stat)), {});
+        const auto nameEnd = text.rfind(") ");
+        pid_t parent = 0;
+        if (nameEnd != std::string::npos &&
+            std::sscanf(text.c_str() + nameEnd + 2, "%*c %d", &parent) == 1 && parent == pid) {
+            children.push_back(std::stoi(entry.path().filename()));
+        }
+    }
+    return children;
+}
+
 // Render servers the daemons started are killed at the end of each test, whatever happened.
 class klnetctlTest : public ::testing::Test {
 protected:
-    // Remembers the processes the daemon started that are still there. The parent field of
-    // /proc/PID/stat names the daemon whichever of its threads started the child, while the
-    // per-thread children lists lose a child for a moment when its starting thread ends.
+    // Remembers the processes the daemon started that are still there.
     void rememberServers(const ServiceDaemon& daemon) {
-        for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-            if (!std::isdigit(entry.path().filename().string()[0])) {
-                continue;  // not a process
-            }
-            std::ifstream stat(entry.path() / "stat");
-            const std::string text((std::istreambuf_iterator<char>(stat)), {});
-            const auto nameEnd = text.rfind(") ");
-            pid_t parent = 0;
-            if (nameEnd != std::string::npos &&
-                std::sscanf(text.c_str() + nameEnd + 2, "%*c %d", &parent) == 1 &&
-                parent == daemon.pid()) {
-                m_servers.push_back(std::stoi(entry.path().filename()));
-            }
-        }
+        const std::vector<pid_t> children = childrenOf(daemon.pid());
+        m_servers.insert(m_servers.end(), children.begin(), children.end());
     }
     bool serversGone() const {
         return waitUntil(
@@ -651,8 +662,245 @@ TEST_F(klnetctlTest, ReportsEveryFailureWithOneLineAndItsExitStatus) {
                "KALDClusterService: Unable to bind to port {port}\\. 98:Address already in use\n"},
               {"KALDClusterService --allow 10.0.0.0/33", 2, "",
                "KALDClusterService: --allow: '10.0.0.0/33' is not an address range \\(ADDRESS or "
-               "ADDRESS/BITS\\) \\(see --help\\)\n"}},
+               "ADDRESS/BITS\\) \\(see --help\\)\n"},
+              {"KALDClusterService --server-env 1X=2", 2, "",
+               "KALDClusterService: --server-env: '1X=2' is not NAME or NAME=VALUE \\(see "
+               "--help\\)\n"}},
              refused.port);
+}
+
+// ---- servers that outlive nothing ------------------------------------------------------------
+
+// What /servers says of server id: "running", "stopping", or "" when it is not listed.
+std::string serverState(int metricsPort, unsigned id) {
+    const std::string servers = httpGet(metricsPort, "/servers");
+    std::smatch state;
+    const std::regex entry("\"serverId\":" + std::to_string(id) +
+                           ",\"started\":\"[^\"]*\",\"state\":\"(\\w+)\"");
+    return std::regex_search(servers, state, entry) ? state[1].str() : "";
+}
+
+int metricsPortOf(ServiceDaemon& service) {
+    const std::string line = service.readLine();
+    EXPECT_EQ(0u, line.find("metrics on port ")) << line;
+    return line.size() > 16 ? std::stoi(line.substr(16)) : 0;
+}
+
+// A client killed in the middle of its session (a child mode of this test, --hold-server): its
+// server ends after the idle time and frees its slot; a server whose client is still connected,
+// idle or not, is never ended for it.
+TEST_F(klnetctlTest, ServersOfClientsThatDiedEndAndFreeTheirSlots) {
+    ServiceDaemon service({"--idle-exit", "1", "--max-servers", "2"});
+    auto live = service.connect();
+    startServer(*live, "live");
+    ChildProcess client("/proc/self/exe", {"--hold-server", std::to_string(service.port())});
+    ASSERT_EQ("rendered", client.readLine(30.0));
+    rememberServers(service);
+    ASSERT_EQ(2u, m_servers.size());
+    EXPECT_EQ("Too many servers running (2)",
+              outcome([&] { startServer(*service.connect(), "third"); }));
+
+    ::kill(client.pid(), SIGKILL);
+    EXPECT_TRUE(waitUntil([&] { return status(service).getNumberOfClusterServers() == 1; },
+                          std::chrono::seconds(10)));
+    EXPECT_EQ(std::vector<std::string>{"live"}, status(service).getBookingIds());
+    auto next = service.connect();
+    startServer(*next, "next");
+    // The live client's server has been idle for longer than the idle time, but not without a
+    // client: it still serves.
+    expectRenders(*live);
+    EXPECT_EQ(2, status(service).getNumberOfClusterServers());
+}
+
+// A server frozen with SIGSTOP ignores its closed pipe and SIGTERM: it is killed in the
+// background, shown as stopping until then, and nobody waits for it.
+TEST_F(klnetctlTest, AFrozenServerIsKilledInTheBackground) {
+    ServiceDaemon service({"--metrics", "0"});
+    const int metricsPort = metricsPortOf(service);
+    auto frozen = service.connect();
+    startServer(*frozen, "frozen");
+    rememberServers(service);
+    ASSERT_EQ(1u, m_servers.size());
+    ASSERT_EQ(0, ::kill(m_servers[0], SIGSTOP));
+
+    const auto stopped = Clock::now();
+    EXPECT_EQ("", request(service, kStopBooking, "frozen"));
+    auto next = service.connect();
+    EXPECT_EQ(2u, startServer(*next, "next"));
+    // Well below the 3 s the frozen server has to end on its own.
+    EXPECT_LT(Clock::now() - stopped, std::chrono::seconds(2));
+    EXPECT_EQ("stopping", serverState(metricsPort, 1));
+    EXPECT_EQ(1, status(service).getNumberOfClusterServers());
+    // SIGTERM after 3 s, SIGKILL 3 s later.
+    EXPECT_TRUE(waitUntil([&] { return isGone(m_servers[0]); }, std::chrono::seconds(10)));
+    EXPECT_TRUE(waitUntil([&] { return serverState(metricsPort, 1).empty(); }));
+    EXPECT_EQ("running", serverState(metricsPort, 2));
+    expectRenders(*next);
+}
+
+// The service's descriptor limit lowered step by step, down to what the accept takes: every start
+// that fails says that descriptors ran out, and none claims a missing program.
+TEST(klNetServiceTest, StartsThatLackDescriptorsSaySo) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizers need descriptors of their own";
+#endif
+    const TempDir dir("startDescriptors");
+    ServiceDaemon service({"--log-file", dir.path("service.log"), "--max-servers", "0"});
+    status(service);
+    rlimit limit{};
+    ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_NOFILE, nullptr, &limit));
+    const rlim_t plenty = limit.rlim_cur;
+    std::vector<std::string> failures;
+    for (rlim_t spare = 20; spare > 0; --spare) {
+        limit.rlim_cur = procEntries(service.pid(), "fd") + spare;
+        ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_NOFILE, &limit, nullptr));
+        auto stream = service.connect();
+        const std::string result = outcome([&] { startServer(*stream); });
+        if (result != "returned") {
+            failures.push_back(result);
+        }
+    }
+    limit.rlim_cur = plenty;
+    ::prlimit(service.pid(), RLIMIT_NOFILE, &limit, nullptr);
+    const std::string launch =
+        "Error starting process '" + programDir() + "/KALDClusterServer': 24:Too many open files";
+    EXPECT_NE(failures.end(), std::find(failures.begin(), failures.end(), launch));
+    for (const std::string& failure : failures) {
+        EXPECT_NE(std::string::npos, failure.find("24:Too many open files")) << failure;
+    }
+}
+
+// Servers get a small fixed environment and what the operator names, nothing else of the
+// service's; the pipe variable of an old server goes to that server only.
+TEST(klNetServiceTest, ServersGetACleanEnvironment) {
+    const TempDir dir("environment", programDir());
+    std::filesystem::create_hard_link(programDir() + "/KALDClusterService",
+                                      dir.path("KALDClusterService"));
+    dir.addProgram("KALDClusterServer",
+                   "env > \"$(dirname \"$0\")/env.tmp\"\n"
+                   "mv \"$(dirname \"$0\")/env.tmp\" \"$(dirname \"$0\")/env\"");
+    ::setenv("KLNET_TEST_SECRET", "secret", 1);
+    ::setenv("KLNET_TEST_PASSED", "passed", 1);
+    ServiceDaemon service(
+        {"--server-env", "KLNET_TEST_PASSED", "--server-env", "KLNET_TEST_SET=a=b", "--server-env",
+         "KLNET_TEST_UNSET", "--idle-exit", "7"},
+        dir.path());
+    ::unsetenv("KLNET_TEST_SECRET");
+    ::unsetenv("KLNET_TEST_PASSED");
+
+    std::set<std::string> fixed;  // what this environment has of the fixed set
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string name(*entry, std::strcspn(*entry, "="));
+        if (name == "PATH" || name == "HOME" || name == "LANG" || name == "TZ" ||
+            name.rfind("LC_", 0) == 0) {
+            fixed.insert(std::string(*entry));
+        }
+    }
+    const std::string runtime = klSocketPipe::getDirectory();
+    for (const char* version : {"8.5", "10.0", "8.5"}) {
+        SCOPED_TRACE(version);
+        auto stream = service.connect();
+        writeStart(*stream, version);
+        EXPECT_EQ("Failed to connect started server", outcome([&] { stream->recvResult(); }));
+        std::set<std::string> variables;
+        std::ifstream file(dir.path("env"));
+        for (std::string line; std::getline(file, line);) {
+            const std::string name = line.substr(0, line.find('='));
+            // What the shell adds itself.
+            if (name != "PWD" && name != "SHLVL" && name != "_" && name != "OLDPWD") {
+                variables.insert(line);
+            }
+        }
+        std::filesystem::remove(dir.path("env"));
+        std::set<std::string> expected = fixed;
+        expected.insert({"KLNET_LOG_LEVEL=info", "KLNET_TEST_PASSED=passed", "KLNET_TEST_SET=a=b",
+                         "KALD_IDLE_EXIT=7", "XDG_RUNTIME_DIR=" + runtime});
+        const auto pipe = std::find_if(variables.begin(), variables.end(), [&](const auto& v) {
+            return v.rfind("KALD_LOCAL_SERVICE=" + runtime + "/kaldService-{", 0) == 0;
+        });
+        if (std::string(version) == "8.5") {
+            ASSERT_NE(variables.end(), pipe);
+            expected.insert(*pipe);
+        }
+        EXPECT_EQ(expected, variables);
+    }
+}
+
+// A service killed with SIGKILL: its server, its client still connected, notices the pipe's other
+// end gone and ends; the next service removes the hand-off socket it left, and only that.
+TEST_F(klnetctlTest, AKilledServiceLeavesNothingBehind) {
+    const TempDir runtime("runtime");
+    // The services of this test keep their hand-off sockets there.
+    struct RuntimeDirectory {
+        explicit RuntimeDirectory(const std::string& path) {
+            if (const char* old = std::getenv("XDG_RUNTIME_DIR")) {
+                previous = old;
+            }
+            ::setenv("XDG_RUNTIME_DIR", path.c_str(), 1);
+        }
+        ~RuntimeDirectory() {
+            previous ? ::setenv("XDG_RUNTIME_DIR", previous->c_str(), 1)
+                     : ::unsetenv("XDG_RUNTIME_DIR");
+        }
+        std::optional<std::string> previous;
+    };
+    std::optional<RuntimeDirectory> runtimeDirectory(std::in_place, runtime.path());
+    const std::string prefix = runtime.path("kaldService-");
+    const std::string guid = "{0123ABCD-0123-4567-89AB-0123456789AB}";
+    // Another service's pipe, alive; a file of the same pattern that is no socket; a stale socket
+    // of another name.
+    const auto bound = [](const std::string& path) {
+        const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+        EXPECT_EQ(0, ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)));
+        return fd;
+    };
+    const int live = bound(prefix + guid);
+    ASSERT_EQ(0, ::listen(live, 1));
+    std::ofstream(prefix + "{1123ABCD-0123-4567-89AB-0123456789AB}").close();
+    ::close(bound(prefix + "{0123abcd-0123-4567-89ab-0123456789ab}"));
+    std::set<std::string> kept;
+    for (const auto& entry : std::filesystem::directory_iterator(runtime.path())) {
+        kept.insert(entry.path());
+    }
+
+    std::unique_ptr<klNetStream> client;
+    {
+        ServiceDaemon killed;
+        client = killed.connect();
+        startServer(*client);
+        rememberServers(killed);
+        ASSERT_EQ(1u, m_servers.size());
+        ::kill(killed.pid(), SIGKILL);
+        EXPECT_EQ(128 + SIGKILL, killed.exitStatus(10.0));
+    }
+    EXPECT_TRUE(serversGone());
+    EXPECT_EQ("closed", outcome([&] { expectRenders(*client); }));
+    EXPECT_EQ(std::ptrdiff_t(kept.size()) + 1,
+              std::distance(std::filesystem::directory_iterator(runtime.path()),
+                            std::filesystem::directory_iterator()))
+        << "the killed service's hand-off socket stays";
+
+    const std::string log = runtime.path("service.log");
+    {
+        ServiceDaemon next({"--log-file", log});
+        runtimeDirectory.reset();
+        kept.insert(log);
+        std::set<std::string> left;
+        for (const auto& entry : std::filesystem::directory_iterator(runtime.path())) {
+            left.insert(entry.path());
+        }
+        EXPECT_EQ(kept, left);
+    }
+    std::stringstream text;
+    text << std::ifstream(log).rdbuf();
+    EXPECT_NE(std::string::npos,
+              text.str().find("INFO Removed 1 stale hand-off socket of an earlier service from " +
+                              runtime.path() + "\n"))
+        << text.str();
+    ::close(live);
 }
 
 }  // namespace
@@ -873,9 +1121,32 @@ TEST(klRenderServerTest, StopSignalEndsTheServerInTheMiddleOfARender) {
 
 }  // namespace
 
+namespace {
+
+// Child mode of ServersOfClientsThatDiedEndAndFreeTheirSlots: a client that starts a server on
+// the service at port, has a region rendered, says "rendered" and waits to be killed.
+int holdServer(int port) {
+    auto link = std::make_shared<klSocketLink>(klSocketAddress("127.0.0.1", port), 10.0);
+    link->signalHPCNetSocket();
+    link->setRecvTimeout(20.0);
+    klNetStream stream(link);
+    startServer(stream, "killed");
+    expectRenders(stream);
+    std::printf("rendered\n");
+    std::fflush(stdout);
+    for (;;) {
+        ::pause();
+    }
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
     // Writes to a client that has gone must not end the test.
     ::signal(SIGPIPE, SIG_IGN);
+    if (argc == 3 && std::string(argv[1]) == "--hold-server") {
+        return holdServer(std::atoi(argv[2]));
+    }
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
