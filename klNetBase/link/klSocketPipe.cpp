@@ -132,6 +132,9 @@ void closeIfValid(klSocketHandle& fd) {
 
 klSocketPipe::klSocketPipe(bool) : m_serviceSide(true) {
     m_name = getDirectory() + "/" + kNamePrefix + newGuidText();
+    // Bound and made ready under a name of its own first, then renamed: under its real name the
+    // pipe always listens, so a service cleaning up stale pipes never takes it for one.
+    const std::string preparing = m_name + ".new";
     // A constructor that throws gets no destructor: everything opened so far is closed here.
     const auto fail = [this](int error) {
         closeDescriptors();
@@ -139,7 +142,7 @@ klSocketPipe::klSocketPipe(bool) : m_serviceSide(true) {
         throw klNetError("CreateNamedPipe failed. Error:" + klNetError::getErrorString(error));
     };
     sockaddr_un address;
-    if (!addressOf(m_name, address)) {
+    if (!addressOf(preparing, address)) {
         fail(ENAMETOOLONG);
     }
     m_shutdownEvent = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -155,9 +158,10 @@ klSocketPipe::klSocketPipe(bool) : m_serviceSide(true) {
     }
     // Owner only, before anyone can connect: connecting needs write access to the file, and
     // nobody is accepted before listen().
-    if (::chmod(m_name.c_str(), S_IRUSR | S_IWUSR) != 0 || ::listen(m_descriptor, 4) != 0) {
+    if (::chmod(preparing.c_str(), S_IRUSR | S_IWUSR) != 0 || ::listen(m_descriptor, 4) != 0 ||
+        ::rename(preparing.c_str(), m_name.c_str()) != 0) {
         const int error = errno;
-        ::unlink(m_name.c_str());
+        ::unlink(preparing.c_str());
         fail(error);
     }
 }

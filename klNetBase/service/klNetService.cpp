@@ -239,14 +239,15 @@ void klNetService::setServerEnvironment(const std::vector<std::string>& entries)
 }
 
 void klNetService::run() {
-    if (const int stale = klSocketPipe::removeStaleFiles(); stale > 0) {
-        klLog::info("Removed %d stale hand-off socket%s of an earlier service from %s\n", stale,
-                    stale == 1 ? "" : "s", klSocketPipe::getDirectory().c_str());
-    }
     auto listener = m_listenAddress.empty() ? std::make_shared<klBoundSocketLink>(m_port.load())
                                             : std::make_shared<klBoundSocketLink>(klSocketAddress(
                                                   m_listenAddress, std::to_string(m_port.load())));
     m_port = listener->getAddress().getPort();
+    // Once the port is ours: a service that cannot listen leaves everything as it found it.
+    if (const int stale = klSocketPipe::removeStaleFiles(); stale > 0) {
+        klLog::info("Removed %d stale hand-off socket%s of an earlier service from %s\n", stale,
+                    stale == 1 ? "" : "s", klSocketPipe::getDirectory().c_str());
+    }
     {
         std::lock_guard<std::mutex> guard(m_listenerLock);
         if (m_stopped) {
