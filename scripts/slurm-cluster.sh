@@ -34,7 +34,7 @@ die() {
 skip() {
     echo "slurm-cluster.sh: cannot run Slurm here: $1" >&2
     if [[ -d $dir/log ]]; then
-        tail -n 5 "$dir"/log/*.log >&2 2>/dev/null || true
+        tail -n 5 "$dir"/log/*.out >&2 2>/dev/null || true
     fi
     (stop_cluster) >/dev/null 2>&1 || true
     exit 77
@@ -131,7 +131,7 @@ EnforcePartLimits=ALL
 # A cancelled step gets SIGTERM, then SIGKILL after KillWait seconds.
 KillWait=2
 InactiveLimit=0
-MinJobAge=60
+MinJobAge=300
 SlurmctldDebug=info
 SlurmdDebug=info
 EOF
@@ -154,6 +154,7 @@ launch() {
     shift
     (cd "$dir" && exec setsid "$@" </dev/null >>"$dir/log/$name.out" 2>&1) &
     echo $! >"$dir/run/$name"
+    disown
 }
 
 start_cluster() {
@@ -226,15 +227,18 @@ stop_cluster() {
     export SLURM_CONF=$dir/slurm.conf
     # Jobs first, while the daemons can still end them; whatever of them is left (a step daemon
     # waiting for a task's orphan, the orphan) is killed; then the daemons.
-    scancel --quiet --user=root >/dev/null 2>&1 || true
-    local deadline=$((SECONDS + kStopSeconds))
-    while [[ -n $(squeue -h -o %i 2>/dev/null || true) ]] && ((SECONDS < deadline)); do
-        sleep 0.2
-    done
     local daemons=() name
     for name in munged slurmctld "${kNodes[@]/#/slurmd-}"; do
         [[ -f $dir/run/$name ]] && daemons+=("$(cat "$dir/run/$name")")
     done
+    if [[ -f $dir/run/slurmctld ]] && alive "$(cat "$dir/run/slurmctld")"; then
+        timeout "$kStopSeconds" scancel --quiet --user=root >/dev/null 2>&1 || true
+        local deadline=$((SECONDS + kStopSeconds))
+        while [[ -n $(timeout "$kStopSeconds" squeue -h -o %i 2>/dev/null || true) ]] &&
+            ((SECONDS < deadline)); do
+            sleep 0.2
+        done
+    fi
     kill_all "$(cluster_pids jobs)"
     if [[ ${#daemons[@]} -gt 0 ]]; then
         kill -TERM "${daemons[@]}" 2>/dev/null || true
