@@ -197,7 +197,8 @@ scancel)
     cancelled=$(now)
     scancel "$job"
     expect_job_gone "$job" 20
-    echo "scancel: nothing of the job left after $((($(now) - cancelled) / 1000)) ms"
+    took=$((($(now) - cancelled) / 1000))
+    printf 'scancel: nothing of the job left after %d.%03d s\n' $((took / 1000)) $((took % 1000))
     render_status
     [[ $status -ne 0 ]] || fail "a cancelled render succeeded"
     [[ ! -e $work/frame.png ]] || fail "a cancelled render wrote a frame"
@@ -209,9 +210,8 @@ node-dies)
     mapfile -t servers < <(job_pids "$job" KALDClusterServer n2)
     [[ $(wc -w <<<"$service") -eq 1 && ${#servers[@]} -gt 0 ]] ||
         fail "n2's service and servers: '$service' '${servers[*]}'"
-    kill -KILL "$service" "${servers[@]}"
-    wait_until 15 render_ended ||
-        fail "the render still runs 15 s after n2 died"
+    kill -KILL "$service" "${servers[@]}" || true # a server may have gone with its service
+    wait_until 15 render_ended || fail "the render still runs 15 s after n2 died"
     render_status
     [[ $status -eq 1 ]] || fail "exit status $status, $(cat "$work/err")"
     [[ $(wc -l <"$work/err") -eq 1 ]] && grep -q '^klClusterRender: .*n2' "$work/err" ||
