@@ -12,6 +12,7 @@ packages=(
   libcli11-dev libcurl4-openssl-dev help2man
   clang-format
   iproute2 iperf3 dpkg-dev
+  slurm-wlm slurm-client munge
   clang libclang-rt-14-dev
 )
 
