@@ -239,12 +239,13 @@ void klNetService::setServerEnvironment(const std::vector<std::string>& entries)
 }
 
 void klNetService::run() {
+    auto listener = std::make_shared<klBoundSocketLink>(m_port.load());
+    m_port = listener->getAddress().getPort();
+    // Only a service that runs clears up: one that cannot listen leaves everything as it is.
     if (const int stale = klSocketPipe::removeStaleFiles(); stale > 0) {
         klLog::info("Removed %d stale hand-off socket%s of an earlier service from %s\n", stale,
                     stale == 1 ? "" : "s", klSocketPipe::getDirectory().c_str());
     }
-    auto listener = std::make_shared<klBoundSocketLink>(m_port.load());
-    m_port = listener->getAddress().getPort();
     {
         std::lock_guard<std::mutex> guard(m_listenerLock);
         if (m_stopped) {
