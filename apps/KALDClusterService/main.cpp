@@ -223,8 +223,9 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
         ->check(klCommandLine::number(0, 1e9));
     app.add_option("--server-env", options.serverEnvironment,
                    "give render servers this environment variable: NAME=VALUE, or NAME for the "
-                   "service's own value (repeatable; servers get only PATH, HOME, LANG, LC_*, TZ "
-                   "and XDG_RUNTIME_DIR besides)")
+                   "service's own value (repeatable; servers get nothing else of the service's "
+                   "environment but PATH, HOME, LANG, LC_*, TZ and KLNET_LOG_LEVEL, and "
+                   "XDG_RUNTIME_DIR)")
         ->type_name("NAME[=VALUE]")
         ->allow_extra_args(false)
         ->check(CLI::Validator(

@@ -243,7 +243,7 @@ void klNetService::run() {
                                             : std::make_shared<klBoundSocketLink>(klSocketAddress(
                                                   m_listenAddress, std::to_string(m_port.load())));
     m_port = listener->getAddress().getPort();
-    // Once the port is ours: a service that cannot listen leaves everything as it found it.
+    // Only a service that runs clears up: one that cannot listen leaves everything as it is.
     if (const int stale = klSocketPipe::removeStaleFiles(); stale > 0) {
         klLog::info("Removed %d stale hand-off socket%s of an earlier service from %s\n", stale,
                     stale == 1 ? "" : "s", klSocketPipe::getDirectory().c_str());
