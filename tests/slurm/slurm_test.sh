@@ -59,20 +59,54 @@ running() {
     [[ $(awk '{ print $3 }' "/proc/$1/stat" 2>/dev/null) =~ ^[^Z]$ ]]
 }
 
-# Process ids of job $1 (SLURM_JOB_ID in the environment), zombies left out; with $2, only the
-# processes of that program; with $3, only those on node $3.
+# Process ids of job $1, zombies left out: the processes with SLURM_JOB_ID=$1 in their
+# environment and their descendants (render servers get a clean environment of their own); with
+# $2, only the processes of that program; with $3, only those on node $3. Every process found is
+# remembered in $work/seen, so that one that leaves the tree (an orphan) is still looked for.
 job_pids() {
-    local environ pid exe
-    for environ in /proc/[0-9]*/environ; do
-        pid=${environ#/proc/}
-        pid=${pid%/environ}
-        grep -qzxF "SLURM_JOB_ID=$1" "$environ" 2>/dev/null || continue
+    local stat pid ppid environ exe
+    declare -A parent node
+    for stat in /proc/[0-9]*/stat; do
+        pid=${stat#/proc/}
+        pid=${pid%/stat}
+        ppid=$(awk '{ print $4 }' "$stat" 2>/dev/null) || continue
+        parent[$pid]=$ppid
+        environ=/proc/$pid/environ
+        if grep -qzxF "SLURM_JOB_ID=$1" "$environ" 2>/dev/null; then
+            node[$pid]=$(tr '\0' '\n' <"$environ" 2>/dev/null | sed -n 's/^SLURMD_NODENAME=//p')
+            node[$pid]=${node[$pid]:--}
+        fi
+    done
+    # Descendants take their ancestor's node; a tree is at most a few levels deep.
+    local changed=1
+    while ((changed)); do
+        changed=0
+        for pid in "${!parent[@]}"; do
+            if [[ -z ${node[$pid]:-} && -n ${node[${parent[$pid]}]:-} ]]; then
+                node[$pid]=${node[${parent[$pid]}]}
+                changed=1
+            fi
+        done
+    done
+    for pid in "${!node[@]}"; do
         running "$pid" || continue
         exe=$(readlink "/proc/$pid/exe" 2>/dev/null) || continue
+        echo "$pid ${exe##*/}" >>"$work/seen"
         [[ -z ${2:-} || ${exe##*/} == "$2" ]] || continue
-        [[ -z ${3:-} ]] || grep -qzxF "SLURMD_NODENAME=$3" "$environ" 2>/dev/null || continue
+        [[ -z ${3:-} || ${node[$pid]} == "$3" ]] || continue
         echo "$pid"
     done
+}
+
+# Whether a process of ours that job_pids once found still runs as the same program.
+seen_running() {
+    local pid program exe
+    [[ -f $work/seen ]] || return 1
+    while read -r pid program; do
+        exe=$(readlink "/proc/$pid/exe" 2>/dev/null) || continue
+        [[ ${exe##*/} == "$program" ]] && running "$pid" && return 0
+    done < <(sort -u "$work/seen")
+    return 1
 }
 
 # Whether job $1 has at least $2 render servers running.
@@ -82,7 +116,7 @@ has_servers() {
 
 # Whether nothing of job $1 is left: no process, no job in the queue, salloc ended.
 job_gone() {
-    [[ -z $(job_pids "$1") && -z $(squeue -h -j "$1" -o %i 2>/dev/null) ]] &&
+    [[ -z $(job_pids "$1") && -z $(squeue -h -j "$1" -o %i 2>/dev/null) ]] && ! seen_running &&
         ! { [[ -n $render_pid ]] && running "$render_pid"; }
 }
 
