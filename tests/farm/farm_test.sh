@@ -98,8 +98,9 @@ node-dies)
 link-cut)
     # Node 2's end of its link goes down: packets to and from it are dropped and nothing is reset,
     # so only keep-alive can tell (the stall time-out is off, so that it is keep-alive that is
-    # tested).
-    "$farm" up 2
+    # tested). Node 2 cannot be told to stop its server: the server sees its client gone by
+    # keep-alive as well, and ends after the idle time.
+    "$farm" up 2 --service-arg --idle-exit --service-arg 2
     "$farm" exec client -- "$bin/klClusterRender" --nodes "$("$farm" nodes)" --width 6000 \
         --height 4000 --iterations 100000 --stall-timeout 0 --output "$work/frame.png" \
         >"$work/out" 2>"$work/err" &
@@ -118,6 +119,15 @@ link-cut)
     [[ $status -eq 1 ]] || fail "exit status $status"
     "$farm" exec client -- "$bin/klnetctl" --host 10.231.1.2 status >"$work/status"
     grep -qx "servers running: 0" "$work/status" || fail "node 1 still runs servers: $(cat "$work/status")"
+    service=$("$farm" pid node2)
+    for ((tenths = 0; tenths < 300; tenths++)); do
+        [[ -n $(pgrep -P "$service" -x KALDClusterServer) ]] || break
+        sleep 0.1
+    done
+    waited=$((($(date +%s%N) - cut) / 1000000))
+    echo "cut to node 2's server gone: $waited ms"
+    [[ -z $(pgrep -P "$service" -x KALDClusterServer) ]] ||
+        fail "node 2's server still runs $waited ms after the cut"
     ;;
 allow)
     # A farm whose services cannot start is removed again by the failed up.
