@@ -15,7 +15,6 @@
 
 namespace {
 
-constexpr int kServersPerSlurmNode = 2;
 constexpr int kMaxServers = 256;
 constexpr std::size_t kMaxNodes = 128;
 
@@ -80,8 +79,8 @@ klRenderOptions klRenderOptions::parse(int argc, char** argv) {
         ->check(klCommandLine::integer(1, 100000));
     const CLI::Option* servers =
         app.add_option("--servers", options.servers,
-                       "render servers to start in all (default 2; with --nodes one per node, "
-                       "with --slurm two per node; at least one per node)")
+                       "render servers to start in all (default 2; with --nodes or --slurm one per "
+                       "node; at least one per node)")
             ->type_name("N")
             ->check(klCommandLine::integer(1, kMaxServers));
     app.add_option("--output", options.output, "PNG file to write (default frame.png)")
@@ -163,7 +162,7 @@ void klRenderOptions::settleServers(std::size_t nodes) {
     }
     if (nodes > 0) {
         if (!serversGiven) {
-            servers = int(std::min(nodes * (slurm ? kServersPerSlurmNode : 1), kMaxServers + 0ul));
+            servers = int(nodes);  // every server renders on all of its node's cores
         } else if (std::size_t(servers) < nodes) {
             usageError("--servers " + std::to_string(servers) + " leaves nodes without work (" +
                        std::to_string(nodes) + " nodes)");
