@@ -1,6 +1,7 @@
 #include <klLocalService.h>
 
 #include <klPlatform.h>
+#include <klTiedChild.h>
 
 #include <klNetBase/codecs/klNetFarmKey.h>
 #include <klNetBase/codecs/klNetFarmSealer.h>
@@ -8,7 +9,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,8 +18,6 @@
 #include <optional>
 #include <stdexcept>
 #include <thread>
-
-extern char** environ;
 
 namespace {
 
@@ -45,12 +43,6 @@ klLocalService::klLocalService(const std::vector<std::string>& arguments, Sealin
         all.insert(all.end(), {"--key-file", "-"});
     }
     all.insert(all.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (auto& argument : all) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
-
     int out[2], in[2];
     if (::pipe2(out, O_CLOEXEC) != 0) {
         throw std::runtime_error(std::string("cannot create a pipe: ") + std::strerror(errno));
@@ -61,28 +53,19 @@ klLocalService::klLocalService(const std::vector<std::string>& arguments, Sealin
         ::close(out[1]);
         throw std::runtime_error(std::string("cannot create a pipe: ") + std::strerror(error));
     }
-    // fork and exec rather than posix_spawn, which cannot set the parent-death signal. Between
-    // the two the child calls only async-signal-safe functions: this process may run threads.
-    const pid_t parent = ::getpid();
-    m_pid = ::fork();
-    if (m_pid == 0) {
-        if (::prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || ::getppid() != parent ||
-            ::dup2(in[0], STDIN_FILENO) < 0 || ::dup2(out[1], STDOUT_FILENO) < 0) {
-            ::_exit(127);  // the parent is gone already, or the pipes cannot be set up
+    // Tied to this thread: the service gets SIGTERM if its owner dies without closing the pipe.
+    try {
+        m_pid = klTiedChild{in[0], out[1], -1, false}.start(all);
+    } catch (...) {
+        for (const int end : {in[0], in[1], out[0], out[1]}) {
+            ::close(end);
         }
-        ::execve(path.c_str(), argv.data(), environ);
-        ::_exit(127);
+        throw;
     }
-    const int error = errno;
     ::close(out[1]);
     ::close(in[0]);
     m_out = out[0];
     m_in = in[1];
-    if (m_pid < 0) {
-        ::close(m_out);
-        ::close(m_in);
-        throw std::runtime_error("cannot start " + path + ": " + std::strerror(error));
-    }
     try {
         // 32 bytes fit into the empty pipe at once.
         if (key &&

@@ -1,9 +1,10 @@
 #include "klSlurmStep.h"
 
+#include <klTiedChild.h>
+
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -96,13 +97,7 @@ klSlurmStep::klSlurmStep(const std::vector<std::string>& nodes,
     all.insert(all.end(), srunOptions.begin(), srunOptions.end());
     all.insert(all.end(), {"/bin/sh", "-c", kWrapper, "sh"});
     all.insert(all.end(), command.begin(), command.end());
-    std::vector<char*> argv;
-    for (std::string& argument : all) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
-
-    int in[2], out[2], report[2];
+    int in[2], out[2];
     makePipe(in);
     try {
         makePipe(out);
@@ -111,58 +106,16 @@ klSlurmStep::klSlurmStep(const std::vector<std::string>& nodes,
         throw;
     }
     try {
-        makePipe(report);
+        m_pid = klTiedChild{in[0], out[1], out[1], true}.start(all);
     } catch (...) {
         closeBoth(in);
         closeBoth(out);
         throw;
     }
-    const pid_t parent = ::getpid();
-    m_pid = ::fork();
-    if (m_pid == 0) {
-        // Only async-signal-safe calls from here to exec.
-        ::setpgid(0, 0);
-        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (::getppid() != parent) {
-            ::_exit(127);  // the parent is gone already: no step for nobody
-        }
-        ::signal(SIGPIPE, SIG_DFL);
-        sigset_t none;
-        sigemptyset(&none);
-        ::sigprocmask(SIG_SETMASK, &none, nullptr);
-        if (::dup2(in[0], STDIN_FILENO) >= 0 && ::dup2(out[1], STDOUT_FILENO) >= 0 &&
-            ::dup2(out[1], STDERR_FILENO) >= 0) {
-            ::execv(argv[0], argv.data());
-        }
-        const int error = errno;
-        ssize_t ignored = ::write(report[1], &error, sizeof(error));
-        (void)ignored;
-        ::_exit(127);
-    }
-    const int forkError = errno;
     ::close(in[0]);
     ::close(out[1]);
-    ::close(report[1]);
-    if (m_pid < 0) {
-        ::close(in[1]);
-        ::close(out[0]);
-        ::close(report[0]);
-        throw std::runtime_error(std::string("cannot start srun: ") + std::strerror(forkError));
-    }
-    int execError = 0;
-    ssize_t got;
-    while ((got = ::read(report[0], &execError, sizeof(execError))) < 0 && errno == EINTR) {
-    }
-    ::close(report[0]);
     m_input = in[1];
     m_output = out[0];
-    if (got == ssize_t(sizeof(execError))) {
-        ::close(m_input);
-        ::close(m_output);
-        int status = 0;
-        ::waitpid(m_pid, &status, 0);
-        throw std::runtime_error("cannot run " + srun + ": " + std::strerror(execError));
-    }
     for (std::size_t done = 0; done < size;) {
         const ssize_t n = ::write(m_input, input + done, size - done);
         if (n < 0 && errno == EINTR) {
