@@ -8,7 +8,7 @@ if(KLNETBASE_SANITIZE OR NOT TARGET klClusterRender OR NOT TARGET klnetctl)
   return()
 endif()
 
-foreach(case render key scancel node-dies outside sbatch)
+foreach(case render key scancel node-dies client-killed client-interrupted outside sbatch)
   add_test(NAME klSlurm.${case}
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/slurm/slurm_test.sh ${case} ${PROJECT_BINARY_DIR}/bin)
   set_tests_properties(klSlurm.${case} PROPERTIES LABELS slurm TIMEOUT 300 SKIP_RETURN_CODE 77

@@ -6,6 +6,9 @@
 #                                    the key is nowhere to be read
 #   slurm_test.sh scancel BIN_DIR    a cancelled job leaves no process behind
 #   slurm_test.sh node-dies BIN_DIR  a node's service killed mid-frame ends the render at once
+#   slurm_test.sh client-killed BIN_DIR, client-interrupted BIN_DIR
+#                                    the client killed (SIGKILL) or interrupted (SIGINT)
+#                                    mid-frame leaves no process of the job behind
 #   slurm_test.sh outside BIN_DIR    --slurm outside a job, and with --nodes, is a usage error
 #   slurm_test.sh sbatch BIN_DIR     examples/slurm/render.sbatch renders and completes
 # Exit status 77 (skipped) where Slurm cannot run (no root, packages missing).
@@ -252,6 +255,24 @@ node-dies)
         fail "standard error: $(cat "$work/err")"
     [[ ! -e $work/frame.png ]] || fail "a frame was written"
     expect_job_gone "$job" 20
+    ;;
+client-killed | client-interrupted)
+    # The client dies mid-frame (SIGKILL: nothing of it runs any more) or is interrupted (Ctrl-C):
+    # its step, the services and their servers go with it on every node.
+    start_render "${kLong[@]}" --servers 3 --output "$work/frame.png"
+    wait_until 60 has_servers "$job" 3 || fail "no servers started: $(cat "$work/out" "$work/err")"
+    client=$(job_pids "$job" klClusterRender)
+    [[ $(wc -w <<<"$client") -eq 1 ]] || fail "client: '$client'"
+    signal=KILL
+    [[ $case == client-killed ]] || signal=INT
+    kill -"$signal" "$client"
+    expect_job_gone "$job" 20
+    render_status
+    if [[ $case == client-interrupted ]]; then
+        [[ $status -eq 130 ]] || fail "exit status $status"
+        grep -q '^klClusterRender: interrupted by SIGINT' "$work/err" ||
+            fail "standard error: $(cat "$work/err")"
+    fi
     ;;
 sbatch)
     job=$(cd "$work" && KLNETBASE_BIN=$bin sbatch --parsable -N 3 \
