@@ -28,6 +28,7 @@
 
 class KLNETBASE_EXPORT klNetBufferedReceiver : public klNetReadAheadReceiver {
 public:
+    // At most 256 buffers read ahead: a hostile peer cannot make the receiver queue without limit.
     static constexpr int kDefaultCapacity = 256;
 
     explicit klNetBufferedReceiver(const std::vector<std::shared_ptr<klNetReceiver>>& receivers);

@@ -28,7 +28,8 @@ void klNetForwardReceiver::recv(std::shared_ptr<klNetBuffer>& buffer) {
             if (destination == 0 || destination == self) {
                 m_kept.push(arrived);
             }
-            if (destination != self) {
+            // Multicast goes on to the others as well, whatever this node's own id (even 0).
+            if (destination == 0 || destination != self) {
                 forward.push(arrived);
             }
         }

@@ -23,15 +23,13 @@ void klNetMultiLinkReceiver::getLinks(std::vector<std::shared_ptr<klNetLink>>& l
 }
 
 void klNetMultiLinkReceiver::pollBuffers() {
-    if (m_links.empty()) {
-        throw klNetError("klNetMultiLinkReceiver: no link to receive from");
-    }
     std::vector<pollfd> polls(m_links.size());
     while (m_pending.empty()) {
         for (std::size_t i = 0; i < m_links.size(); ++i) {
             // A shut link's handle reads as -1, which poll skips; the alive check reports it.
             polls[i] = pollfd{int(m_links[i]->getRecvHandle()), POLLIN | POLLRDHUP, 0};
         }
+        // Without links this only sleeps out the pass: nothing can arrive, the wait is endless.
         const int ready = ::poll(polls.data(), polls.size(), kPollMilliseconds);
         if (ready < 0) {
             if (errno == EINTR) {

@@ -28,8 +28,8 @@ public:
 
 private:
     void getLinks(std::vector<std::shared_ptr<klNetLink>>& links) override;
-    // Blocks until at least one buffer is pending. Without links there is nothing to wait for:
-    // klNetError.
+    // Blocks until at least one buffer is pending. Without links (a configuration error that
+    // create() does not check) nothing ever is: it waits for ever, one poll pass after another.
     void pollBuffers();
 
     std::vector<std::shared_ptr<klNetLink>> m_links;

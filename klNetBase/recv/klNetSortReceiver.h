@@ -25,6 +25,7 @@
 
 class KLNETBASE_EXPORT klNetSortReceiver : public klNetReceiver {
 public:
+    // At most 32 MiB held: a hostile peer that never sends the awaited number cannot fill memory.
     static constexpr std::size_t kDefaultMaxHeldBytes = std::size_t(32) << 20;
 
     explicit klNetSortReceiver(std::shared_ptr<klNetReceiver> child);

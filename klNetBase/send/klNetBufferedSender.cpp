@@ -12,17 +12,25 @@ std::uint64_t wireSize(const klNetBuffer& buffer) {
 
 klNetBufferedSender::klNetBufferedSender(const std::vector<std::shared_ptr<klNetSender>>& senders,
                                          int capacity, Bound bound)
-    : klNetSender(senders),
-      m_capacity(capacity > 0 ? capacity : kDefaultCapacity),
-      m_bound(bound) {
+    : klNetSender(senders), m_capacity(capacity > 0 ? capacity : kDefaultCapacity), m_bound(bound) {
     m_workers.reserve(getChildren().size());
-    for (const auto& child : getChildren()) {
-        m_workers.push_back(
-            std::make_shared<std::thread>(&klNetBufferedSender::sendTo, this, child));
+    try {
+        for (const auto& child : getChildren()) {
+            m_workers.push_back(
+                std::make_shared<std::thread>(&klNetBufferedSender::sendTo, this, child));
+        }
+    } catch (...) {
+        // Stop the workers that did start, or destroying them would end the process.
+        stopWorkers();
+        throw;
     }
 }
 
 klNetBufferedSender::~klNetBufferedSender() {
+    stopWorkers();
+}
+
+void klNetBufferedSender::stopWorkers() noexcept {
     std::deque<Batch> discarded;
     {
         std::lock_guard<std::mutex> lock(m_mutex);

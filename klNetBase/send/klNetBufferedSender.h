@@ -17,7 +17,8 @@
 // held by them: a buffer that waits as it was sent holds one, and so does a bundle of any number
 // of packed small buffers (those are let go at send()). The second bounds memory just as well and
 // lets a stream of small buffers run far ahead of the workers, so that a sending thread rarely
-// has to wait for a worker to wake; klNetSender::createBundle uses it.
+// has to wait for a worker to wake; a caller that wants it asks for it (klNetSender::createBundle
+// keeps the default, 256 buffers).
 //
 // A buffer of data size 0 is a stop signal: the worker that takes it ends, and it is not sent.
 // A worker's error is kept and rethrown to callers by every later send() and by
@@ -51,7 +52,7 @@ public:
     enum class Bound { Buffers, PoolBuffers };
 
     // capacity: waiting buffers (or pool buffers they hold) before send() blocks; 0 or less gives
-    // 256.
+    // 256. A worker thread that cannot start: std::system_error, the others stopped first.
     klNetBufferedSender(const std::vector<std::shared_ptr<klNetSender>>& senders, int capacity,
                         Bound bound = Bound::Buffers);
     ~klNetBufferedSender() override;
@@ -85,6 +86,8 @@ private:
     };
 
     void sendTo(std::shared_ptr<klNetSender> child);
+    // Discards the batches no worker has taken, stops and joins every worker started so far.
+    void stopWorkers() noexcept;
     // Waits for the oldest batch and takes it; false when the worker is to end instead.
     bool takeBatch(Batch& batch);
     // Whether the waiting batches are at their bound. REQUIRES: m_mutex held.

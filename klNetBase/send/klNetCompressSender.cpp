@@ -39,10 +39,13 @@ std::shared_ptr<klNetSender> klNetCompressSender::create(
 
 void klNetCompressSender::send(const std::shared_ptr<klNetBuffer>& buffer) {
     rethrowError();
-    // An empty buffer has nothing to compress, and on the queue it would be a worker's stop signal.
-    if (buffer->getDataSize() != 0 && m_compressor->shouldCompress(buffer)) {
+    if (m_compressor->shouldCompress(buffer)) {
         std::call_once(m_startOnce, &klNetCompressSender::startWorkers, this);
-        ++m_pending;
+        // An empty buffer queues in order like the others, but is a stop signal to the worker
+        // that takes it: never passed on, so nothing waits for it.
+        if (buffer->getDataSize() != 0) {
+            ++m_pending;
+        }
         m_queue.push(buffer);
         return;
     }
@@ -83,7 +86,7 @@ void klNetCompressSender::compressLoop() {
             std::shared_ptr<klNetBuffer> buffer;
             m_queue.pop(buffer);
             if (buffer->getDataSize() == 0) {
-                break;
+                return;  // the destructor's stop signal, or an empty buffer sent to compress
             }
             const std::shared_ptr<klNetBuffer> out = m_compressor->compress(buffer);
             buffer.reset();

@@ -3,9 +3,11 @@
 // send() asks the compressor whether a buffer is to be compressed (shouldCompress). Those that
 // are go onto a bounded queue (256 buffers; send() waits while it is full) from which one worker
 // per hardware thread takes them, compresses them and hands the result to the target. All other
-// buffers, and empty ones, bypass the workers: the target sends them at once on the caller's
-// thread. The workers start with the first buffer to compress, so a pipeline that never
-// compresses costs no threads.
+// buffers bypass the workers: the target sends them at once on the caller's thread. The workers
+// start with the first buffer to compress, so a pipeline that never compresses costs no threads.
+// An empty buffer to compress queues in order with the others and, like the destructor's stop
+// signal, ends the worker that takes it: it is not sent, waitAllDataTransfered() does not wait
+// for it, and the other workers carry on.
 //
 // Order is not kept: a bypassing buffer can overtake compressed ones sent before it, and the
 // workers finish in any order. The receiving side puts buffers back in order by sequence number;

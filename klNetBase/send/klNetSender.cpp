@@ -92,7 +92,7 @@ std::shared_ptr<klNetSender> klNetSender::createBundle(
         senders.push_back(klNetLinkSender::create(link, destinations));
     }
     if (buffered) {
-        return klNetBufferedSender::create(senders, -1, klNetBufferedSender::Bound::PoolBuffers);
+        return klNetBufferedSender::create(senders, -1);
     }
     return klNetBalancedSender::create(senders);
 }

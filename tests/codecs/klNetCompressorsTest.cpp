@@ -122,20 +122,37 @@ TEST(klNetCompressSender, BuffersNotToCompressGoOutOnTheCallersThreadCountedAndS
     sender->send(stamped({}, klNetMessageTypeStream));
     EXPECT_EQ(10024u + 24u, sender->getCompressedBytes());
     {
-        Settings compressing(2, 2);  // still bypassing: compressed already, bundle, empty
+        Settings compressing(2, 2);  // still bypassing: compressed already, bundle
         Buffer done = stamped(imageBytes(5000, 2), klNetMessageTypeStream);
         done->setCompression(klNetCompression(2), 8000);
         sender->send(done);
         sender->send(stamped(imageBytes(6000, 3), klNetMessageTypeBundle));
-        sender->send(stamped({}, klNetMessageTypeImage));
     }
     EXPECT_EQ(threads, procEntries(::getpid(), "task"))
         << "a worker started without anything to compress";
-    EXPECT_EQ(std::vector<std::thread::id>(5, std::this_thread::get_id()), callers);
-    EXPECT_EQ(10048u + 5024u + 6024u + 24u, sender->getCompressedBytes());
+    EXPECT_EQ(std::vector<std::thread::id>(4, std::this_thread::get_id()), callers);
+    EXPECT_EQ(10048u + 5024u + 6024u, sender->getCompressedBytes());
     sender->resetStatistics();
     EXPECT_EQ(0u, sender->getCompressedBytes());
     EXPECT_EQ(0, probe->resets) << "children are not reset";
+}
+
+TEST(klNetCompressSender, AnEmptyBufferToCompressQueuesAndStopsTheWorkerThatTakesIt) {
+    Settings settings(2, 0);
+    auto gate = std::make_shared<Gate>();
+    auto codec = std::make_shared<Hooked>();
+    codec->hook = [gate](const Buffer&) { gate->pass(); };
+    auto probe = std::make_shared<ProbeSender>(std::set<unsigned int>{1});
+    auto sender = klNetCompressSender::create(codec, probe);
+    sender->send(stamped(Bytes(8000, 1), klNetMessageTypeStream));
+    EXPECT_TRUE(gate->waitArrived());
+    sender->send(stamped({}, klNetMessageTypeStream));
+    EXPECT_TRUE(probe->sent().empty()) << "the empty buffer overtook the one being compressed";
+    gate->open();
+    EXPECT_EQ("returned", drained(sender));
+    ASSERT_EQ(1u, probe->sent().size());
+    EXPECT_NE(0u, probe->sent()[0]->getDataSize());
+    EXPECT_TRUE(releasedWithin(std::move(sender)));
 }
 
 TEST(klNetCompressSender, ACompressorErrorIsRethrownOnTheCallersThreadByEveryLaterCall) {

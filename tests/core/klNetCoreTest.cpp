@@ -268,10 +268,11 @@ TEST(klNetInterfaceOptions, ChannelsFallBackToDefaultsWhenNotPositive) {
     const auto channels = [](const klNetInterfaceOptions& o) {
         return std::vector<int>{
             o.getChannels(klNodeConnectionSync), o.getChannels(klNodeConnectionImage),
-            o.getChannels(klNodeConnectionLowLatency), o.getChannels(klNodeConnectionType(0))};
+            o.getChannels(klNodeConnectionLowLatency), o.getChannels(klNodeConnectionType(0)),
+            o.getChannels(klNodeConnectionType(7))};
     };
-    EXPECT_EQ((std::vector<int>{1, 4, 9, 4}), channels(make(-1, "", -1, 0, -1, 9, false)));
-    EXPECT_EQ((std::vector<int>{2, 3, 6, 4}), channels(make(-1, "", -1, 2, 3, 0, false)));
+    EXPECT_EQ((std::vector<int>{1, 4, 9, 4, 4}), channels(make(-1, "", -1, 0, -1, 9, false)));
+    EXPECT_EQ((std::vector<int>{2, 3, 6, 4, 4}), channels(make(-1, "", -1, 2, 3, 0, false)));
 }
 
 TEST(klNetInterfaceOptions, AddMergesWhatTheOtherSetsWithItsAsymmetries) {

@@ -48,20 +48,24 @@ TEST(klNetReorderReceivers, SortHandsOutMulticastBuffersInSequenceOrder) {
     EXPECT_EQ(3u, next(*sort)->getSequence());
     EXPECT_EQ(4u, next(*sort)->getSequence());
 
-    // Walk the expected number up to 65535 with buffers in order; then 0 waits for 65535.
+    // Walk the expected number up to 65534 with buffers in order; then 0 and 65535 wait for
+    // 65534, and the held 65535 hands the turn on to 0, wrapping.
     const auto ticker = stream("00", 0, 0);
     child->generator = [ticker, sequence = 5u]() mutable {
         ticker->setSequence(sequence++);
         return ticker;
     };
-    for (unsigned sequence = 5; sequence < 65535; ++sequence) {
+    for (unsigned sequence = 5; sequence < 65534; ++sequence) {
         ASSERT_EQ(sequence, next(*sort)->getSequence());
     }
     child->generator = nullptr;
     const auto zero = stream("00", 0, 0), last = stream("FF", 0, 65535);
-    child->script = {zero, last};
+    child->script = {zero, last, stream("FE", 0, 65534)};
+    EXPECT_EQ(65534u, next(*sort)->getSequence());
+    child->calls = 0;
     EXPECT_EQ(last, next(*sort));
     EXPECT_EQ(zero, next(*sort));
+    EXPECT_EQ(0, child->calls);
 }
 
 TEST(klNetReorderReceivers, ForwardKeepsWhatIsForItsNodeRelaysTheRestAndUnbundlesOnTop) {
@@ -94,11 +98,18 @@ TEST(klNetReorderReceivers, ForwardKeepsWhatIsForItsNodeRelaysTheRestAndUnbundle
     // Without a sender: an unbundle receiver right over the child, which hands out the parts of a
     // bundle in order, reading the child once, and other buffers as they are.
     child->calls = 0;
-    child->script = {bundleOf({forA, forC}), forUs};
+    child->script = {bundleOf({forA, forC, forE}), forUs};
     const auto plain = klNetForwardReceiver::create(child, nullptr, 5);
     EXPECT_NE(nullptr, std::dynamic_pointer_cast<klNetUnbundleReceiver>(plain));
-    EXPECT_EQ(wireOf(*forA), wireOf(*next(*plain)));
-    EXPECT_EQ(wireOf(*forC), wireOf(*next(*plain)));
+    for (const Buffer& part : {forA, forC, forE}) {
+        EXPECT_EQ(wireOf(*part), wireOf(*next(*plain)));
+    }
     EXPECT_EQ(1, child->calls);
     EXPECT_EQ(forUs, next(*plain));
+
+    // Node 0 keeps a multicast buffer and relays it all the same.
+    auto relay = std::make_shared<ProbeSender>(std::set<unsigned int>{7});
+    child->script = {toAll};
+    EXPECT_EQ(toAll, next(*klNetForwardReceiver::create(child, relay, 0)));
+    EXPECT_EQ(std::vector<Buffer>{toAll}, relay->sent());
 }

@@ -3,7 +3,32 @@
 #include <support/klNetPipelineSupport.h>
 #include <support/klNetSocketTestSupport.h>
 
+#include <dlfcn.h>
+#include <pthread.h>
+
+#include <cerrno>
+#include <system_error>
+
 using namespace kltest;
+
+namespace {
+
+// Thread starts that succeed before one fails, as in a process out of threads; negative: none
+// fails.
+std::atomic<int> g_threadStartsLeft{-1};
+
+}  // namespace
+
+// Stands in for the system's call that std::thread makes, so that a thread can fail to start.
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                              void* (*body)(void*), void* argument) noexcept {
+    using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    static const auto real = reinterpret_cast<Create>(::dlsym(RTLD_NEXT, "pthread_create"));
+    int left = g_threadStartsLeft.load();
+    while (left >= 0 && !g_threadStartsLeft.compare_exchange_weak(left, left - 1)) {
+    }
+    return left == 0 ? EAGAIN : real(thread, attributes, body, argument);
+}
 using Destinations = std::set<unsigned int>;
 using Probe = std::shared_ptr<ProbeSender>;
 
@@ -184,6 +209,12 @@ struct Rig {
                 gate->pass();
             }
         };
+        if (children == 0) {  // as klNetSender::createBundle makes it, over one link
+            auto link = std::make_shared<TestLink>();
+            link->recorder.hook = [recorder = recorder](const Buffer& b) { recorder->take(b); };
+            sender = klNetSender::createBundle({link}, true, {1});
+            return;
+        }
         std::vector<std::shared_ptr<klNetSender>> senders;
         for (int i = 0; i < children; ++i) {
             probes.push_back(std::make_shared<ProbeSender>(std::set<unsigned int>{1}));
@@ -208,23 +239,29 @@ struct Rig {
 
 }  // namespace
 
+// Buffers count however small, bundled as they wait; children 0 stands for the sender that
+// createBundle makes over one link.
 TEST(klNetBufferedSender, SendBlocksWhileTheQueueIsFull) {
-    for (const auto& [given, capacity] : {std::pair{0, 256}, std::pair{-1, 256}, std::pair{5, 5}}) {
-        Rig rig(given);
+    const std::tuple<int, int, int> cases[] = {{0, 256, 1}, {-1, 256, 1}, {5, 5, 1}, {-1, 256, 0}};
+    for (const auto& [given, capacity, children] : cases) {
+        Rig rig(given, children);
         rig.hold();
-        // Destinations alternate, so nothing is bundled and every buffer arrives as it is.
-        const std::vector<Buffer> small = {taggedBuffer(1, 1), taggedBuffer(1, 2)};
-        ASSERT_EQ("returned", outcomeWithin([s = rig.sender, small, n = capacity] {
+        ASSERT_EQ("returned", outcomeWithin([s = rig.sender, n = capacity] {
                       for (int i = 0; i < n; ++i) {
-                          s->send(small[i % 2]);
+                          s->send(taggedBuffer(1, 1));
                       }
                   }));
-        Task extra([s = rig.sender, small, n = capacity] { s->send(small[n % 2]); });
+        Task extra([s = rig.sender] { s->send(taggedBuffer(1, 1)); });
         EXPECT_FALSE(extra.finishedWithin(kQuiet)) << capacity << " queued and one more fitted";
         rig.gate->open();
         EXPECT_TRUE(extra.finishedWithin(kBound));
         EXPECT_EQ("returned", drained(rig.sender));
-        EXPECT_EQ(std::size_t(capacity + 2), rig.received().size());
+        std::size_t delivered = 0;  // a bundle of 1-byte buffers takes 25 bytes for each
+        for (const auto& buffer : rig.received()) {
+            const bool bundle = buffer->getType() == klNetMessageTypeBundle;
+            delivered += bundle ? buffer->getDataSize() / 25 : 1;
+        }
+        EXPECT_EQ(std::size_t(capacity + 2), delivered);
     }
 }
 
@@ -315,6 +352,13 @@ TEST(klNetBufferedSender, AnEmptyBufferStopsTheWorkerThatTakesItAndIsNotSent) {
     EXPECT_EQ(std::vector<Buffer>{later}, two.received());
     EXPECT_TRUE(releasedWithin(std::move(one.sender)) && releasedWithin(std::move(two.sender)))
         << "did not come apart cleanly";
+}
+
+TEST(klNetBufferedSender, AWorkerThatCannotStartIsASystemErrorAfterTheOthersStop) {
+    const std::vector<std::shared_ptr<klNetSender>> children = {probe({1}), probe({1})};
+    g_threadStartsLeft = 1;  // the second worker cannot start
+    EXPECT_THROW(klNetBufferedSender::create(children, 0), std::system_error);
+    g_threadStartsLeft = -1;
 }
 
 TEST(klNetBufferedSender, DestructionDiscardsQueuedBuffersAndJoinsEveryWorker) {
