@@ -44,19 +44,12 @@ void klNetMessage::recvBuffer(std::shared_ptr<klNetBuffer>& buffer) {
 }
 
 void klNetMessage::setRecvBuffers(const std::vector<std::shared_ptr<klNetBuffer>>& buffers) {
-    // Copied first: the argument may be this message's own list.
+    // Copied first: the argument may be this message's own list. Only the waiting buffers are
+    // replaced; the serializer pulls the first of them through recvBuffer() once the current
+    // receive buffer, if any, has been read.
     std::vector<std::shared_ptr<klNetBuffer>> incoming = buffers;
+    m_buffers = std::move(incoming);
     m_next = 0;
-    if (incoming.empty()) {
-        m_buffers.clear();
-        discardRecvBuffer();
-        return;
-    }
-    // The first buffer becomes the current one, so that its header (source, type) can be asked
-    // before anything is read; the rest wait in the list.
-    m_buffers.assign(std::make_move_iterator(incoming.begin() + 1),
-                     std::make_move_iterator(incoming.end()));
-    setRecvBuffer(incoming.front());
 }
 
 std::size_t klNetMessage::getMessageSize() const {

@@ -30,8 +30,10 @@ public:
 
     klNetMessageType getMessageType() override { return klNetMessageTypeMessage; }
 
-    // Replaces the buffers to read by a copy of the given ones; reading starts with the first,
-    // whose header the serializer's getSource()/getType() then report.
+    // Replaces the buffers waiting to be read by a copy of the given ones. None is installed at
+    // once: reading pulls them in order once the current receive buffer (kept, with its unread
+    // bytes) is used up, so getSource()/getType() report a listed buffer's header only from the
+    // first read on. An empty list leaves the current receive buffer as it is.
     void setRecvBuffers(const std::vector<std::shared_ptr<klNetBuffer>>& buffers);
     // Unread payload bytes: the current receive buffer's dataSize plus every listed buffer's.
     std::size_t getMessageSize() const;

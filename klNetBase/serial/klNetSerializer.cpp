@@ -86,14 +86,17 @@ void klNetSerializer::flushSendBuffer() {
     if (!m_sendBuffer) {
         return;
     }
-    std::shared_ptr<klNetBuffer> buffer = std::move(m_sendBuffer);
+    const std::shared_ptr<klNetBuffer> buffer = m_sendBuffer;
     const std::size_t written = std::size_t(m_writePosition - buffer->getData());
     buffer->setDataSize(written);
     buffer->setCompression(klNetCompressionNone, written);
     buffer->setSource(0);
     buffer->setSequence(0);
-    m_writePosition = m_writeEnd;
+    // Released only once it was taken: if sendBuffer() throws, the bytes stay current and the
+    // next flush sends them.
     sendBuffer(buffer);
+    m_sendBuffer.reset();
+    m_writePosition = m_writeEnd;
 }
 
 void klNetSerializer::getBytes(void* target, std::size_t n) {

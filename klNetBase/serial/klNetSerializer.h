@@ -128,6 +128,8 @@ protected:
     virtual bool isReadable() { return m_readPosition < m_readEnd; }
 
     // Stamps the current send buffer and hands it to sendBuffer(); nothing when there is none.
+    // The buffer is released after the call, so when sendBuffer() throws it stays current with
+    // its bytes and a later flush sends it.
     void flushSendBuffer();
     // Bytes written into the current send buffer and not yet handed on, and the room left in it;
     // both 0 without a send buffer.

@@ -197,8 +197,17 @@ void klNetStream::putBytes(const void* source, std::size_t n) {
             n -= room;
         }
         if (getUnsentSize() == 0) {
-            for (; n >= whole; from += whole, n -= whole) {
-                sendWhole(from, whole);
+            // Only whole buffers that more bytes follow go out at once: the last one, filled
+            // exactly, stays current until the next write or flush, as in the serializer.
+            for (; n > whole; from += whole, n -= whole) {
+                try {
+                    sendWhole(from, whole);
+                } catch (...) {
+                    // Where the serializer's failed flush would leave them: in the current
+                    // buffer, for the next flush to send.
+                    klNetSerializer::putBytes(from, whole);
+                    throw;
+                }
             }
         }
     }

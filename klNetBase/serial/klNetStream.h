@@ -92,9 +92,10 @@ public:
     // out at once, each as a header and the caller's bytes (over a link sender straight from the
     // caller's memory with one writev), and a read that has room for the whole payload of the next
     // stream-data buffer takes it straight into the caller's memory (from a link receiver). The
-    // bytes on the wire and the order of buffers are those of the serializer's functions, except
-    // that a write that ends exactly at a buffer's end sends that buffer at once instead of at the
-    // next write or flush.
+    // bytes on the wire, the order of buffers and when they go out are those of the serializer's
+    // functions: a whole buffer goes out at once only when more bytes of the write follow it (the
+    // last one stays current, for clearSendBuffer() to drop or the next write or flush to send),
+    // and one whose send fails stays in the current send buffer for the next flush.
     void putBytes(const void* source, std::size_t n);
     void getBytes(void* target, std::size_t n);
 

@@ -47,6 +47,10 @@ const Pattern kPatterns[] = {
     {"TwoBufferMessagesNeverCompleted", 5000,
      [](unsigned i) { return crafted(0, i, klNetMessageTypeMessage, 7, kNode, i, 2); }, true,
      "Too many incomplete messages from source 7: more than 256 buffers waiting"},
+    // The 257th waiting buffer is the first one refused.
+    {"OneBufferBeyondTheBoundPerSource", 257,
+     [](unsigned i) { return crafted(0, i, klNetMessageTypeMessage, 7, kNode, i, 2); }, true,
+     "Too many incomplete messages from source 7: more than 256 buffers waiting"},
     {"OneMessageOf65535Buffers", 5000,
      [](unsigned i) { return crafted(0, i, klNetMessageTypeMessage, 7, kNode, 9, 65535); }, true,
      "Too many incomplete messages from source 7: more than 256 buffers waiting"},

@@ -240,6 +240,55 @@ TEST(klNetMessage, TakenBuffersShareOneIdAndTheBufferCountEveryTakeDrawsAnIdAndM
     EXPECT_EQ(data, concatPayloads(assigned.takeSendBuffers()));
 }
 
+namespace {
+
+// Counts the buffers the serializer pulls from the message's list.
+struct PullCountingMessage : klNetMessage {
+    void recvBuffer(std::shared_ptr<klNetBuffer>& buffer) override {
+        ++pulls;
+        klNetMessage::recvBuffer(buffer);
+    }
+    int pulls = 0;
+};
+
+}  // namespace
+
+// A new list only replaces the waiting buffers: every listed buffer is pulled when reading reaches
+// it, and the unread rest of a current buffer is read first and counted in the size.
+TEST(klNetMessage, SetRecvBuffersReplacesTheListAndReadingPullsEachOfItsBuffers) {
+    const struct Row {
+        const char* name;
+        Bytes current;  // installed and read one byte into first, when not empty
+        std::vector<Bytes> list;
+        std::size_t size;
+        Bytes read;
+        int pulls;
+    } rows[] = {
+        {"fresh", {}, {{1, 2}, {3}}, 3, {1, 2, 3}, 2},
+        {"after a partly read buffer", {9, 1, 2}, {{3}}, 4, {1, 2, 3}, 1},
+        {"an empty list", {9, 1, 2}, {}, 3, {1, 2}, 0},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        PullCountingMessage message;
+        if (!row.current.empty()) {
+            message.setRecvBuffer(bufferWith(row.current));
+            readBytes(message, 1);
+        }
+        Buffers list;
+        for (const Bytes& payload : row.list) {
+            list.push_back(bufferWith(payload));
+        }
+        message.setRecvBuffers(list);
+        list.clear();  // a copy was taken
+        EXPECT_EQ(row.size, message.getMessageSize());
+        EXPECT_EQ(0, message.pulls);
+        EXPECT_EQ(row.read, readBytes(message, row.read.size()));
+        EXPECT_EQ(row.pulls, message.pulls);
+        KL_EXPECT_THROW_TEXT(readBytes(message, 1), klNetError, kBeyondEnd);
+    }
+}
+
 // The standard stream adapters between two klNetStreams over a loopback link.
 namespace {
 

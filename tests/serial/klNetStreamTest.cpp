@@ -90,6 +90,94 @@ TEST(klNetStream, StampsRankAndNumbersMulticastAndDirectedBuffersApartKeepingIts
     EXPECT_EQ(hex("09"), payloadOf(*second->sent().at(1)));
 }
 
+namespace {
+
+constexpr std::size_t kWhole = 131072;
+
+std::vector<std::size_t> sizesOf(const Buffers& buffers) {
+    std::vector<std::size_t> sizes;
+    for (const auto& buffer : buffers) {
+        sizes.push_back(buffer->getDataSize());
+    }
+    return sizes;
+}
+
+// Throws instead of taking the first `failures` buffers.
+struct FailingSender : ProbeSender {
+    void send(const Buffer& buffer) override {
+        if (failures > 0) {
+            --failures;
+            throw klConnectionClosed();
+        }
+        ProbeSender::send(buffer);
+    }
+    int failures = 0;
+};
+
+}  // namespace
+
+// A buffer filled exactly stays current until the next write or flush, so that clearing the send
+// buffer can still drop it, whether the bytes came in pieces or in one write of whole buffers.
+TEST(klNetStream, WritesSendOnlyTheBuffersTheyHaveFilledAndGoneBeyond) {
+    const struct Row {
+        std::vector<std::size_t> writes;
+        bool clear;  // clearSendBuffer() before the flush
+        std::vector<std::size_t> sentByWrites, sentByFlush;
+    } rows[] = {
+        {{kWhole}, false, {}, {kWhole}},
+        {{5, kWhole - 5}, true, {}, {}},
+        {{2 * kWhole}, true, {kWhole}, {kWhole}},
+        {{300000}, false, {kWhole, kWhole}, {kWhole, kWhole, 37856}},
+        {{3, 2 * kWhole + 1}, false, {kWhole, kWhole}, {kWhole, kWhole, 4}},
+    };
+    const Bytes data = pattern(4 * kWhole);
+    for (const Row& row : rows) {
+        SCOPED_TRACE(testing::PrintToString(row.writes));
+        TestStream stream(2, {1});
+        std::size_t done = 0;
+        for (const std::size_t size : row.writes) {
+            stream.putBytes(data.data() + done, size);
+            done += size;
+        }
+        EXPECT_EQ(row.sentByWrites, sizesOf(stream.out->sent()));
+        if (row.clear) {
+            stream.clearSendBuffer();
+        }
+        stream.flush();
+        const Buffers sent = stream.out->sent();
+        EXPECT_EQ(row.sentByFlush, sizesOf(sent));
+        const Bytes payload = concatPayloads(sent);
+        EXPECT_TRUE(std::equal(payload.begin(), payload.end(), data.begin()));
+    }
+}
+
+// A send that fails leaves the bytes written in the stream's buffer: the next flush sends them.
+TEST(klNetStream, AFailedSendKeepsItsBytesForTheNextFlush) {
+    const struct Row {
+        std::size_t size;
+        const char *written, *flushed;  // how the write and the first flush ended
+        std::size_t resent;
+    } rows[] = {
+        {3, "returned", "closed", 3},
+        // The bytes behind the buffer that failed were never taken.
+        {kWhole + 5, "closed", "returned", kWhole},
+    };
+    const Bytes data = pattern(2 * kWhole);
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.size);
+        TestStream stream(2, {1});
+        auto sender = std::make_shared<FailingSender>();
+        stream.setSender(sender);
+        sender->failures = 1;
+        EXPECT_EQ(row.written, outcome([&] { stream.putBytes(data.data(), row.size); }));
+        EXPECT_EQ(row.flushed, outcome([&] { stream.flush(); }));
+        stream.flush();
+        ASSERT_EQ(std::vector<std::size_t>{row.resent}, sizesOf(sender->sent()));
+        EXPECT_EQ(Bytes(data.begin(), data.begin() + std::ptrdiff_t(row.resent)),
+                  payloadOf(*sender->sent()[0]));
+    }
+}
+
 TEST(klNetStream, ReadsDropABufferOfTheWrongTypeAndGoOn) {
     TestStream stream(2, {4},
                       {makeBuffer(hex("01"), klNetMessageTypeStream, 4, 0, 0),
@@ -130,8 +218,11 @@ TEST(klNetStream, ReassemblesMessagesByTheLow16BitsOfSourceAndTheMessageId) {
     EXPECT_FALSE(stream.tryRecvMessage(message));
     EXPECT_FALSE(stream.tryRecvMessage(message));
     ASSERT_TRUE(stream.tryRecvMessage(message));
+    Bytes read = readBytes(message, 1);  // the first buffer's header shows once it is read
     EXPECT_EQ(4u, message.getSource());
-    EXPECT_EQ(data, readBytes(message));
+    const Bytes rest = readBytes(message, data.size() - 1);
+    read.insert(read.end(), rest.begin(), rest.end());
+    EXPECT_EQ(data, read);
     EXPECT_FALSE(stream.tryRecvMessage(message));  // nothing readable: no receive is tried
     EXPECT_EQ(3, stream.in->calls);
 
