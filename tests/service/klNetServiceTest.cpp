@@ -89,8 +89,9 @@ void expectRenders(klNetStream& stream) {
 TEST(klNetServiceTest, StartHandsTheClientToANewServerForEveryVersionItReads) {
     ServiceDaemon service;
     std::uint32_t expectedId = 1;
-    // "SR2" has no service pack: version 0.
-    for (const char* version : {"SR1.SP3", "SR2", "9.1", "9.2", "10.0"}) {
+    // Service-pack names are below 9.0; "SR2" has no service pack: version 0.
+    for (const char* version :
+         {"SR1", "SR1.SP3", "SR1-SP3", "SR1 SP3", "SR2", "9.1", "9.2", "10.0"}) {
         SCOPED_TRACE(version);
         auto stream = service.connect();
         EXPECT_EQ(expectedId++, startServer(*stream, version + std::string("-booking"), version));
@@ -101,8 +102,8 @@ TEST(klNetServiceTest, StartHandsTheClientToANewServerForEveryVersionItReads) {
     EXPECT_EQ("Incompatible versions: KALDClusterService 10.0 request from 11.0",
               outcome([&] { stream->recvResult(); }));
     const klNetServiceStatus record = status(service);
-    EXPECT_EQ(5, record.getNumberOfClusterServers());
-    EXPECT_EQ((std::vector<std::string>{"", "", "", "9.2-booking", "10.0-booking"}),
+    EXPECT_EQ(8, record.getNumberOfClusterServers());
+    EXPECT_EQ((std::vector<std::string>{"", "", "", "", "", "", "9.2-booking", "10.0-booking"}),
               record.getBookingIds());
 }
 
@@ -219,6 +220,7 @@ TEST(klNetServiceTest, VersionTextsThatAreNotPlainNamesStartNothing) {
         {"10.0/../evil", "\"10.0/../evil\""},
         {"10.0/../../evil", "\"10.0/../../evil\""},
         {"9..2", "\"9..2\""},
+        {"SR1 SP 3", "\"SR1 SP 3\""},
         {"99\nFAKE line", "\"99\\nFAKE line\""},
         {std::string(40, '9'), "\"" + std::string(32, '9') + "...\""}};
     for (const auto& [version, shown] : cases) {
