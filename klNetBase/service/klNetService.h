@@ -59,6 +59,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -250,9 +251,13 @@ private:
     void serverEnded(unsigned id);
     // Waits, bounded, until every stopping program has ended; the rest are ended here.
     void waitForServers();
-    // Forwards buffers from one end of a relay to the other until either fails.
-    void connectLinks(const std::shared_ptr<Relay>& relay, const std::shared_ptr<klNetLink>& from,
-                      const std::shared_ptr<klNetLink>& to);
+    // Once go says the relay runs, forwards buffers from one end of a relay to the other: until
+    // the sending end finishes (the other end is then told so, and the other direction goes on)
+    // or either fails (both directions end).
+    void connectLinks(const std::shared_ptr<Relay>& relay, bool toTarget,
+                      const std::shared_future<bool>& go);
+    // Lets go of one hold on a relay; the last retires it.
+    void leaveRelay(const std::shared_ptr<Relay>& relay);
     void relayEnded();
     void shutdown();
     // Blocks until a request may be accepted; false once the service stops.

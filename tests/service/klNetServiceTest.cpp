@@ -137,11 +137,12 @@ TEST(klNetServiceTest, StoppedServersLeaveTheTableOnlyAfterStopServerOrStart) {
 }
 
 // An echo server for relays: takes connections one after the other, sends back the first buffer
-// of each and holds it until the other end closes; counts the connections it took.
+// of each (at once, or only once the other end has finished sending) and holds it until the
+// other end closes; counts the connections it took.
 class EchoListener {
 public:
-    EchoListener()
-        : m_task([listener = m_listener, count = m_count] {
+    explicit EchoListener(bool answerAtEnd = false)
+        : m_task([listener = m_listener, count = m_count, answerAtEnd] {
               for (;;) {
                   auto link =
                       klSocketLink::checkForHPCNetSocket(klSocketLink(*listener).takeDescriptor());
@@ -149,6 +150,9 @@ public:
                   Buffer buffer;
                   outcome([&] {
                       link->recv(buffer);
+                      for (char next = 0;
+                           answerAtEnd && ::recv(link->getDescriptor(), &next, 1, 0) > 0;) {
+                      }
                       link->send(buffer);
                       link->recv(buffer);
                   });
@@ -201,6 +205,20 @@ TEST(klNetServiceTest, RelaysOnlyToAllowedTargetsFewAtOnceAndNotWhenIdle) {
     EXPECT_EQ("through the relay", echoedThrough(*again));
     // Refused relays opened no connection.
     EXPECT_EQ(2, echo.connections());
+}
+
+// A client that has finished sending still hears the rest of what the far end says.
+TEST(klNetServiceTest, ARelayCarriesRepliesAfterTheClientHasFinishedSending) {
+    EchoListener echo(true);
+    ServiceDaemon service({"--relay-to", "127.0.0.1"});
+    const auto relay = klServiceClient("127.0.0.1", service.port()).relay("127.0.0.1", echo.port());
+    *relay << std::string("through the relay") << klNetStream::flush;
+    const auto link = std::dynamic_pointer_cast<klSocketLink>(relay->getFirstLink());
+    ASSERT_EQ(0, ::shutdown(link->getDescriptor(), SHUT_WR));
+    std::string echoed;
+    *relay >> echoed;
+    EXPECT_EQ("through the relay", echoed);
+    EXPECT_EQ("closed", outcome([&] { relay->recvResult(); }));
 }
 
 // The service installed as .../KALDFarm-10.0/bin looks for other versions' servers by putting
