@@ -221,6 +221,38 @@ TEST(klNetServiceTest, ARelayCarriesRepliesAfterTheClientHasFinishedSending) {
     EXPECT_EQ("closed", outcome([&] { relay->recvResult(); }));
 }
 
+// A relay whose threads cannot start (no address space left for their stacks) is answered with
+// the error, not with a success and a closed connection, and gives its place back.
+TEST(klNetServiceTest, ARelayThatCannotStartItsThreadsSaysSo) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizers' allocator cannot run within an address-space limit";
+#endif
+    EchoListener echo, other;  // each serves one connection at a time
+    ServiceDaemon service({"--relay-to", "127.0.0.1", "--max-relays", "2"});
+    const klServiceClient client("127.0.0.1", service.port());
+    const auto threads = [&] { return procEntries(service.pid(), "task"); };
+    const std::size_t idle = threads();
+    const auto first = client.relay("127.0.0.1", echo.port());
+    ASSERT_TRUE(waitUntil([&] { return threads() == idle + 2; }));
+    // The request's own thread runs before the limit is set.
+    auto stream = service.connect();
+    ASSERT_TRUE(waitUntil([&] { return threads() == idle + 3; }));
+    rlimit limit{};
+    ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_AS, nullptr, &limit));
+    const rlimit unlimited = limit;
+    std::size_t pages = 0;
+    std::ifstream("/proc/" + std::to_string(service.pid()) + "/statm") >> pages;
+    limit.rlim_cur = pages * std::size_t(::sysconf(_SC_PAGESIZE)) + 1024 * 1024;
+    ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_AS, &limit, nullptr));
+    *stream << std::uint32_t(klNetService::kConnectService) << std::string("127.0.0.1")
+            << other.port() << klNetStream::flush;
+    const std::string answer = outcome([&] { stream->recvResult(); });
+    ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_AS, &unlimited, nullptr));
+    EXPECT_EQ("Unable to start the relay: Resource temporarily unavailable", answer);
+    EXPECT_EQ("through the relay", echoedThrough(*first));
+    EXPECT_EQ("through the relay", echoedThrough(*client.relay("127.0.0.1", other.port())));
+}
+
 // The service installed as .../KALDFarm-10.0/bin looks for other versions' servers by putting
 // the version into that path: a version text that is not a plain name must select nothing.
 TEST(klNetServiceTest, VersionTextsThatAreNotPlainNamesStartNothing) {
