@@ -1055,6 +1055,43 @@ TEST(klRenderProtocolTest, RefusalsNameTheFirstBadField) {
     }
 }
 
+// A stand-in server's answer to a region 2 pixels wide and 4 rows high from row 16: success,
+// then bands (first row, rows, payload bytes). A band that does not fit the rows still missing
+// is refused with its numbers, before a byte of it is stored.
+TEST(klRenderProtocolTest, AnswersThatBreakTheProtocolAreRefused) {
+    struct Band : klNetMessage {
+        klNetMessageType getMessageType() override { return klNetMessageTypeImage; }
+    };
+    const std::string expected = ", expected row 16 and 1 to 4 rows of 6 bytes";
+    const std::pair<std::vector<std::array<std::uint32_t, 3>>, std::string> cases[] = {
+        {{{16, 5, 30}}, "band at row 16 with 5 rows and 30 bytes" + expected},
+        {{{16, 3, 18}, {19, 2, 12}},
+         "band at row 19 with 2 rows and 12 bytes, expected row 19 "
+         "and 1 to 1 rows of 6 bytes"},
+        {{{16, 2, 18}}, "band at row 16 with 2 rows and 18 bytes" + expected},
+        {{{17, 1, 6}}, "band at row 17 with 1 rows and 6 bytes" + expected},
+        {{{16, 0, 0}}, "band at row 16 with 0 rows and 0 bytes" + expected}};
+    klRenderRequest region = klRenderRequest::defaultFrame(64, 48);
+    region.y0 = 16, region.width = 2, region.height = 4;
+    for (const auto& [bands, text] : cases) {
+        SCOPED_TRACE(text);
+        auto [client, server] = connectedPair();
+        klNetStream answer(server);
+        answer.sendSuccess().flush();
+        for (const auto& [y, rows, bytes] : bands) {
+            Band band;
+            band << y << rows;
+            band.putValueSize(bytes);
+            band.putBytes(Bytes(bytes).data(), bytes);
+            answer.sendMessage(band, 0);
+        }
+        answer.sendSuccess().flush();
+        klNetStream stream(client);
+        EXPECT_EQ("Render answer: " + text,
+                  outcome([&] { klRenderClient::render(stream, region, {}); }));
+    }
+}
+
 // ---- the real server --------------------------------------------------------------------------
 
 // The server program of this build, started on a pipe of ours with the command line the service
