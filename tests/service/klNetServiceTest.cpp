@@ -19,7 +19,6 @@
 #include <cstdio>
 #include <cstring>
 #include <future>
-#include <iterator>
 #include <optional>
 #include <regex>
 #include <set>
@@ -72,6 +71,13 @@ std::string request(const ServiceDaemon& service, std::uint32_t code, const Fiel
     ((*stream << code) << ... << fields) << klNetStream::flush;
     const std::string result = outcome([&] { stream->recvResult(); });
     return result == "returned" ? "" : result;
+}
+
+// The whole text of a file; empty when there is none.
+std::string fileText(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
 }
 
 klNetServiceStatus status(const ServiceDaemon& service) {
@@ -280,11 +286,10 @@ TEST(klNetServiceTest, VersionTextsThatAreNotPlainNamesStartNothing) {
     }
     EXPECT_EQ(0, status(service).getNumberOfClusterServers());
     EXPECT_FALSE(std::filesystem::exists(planted));
-    std::stringstream text;
-    text << std::ifstream(log).rdbuf();
+    const std::string text = fileText(log);
     EXPECT_NE(std::string::npos,
-              text.str().find("Failed to start server: Invalid version text \"99\\nFAKE line\"\n"));
-    EXPECT_EQ(std::string::npos, text.str().find("\nFAKE"));
+              text.find("Failed to start server: Invalid version text \"99\\nFAKE line\"\n"));
+    EXPECT_EQ(std::string::npos, text.find("\nFAKE"));
 }
 
 TEST(klNetServiceTest, ConcurrentStartsStayWithinTheServerLimit) {
@@ -357,10 +362,8 @@ TEST(klNetServiceTest, AKeyedServiceServesSealedClientsOnlyThroughHandOffAndRela
     EXPECT_EQ("Connection closed", outcome([&] { status(service); }));
     EXPECT_EQ("The service refused the farm key: it holds another key",
               outcome([&] { sealed(other).status(); }));
-    std::stringstream text;
-    text << std::ifstream(log).rdbuf();
     EXPECT_NE(std::string::npos,
-              text.str().find("Refused connection from 127.0.0.1: not sealed\n"));
+              fileText(log).find("Refused connection from 127.0.0.1: not sealed\n"));
 
     const klServiceClient client = sealed(key);
     const auto started = client.startServer({});
@@ -451,11 +454,6 @@ TEST(klNetServiceTest, RunningOutOfDescriptorsIsLoggedOnceAndOutlived) {
     const rlim_t open = procEntries(service.pid(), "fd");
     const rlimit limit{open + 3, open + 3};
     ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_NOFILE, &limit, nullptr));
-    const auto logText = [&] {
-        std::stringstream text;
-        text << std::ifstream(log).rdbuf();
-        return text.str();
-    };
     const std::string shortage =
         "ERROR Unable to accept incomming connection\\. 24:Too many open files \\(retrying\\)\n";
     {
@@ -464,12 +462,12 @@ TEST(klNetServiceTest, RunningOutOfDescriptorsIsLoggedOnceAndOutlived) {
             idle.push_back(
                 std::make_unique<klSocketLink>(klSocketAddress("127.0.0.1", service.port()), 10.0));
         }
-        EXPECT_TRUE(
-            waitUntil([&] { return logText().find("Too many open files") != std::string::npos; }));
+        EXPECT_TRUE(waitUntil(
+            [&] { return fileText(log).find("Too many open files") != std::string::npos; }));
     }
-    EXPECT_EQ("returned", outcome([&] { status(service); })) << logText();
+    EXPECT_EQ("returned", outcome([&] { status(service); })) << fileText(log);
     // One line for each shortage, however often it retried, and one when it ended.
-    const std::string text = logText();
+    const std::string text = fileText(log);
     const auto count = [&text](const std::string& line) {
         const std::regex pattern(line);
         return std::distance(std::sregex_iterator(text.begin(), text.end(), pattern), {});
@@ -521,13 +519,8 @@ TEST(klNetServiceTest, LogsRequestsAndServerEndsForTheJournalAndServesMetricsAnd
 
     EXPECT_EQ("", request(service, kStopServer, 1u));
     ::kill(std::stoi(found[1]), SIGKILL);
-    const auto logText = [&] {
-        std::stringstream text;
-        text << std::ifstream(log).rdbuf();
-        return text.str();
-    };
     EXPECT_TRUE(waitUntil([&] {
-        const std::string text = logText();
+        const std::string text = fileText(log);
         return text.find("signal 9") != std::string::npos &&
                text.find("exited with status") != std::string::npos;
     }));
@@ -539,7 +532,7 @@ TEST(klNetServiceTest, LogsRequestsAndServerEndsForTheJournalAndServesMetricsAnd
           "klnet_servers_running 0\n"}) {
         EXPECT_NE(std::string::npos, metrics.find(line)) << line << metrics;
     }
-    const std::string text = logText();
+    const std::string text = fileText(log);
     for (const char* line :
          {"<6>127\\.0\\.0\\.1 start-server: server 1 started \\(booking \"b1\", process \\d+\\)\n",
           "<6>127\\.0\\.0\\.1 stop-server: server 1 stopped\n",
@@ -552,57 +545,8 @@ TEST(klNetServiceTest, LogsRequestsAndServerEndsForTheJournalAndServesMetricsAnd
 
 // ---- klnetctl ----------------------------------------------------------------------------------
 
-// One run of a program of the build, its words separated by blanks, and what it must print: out
-// and err are regular expressions matched against the whole output. {port} stands for the port
-// runSteps is given.
-struct Step {
-    std::string command;
-    int status;
-    std::string out, err = "";
-};
-
-void runSteps(const std::vector<Step>& steps, int port) {
-    const auto withPort = [port](const std::string& text) {
-        return std::regex_replace(text, std::regex("\\{port\\}"), std::to_string(port));
-    };
-    for (const Step& step : steps) {
-        SCOPED_TRACE(withPort(step.command));
-        std::istringstream words(withPort(step.command));
-        const std::vector<std::string> args{std::istream_iterator<std::string>(words), {}};
-        ChildProcess program(programDir() + "/" + args[0], {args.begin() + 1, args.end()}, true);
-        const auto outcome = program.finish(60.0);
-        EXPECT_EQ(step.status, outcome.status) << outcome.err;
-        EXPECT_TRUE(std::regex_match(outcome.out, std::regex(withPort(step.out)))) << outcome.out;
-        EXPECT_TRUE(std::regex_match(outcome.err, std::regex(withPort(step.err)))) << outcome.err;
-    }
-}
-
 bool isGone(pid_t pid) {
-    std::stringstream text;
-    text << std::ifstream("/proc/" + std::to_string(pid) + "/stat").rdbuf();
-    // A zombie has ended; its reaper is not ours.
-    return text.str().empty() || text.str().find(") Z ") != std::string::npos;
-}
-
-// The processes whose parent is pid. The parent field of /proc/PID/stat names the parent
-// whichever of its threads started the child, while the per-thread children lists lose a child
-// for a moment when its starting thread ends.
-std::vector<pid_t> childrenOf(pid_t pid) {
-    std::vector<pid_t> children;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        if (!std::isdigit(entry.path().filename().string()[0])) {
-            continue;  // not a process
-        }
-        std::ifstream stat(entry.path() / "stat");
-        const std::string text((std::istreambuf_iterator<char>(stat)), {});
-        const auto nameEnd = text.rfind(") ");
-        pid_t parent = 0;
-        if (nameEnd != std::string::npos &&
-            std::sscanf(text.c_str() + nameEnd + 2, "%*c %d", &parent) == 1 && parent == pid) {
-            children.push_back(std::stoi(entry.path().filename()));
-        }
-    }
-    return children;
+    return !isRunning(pid);
 }
 
 // Render servers the daemons started are killed at the end of each test, whatever happened.
@@ -674,12 +618,12 @@ TEST_F(klnetctlTest, SigintStopsTheServiceAndItsServers) {
         EXPECT_EQ(0, daemon.exitStatus(30.0));
         EXPECT_TRUE(serversGone());
     }
-    std::stringstream text;
-    text << std::ifstream(log).rdbuf();
-    EXPECT_TRUE(std::regex_search(text.str(), std::regex("listening on port [\\s\\S]*INFO Signal 2 "
-                                                         "received: stopping\n[\\s\\S]*INFO "
-                                                         "Stopped\n")))
-        << text.str();
+    const std::string text = fileText(log);
+    EXPECT_TRUE(std::regex_search(
+        text,
+        std::regex("listening on port [\\s\\S]*INFO Signal 2 received: stopping\n[\\s\\S]*INFO "
+                   "Stopped\n")))
+        << text;
 }
 
 TEST_F(klnetctlTest, ReportsEveryFailureWithOneLineAndItsExitStatus) {
@@ -946,12 +890,11 @@ TEST_F(klnetctlTest, AKilledServiceLeavesNothingBehind) {
         }
         EXPECT_EQ(kept, left);
     }
-    std::stringstream text;
-    text << std::ifstream(log).rdbuf();
+    const std::string text = fileText(log);
     EXPECT_NE(std::string::npos,
-              text.str().find("INFO Removed 1 stale hand-off socket of an earlier service from " +
-                              runtime.path() + "\n"))
-        << text.str();
+              text.find("INFO Removed 1 stale hand-off socket of an earlier service from " +
+                        runtime.path() + "\n"))
+        << text;
     ::close(live);
 }
 
