@@ -129,6 +129,16 @@ void klNetService::connectService(klNetStream& stream, Request& request) {
         leaveRelay(relay);
     };
     try {
+        const auto idle = std::chrono::duration_cast<Relay::Clock::duration>(
+            std::chrono::duration<double>(m_relayIdleTimeout));
+        relay->idleTimer = m_timer->schedule(Relay::Clock::now() + idle, [relay, idle] {
+            const auto quietUntil = relay->lastActive() + idle;
+            if (Relay::Clock::now() < quietUntil) {
+                return quietUntil;
+            }
+            relay->close();
+            return klNetDeadlineTimer::kDone;
+        });
         for (const bool toTarget : {true, false}) {
             ++relay->threads;
             try {
@@ -149,23 +159,13 @@ void klNetService::connectService(klNetStream& stream, Request& request) {
         abandon();
         throw;
     }
+    answered.set_value(true);
+    leaveRelay(relay);
     {
         std::lock_guard<std::mutex> guard(m_metricsLock);
         ++m_metrics.relaysOpened;
     }
     request.outcome = textOf("relaying to ", address.getName(), " port ", port);
-    const auto idle = std::chrono::duration_cast<Relay::Clock::duration>(
-        std::chrono::duration<double>(m_relayIdleTimeout));
-    relay->idleTimer = m_timer->schedule(Relay::Clock::now() + idle, [relay, idle] {
-        const auto quietUntil = relay->lastActive() + idle;
-        if (Relay::Clock::now() < quietUntil) {
-            return quietUntil;
-        }
-        relay->close();
-        return klNetDeadlineTimer::kDone;
-    });
-    answered.set_value(true);
-    leaveRelay(relay);
 }
 
 void klNetService::connectLinks(const std::shared_ptr<Relay>& relay, bool toTarget,
