@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -527,6 +528,38 @@ void renderRequest() {
     const Bytes cutShort = requests({corner, julia});
     write(target, "second-cut-short", Bytes{255} + Bytes(cutShort.begin(), cutShort.end() - 9));
 }
+
+// A server's answers to a region of 4 x 3 pixels from row 40: success, the bands given (first
+// row, rows, payload bytes; the pixels a render makes where there are enough), success.
+void renderAnswer() {
+    struct Band : klNetMessage {
+        klNetMessageType getMessageType() override { return klNetMessageTypeImage; }
+    };
+    klRenderRequest region = klRenderRequest::defaultFrame(64, 48);
+    region.y0 = 40, region.width = 4, region.height = 3;
+    const Bytes pixels = klRenderPixels(region);
+    const auto answer = [&](const std::vector<std::array<std::uint32_t, 3>>& bands) {
+        auto link = std::make_shared<CaptureLink>();
+        klNetStream server(link);
+        server.sendSuccess().flush();
+        for (const auto& [y, rows, bytes] : bands) {
+            Band band;
+            band << y << rows;
+            band.putValueSize(bytes);
+            Bytes payload(pixels);
+            payload.resize(bytes);
+            band.putBytes(payload.data(), bytes);
+            server.sendMessage(band, 0);
+        }
+        server.sendSuccess().flush();
+        return Bytes{3, 2} + link->bytes;
+    };
+    const std::string target = "klRenderAnswerFuzz";
+    write(target, "whole", answer({{40, 3, 36}}));
+    write(target, "two-bands", answer({{40, 1, 12}, {41, 2, 24}}));
+    write(target, "band-past-the-region", answer({{40, 2, 24}, {42, 2, 24}}));
+    write(target, "band-of-other-size", answer({{40, 3, 48}}));
+}
 #endif
 
 void usage(std::FILE* to) {
@@ -566,6 +599,7 @@ int main(int argc, char** argv) {
         codecs();
 #ifdef KLFUZZ_WITH_RENDER
         renderRequest();
+        renderAnswer();
 #endif
     } catch (const std::exception& e) {
         std::fprintf(stderr, "klFuzzCorpusGen: %s\n", e.what());

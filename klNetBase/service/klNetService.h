@@ -18,12 +18,17 @@
 //   6     get status           -                                      klNetServiceStatus
 //   7     stop by booking id   booking id (string)                    -
 //
+// A relay answers success once both its directions run (and an error when they cannot start);
+// when one side finishes sending, the other side is told so and the other direction carries on
+// until it ends too; a failure on either side ends both.
+//
 // Beyond what a client sees, the service defends itself against peers that misbehave: each
 // request must arrive whole within a time-out, counted from its accept; peers may be restricted
 // to address ranges; running servers, concurrent requests and relays are capped; relays go only
 // to address ranges the service is told, and end when idle; version texts are plain names
-// (letters, digits, '.', '-', '_', never "..") before they select a program; and string fields
-// longer than 64 KiB are refused before anything is allocated for them.
+// (letters, digits, '.', '-', '_', never "..", a blank only as in "SR1 SP3") before they select a
+// program; and string fields longer than 64 KiB are refused before anything is allocated for
+// them.
 //
 // Servers end in three ways, and the service learns of each at once, from the application
 // thread: a server ends by itself (its client has gone and it had no other for the idle time the
@@ -59,6 +64,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -250,9 +256,13 @@ private:
     void serverEnded(unsigned id);
     // Waits, bounded, until every stopping program has ended; the rest are ended here.
     void waitForServers();
-    // Forwards buffers from one end of a relay to the other until either fails.
-    void connectLinks(const std::shared_ptr<Relay>& relay, const std::shared_ptr<klNetLink>& from,
-                      const std::shared_ptr<klNetLink>& to);
+    // Once go says the relay runs, forwards buffers from one end of a relay to the other: until
+    // the sending end finishes (the other end is then told so, and the other direction goes on)
+    // or either fails (both directions end).
+    void connectLinks(const std::shared_ptr<Relay>& relay, bool toTarget,
+                      const std::shared_future<bool>& go);
+    // Lets go of one hold on a relay; the last retires it.
+    void leaveRelay(const std::shared_ptr<Relay>& relay);
     void relayEnded();
     void shutdown();
     // Blocks until a request may be accepted; false once the service stops.

@@ -39,14 +39,28 @@ bool readFlag(klNetStream& stream) {
     return flag != 0;
 }
 
+bool digitsFrom(const std::string& text, std::size_t from) {
+    return std::all_of(text.begin() + std::ptrdiff_t(from), text.end(),
+                       [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// "SR1 SP3": the one service-pack form with a blank between its parts.
+bool isBlankServicePack(const std::string& version) {
+    return version.size() >= 6 && version.compare(0, 3, "SR1") == 0 && version[3] == ' ' &&
+           version.compare(4, 2, "SP") == 0 && digitsFrom(version, 6);
+}
+
 // The version text selects a program directory (the installation of that version), so it must
 // be a plain name: letters, digits, '.', '-' and '_', no "..", at most kMaxVersionSize bytes.
+// The only blank allowed is the one of a service-pack name, which selects no directory.
 void checkVersionText(const std::string& version) {
+    const bool blankAllowed = isBlankServicePack(version);
     const bool plain = version.size() <= klNetService::kMaxVersionSize &&
                        version.find("..") == std::string::npos &&
-                       std::all_of(version.begin(), version.end(), [](char c) {
+                       std::all_of(version.begin(), version.end(), [&](char c) {
                            return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') ||
-                                  (c >= 'A' && c <= 'Z') || c == '.' || c == '-' || c == '_';
+                                  (c >= 'A' && c <= 'Z') || c == '.' || c == '-' || c == '_' ||
+                                  (c == ' ' && blankAllowed);
                        });
     if (!plain) {
         throw klNetError("Invalid version text " +
@@ -56,11 +70,6 @@ void checkVersionText(const std::string& version) {
 
 std::string ownVersion() {
     return klVersionInfo::the().getVersionString();
-}
-
-bool digitsFrom(const std::string& text, std::size_t from) {
-    return std::all_of(text.begin() + std::ptrdiff_t(from), text.end(),
-                       [](char c) { return c >= '0' && c <= '9'; });
 }
 
 // Service-pack names of old clients: "SR1", "SR1.SP3" become "8.5", "8.53". The rule is the

@@ -6,34 +6,11 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <iterator>
 #include <regex>
-#include <sstream>
 
 using namespace kltest;
 
 namespace {
-
-// One run of a program of the build, its arguments separated by blanks, and what it must print:
-// out and err are regular expressions matched against the whole output.
-struct Step {
-    std::string args;
-    int status;
-    std::string out, err;
-};
-
-void expectSteps(const std::string& program, const std::vector<Step>& steps) {
-    for (const Step& step : steps) {
-        SCOPED_TRACE(program + " " + step.args);
-        std::istringstream words(step.args);
-        ChildProcess child(programDir() + "/" + program,
-                           {std::istream_iterator<std::string>(words), {}}, true);
-        const auto outcome = child.finish(20.0);
-        EXPECT_EQ(step.status, outcome.status) << outcome.err;
-        EXPECT_TRUE(std::regex_match(outcome.out, std::regex(step.out))) << outcome.out;
-        EXPECT_TRUE(std::regex_match(outcome.err, std::regex(step.err))) << outcome.err;
-    }
-}
 
 struct Program {
     std::string name;
@@ -60,7 +37,10 @@ TEST_P(klProgramConventionsTest, HelpVersionAndOneErrorLine) {
                               {"--bogus", 2, "", bad(name, "unknown option '--bogus'")},
                               {"--version=1", 2, "", bad(name, "--version takes no value")}};
     runs.insert(runs.end(), GetParam().runs.begin(), GetParam().runs.end());
-    expectSteps(name, runs);
+    for (Step& run : runs) {
+        run.command = name + " " + run.command;
+    }
+    runSteps(runs);
 }
 
 std::vector<Program> programs() {
@@ -188,16 +168,15 @@ TEST(klnetctlServersTest, ListsTheServersFromTheServiceEndpoint) {
     const std::string port = std::to_string(endpoint.port());
     const PortSocket refused;
     const std::string refusedPort = std::to_string(refused.port);
-    expectSteps(
-        "klnetctl",
-        {{"--metrics-port=" + port + " servers", 0,
+    runSteps(
+        {{"klnetctl --metrics-port=" + port + " servers", 0,
           "ID  BOOKING  PID   CLIENT     STARTED               STATE\n"
           "1   b1       4242  127.0.0.1  2026-11-25T15:00:00Z  running\n"
           "12  \"\"       77    ::1        2026-11-25T15:01:30Z  stopping\n",
           ""},
-         {"servers --json --metrics-port " + port, 0,
+         {"klnetctl servers --json --metrics-port " + port, 0,
           std::regex_replace("{\"servers\":" + list + "}\n", std::regex("[\\[\\]{}]"), "\\$&"), ""},
-         {"--metrics-port " + refusedPort + " servers", 1, "",
+         {"klnetctl --metrics-port " + refusedPort + " servers", 1, "",
           "klnetctl: cannot get http://127\\.0\\.0\\.1:" + refusedPort +
               "/servers: .+ \\(the service must run with --metrics for this\\)\n"}});
     EXPECT_EQ("GET /servers HTTP/1.1", endpoint.requestLine());

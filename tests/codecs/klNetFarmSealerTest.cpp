@@ -87,10 +87,14 @@ constexpr long kServerHandshake = 4 + 8 + 32 + 1 + 32;
 TEST(klNetFarmSealer, SealedBuffersTravelBothWaysAndAChangedByteIsCaughtEitherWay) {
     const klNetFarmKey key = keyOf(7);
     const Bytes payload = pattern(100000);
-    // No change, then a byte of the first frame changed on its way to the server, to the client.
-    for (const auto& [toServer, toClient] : {std::pair<long, long>{-1, -1},
-                                             {kClientHandshake + 40, -1},
-                                             {-1, kServerHandshake + 40}}) {
+    const std::string changed =
+        "Sealed frame failed authentication: the connection was changed on its way";
+    // No change, then a byte of the first frame changed on its way to the server, to the client,
+    // then the client's first frame sent back to it (each direction is keyed apart).
+    for (const auto& [toServer, toClient, reflect] : {std::tuple<long, long, bool>{-1, -1, false},
+                                                      {kClientHandshake + 40, -1, false},
+                                                      {-1, kServerHandshake + 40, false},
+                                                      {-1, -1, true}}) {
         SCOPED_TRACE(std::to_string(toServer) + " " + std::to_string(toClient));
         Forwarder path(toServer, toClient);
         auto accepted = acceptOn(path.serverEnd, key);
@@ -100,19 +104,25 @@ TEST(klNetFarmSealer, SealedBuffersTravelBothWaysAndAChangedByteIsCaughtEitherWa
 
         Buffer buffer;
         path.clientEnd->send(bufferWith(payload));
+        if (reflect) {
+            std::uint32_t size = 0;
+            path.serverEnd->recv(&size, sizeof(size));
+            Bytes frame(size);
+            path.serverEnd->recv(frame.data(), size);
+            path.serverEnd->send(&size, sizeof(size));
+            path.serverEnd->send(frame.data(), size);
+            EXPECT_EQ(changed, outcome([&] { path.clientEnd->recv(buffer); }));
+            continue;
+        }
         const std::string atServer = outcome([&] { path.serverEnd->recv(buffer); });
         if (toServer >= 0) {
-            EXPECT_EQ("Sealed frame failed authentication: the connection was changed on its way",
-                      atServer);
+            EXPECT_EQ(changed, atServer);
             continue;
         }
         EXPECT_EQ(payload, payloadOf(*buffer));
         path.serverEnd->send(bufferWith(payload));
-        const std::string atClient = outcome([&] { path.clientEnd->recv(buffer); });
-        EXPECT_EQ(toClient >= 0 ? "Sealed frame failed authentication: the connection was "
-                                  "changed on its way"
-                                : "returned",
-                  atClient);
+        EXPECT_EQ(toClient >= 0 ? changed : "returned",
+                  outcome([&] { path.clientEnd->recv(buffer); }));
     }
 }
 

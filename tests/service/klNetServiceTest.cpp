@@ -19,7 +19,6 @@
 #include <cstdio>
 #include <cstring>
 #include <future>
-#include <iterator>
 #include <optional>
 #include <regex>
 #include <set>
@@ -74,6 +73,13 @@ std::string request(const ServiceDaemon& service, std::uint32_t code, const Fiel
     return result == "returned" ? "" : result;
 }
 
+// The whole text of a file; empty when there is none.
+std::string fileText(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
 klNetServiceStatus status(const ServiceDaemon& service) {
     return klServiceClient("127.0.0.1", service.port()).status();
 }
@@ -89,8 +95,9 @@ void expectRenders(klNetStream& stream) {
 TEST(klNetServiceTest, StartHandsTheClientToANewServerForEveryVersionItReads) {
     ServiceDaemon service;
     std::uint32_t expectedId = 1;
-    // "SR2" has no service pack: version 0.
-    for (const char* version : {"SR1.SP3", "SR2", "9.1", "9.2", "10.0"}) {
+    // Service-pack names are below 9.0; "SR2" has no service pack: version 0.
+    for (const char* version :
+         {"SR1", "SR1.SP3", "SR1-SP3", "SR1 SP3", "SR2", "9.1", "9.2", "10.0"}) {
         SCOPED_TRACE(version);
         auto stream = service.connect();
         EXPECT_EQ(expectedId++, startServer(*stream, version + std::string("-booking"), version));
@@ -101,8 +108,8 @@ TEST(klNetServiceTest, StartHandsTheClientToANewServerForEveryVersionItReads) {
     EXPECT_EQ("Incompatible versions: KALDClusterService 10.0 request from 11.0",
               outcome([&] { stream->recvResult(); }));
     const klNetServiceStatus record = status(service);
-    EXPECT_EQ(5, record.getNumberOfClusterServers());
-    EXPECT_EQ((std::vector<std::string>{"", "", "", "9.2-booking", "10.0-booking"}),
+    EXPECT_EQ(8, record.getNumberOfClusterServers());
+    EXPECT_EQ((std::vector<std::string>{"", "", "", "", "", "", "9.2-booking", "10.0-booking"}),
               record.getBookingIds());
 }
 
@@ -136,11 +143,12 @@ TEST(klNetServiceTest, StoppedServersLeaveTheTableOnlyAfterStopServerOrStart) {
 }
 
 // An echo server for relays: takes connections one after the other, sends back the first buffer
-// of each and holds it until the other end closes; counts the connections it took.
+// of each (at once, or only once the other end has finished sending) and holds it until the
+// other end closes; counts the connections it took.
 class EchoListener {
 public:
-    EchoListener()
-        : m_task([listener = m_listener, count = m_count] {
+    explicit EchoListener(bool answerAtEnd = false)
+        : m_task([listener = m_listener, count = m_count, answerAtEnd] {
               for (;;) {
                   auto link =
                       klSocketLink::checkForHPCNetSocket(klSocketLink(*listener).takeDescriptor());
@@ -148,6 +156,9 @@ public:
                   Buffer buffer;
                   outcome([&] {
                       link->recv(buffer);
+                      for (char next = 0;
+                           answerAtEnd && ::recv(link->getDescriptor(), &next, 1, 0) > 0;) {
+                      }
                       link->send(buffer);
                       link->recv(buffer);
                   });
@@ -202,6 +213,45 @@ TEST(klNetServiceTest, RelaysOnlyToAllowedTargetsFewAtOnceAndNotWhenIdle) {
     EXPECT_EQ(2, echo.connections());
 }
 
+// A relay runs both ways before the client hears success, or the client hears why it cannot
+// (here no address space is left for the threads' stacks) and the relay's place is given back.
+// A client that has finished sending still hears the rest of what the far end says.
+TEST(klNetServiceTest, ARelayRunsUntilBothSidesEndOrSaysWhyItCannotStart) {
+    EchoListener echo, atEnd(true);  // each serves one connection at a time
+    ServiceDaemon service({"--relay-to", "127.0.0.1", "--max-relays", "2"});
+    const klServiceClient client("127.0.0.1", service.port());
+    [[maybe_unused]] const std::size_t idle = procEntries(service.pid(), "task");
+    const auto first = client.relay("127.0.0.1", echo.port());
+#ifndef __SANITIZE_ADDRESS__  // the sanitizers' allocator cannot run within an address-space limit
+    const auto threads = [&] { return procEntries(service.pid(), "task"); };
+    ASSERT_TRUE(waitUntil([&] { return threads() == idle + 2; }));  // the relay's two
+    // The request's own thread runs before the limit is set.
+    auto stream = service.connect();
+    ASSERT_TRUE(waitUntil([&] { return threads() == idle + 3; }));
+    rlimit limit{};
+    ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_AS, nullptr, &limit));
+    const rlimit unlimited = limit;
+    std::size_t pages = 0;
+    std::ifstream("/proc/" + std::to_string(service.pid()) + "/statm") >> pages;
+    limit.rlim_cur = pages * std::size_t(::sysconf(_SC_PAGESIZE)) + 1024 * 1024;
+    ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_AS, &limit, nullptr));
+    *stream << std::uint32_t(klNetService::kConnectService) << std::string("127.0.0.1")
+            << atEnd.port() << klNetStream::flush;
+    const std::string answer = outcome([&] { stream->recvResult(); });
+    ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_AS, &unlimited, nullptr));
+    EXPECT_EQ("Unable to start the relay: Resource temporarily unavailable", answer);
+#endif
+    EXPECT_EQ("through the relay", echoedThrough(*first));
+    const auto relay = client.relay("127.0.0.1", atEnd.port());
+    *relay << std::string("through the relay") << klNetStream::flush;
+    const auto link = std::dynamic_pointer_cast<klSocketLink>(relay->getFirstLink());
+    ASSERT_EQ(0, ::shutdown(link->getDescriptor(), SHUT_WR));
+    std::string echoed;
+    *relay >> echoed;
+    EXPECT_EQ("through the relay", echoed);
+    EXPECT_EQ("closed", outcome([&] { relay->recvResult(); }));
+}
+
 // The service installed as .../KALDFarm-10.0/bin looks for other versions' servers by putting
 // the version into that path: a version text that is not a plain name must select nothing.
 TEST(klNetServiceTest, VersionTextsThatAreNotPlainNamesStartNothing) {
@@ -219,6 +269,7 @@ TEST(klNetServiceTest, VersionTextsThatAreNotPlainNamesStartNothing) {
         {"10.0/../evil", "\"10.0/../evil\""},
         {"10.0/../../evil", "\"10.0/../../evil\""},
         {"9..2", "\"9..2\""},
+        {"SR1 SP 3", "\"SR1 SP 3\""},
         {"99\nFAKE line", "\"99\\nFAKE line\""},
         {std::string(40, '9'), "\"" + std::string(32, '9') + "...\""}};
     for (const auto& [version, shown] : cases) {
@@ -228,11 +279,10 @@ TEST(klNetServiceTest, VersionTextsThatAreNotPlainNamesStartNothing) {
     }
     EXPECT_EQ(0, status(service).getNumberOfClusterServers());
     EXPECT_FALSE(std::filesystem::exists(planted));
-    std::stringstream text;
-    text << std::ifstream(log).rdbuf();
+    const std::string text = fileText(log);
     EXPECT_NE(std::string::npos,
-              text.str().find("Failed to start server: Invalid version text \"99\\nFAKE line\"\n"));
-    EXPECT_EQ(std::string::npos, text.str().find("\nFAKE"));
+              text.find("Failed to start server: Invalid version text \"99\\nFAKE line\"\n"));
+    EXPECT_EQ(std::string::npos, text.find("\nFAKE"));
 }
 
 TEST(klNetServiceTest, ConcurrentStartsStayWithinTheServerLimit) {
@@ -305,10 +355,8 @@ TEST(klNetServiceTest, AKeyedServiceServesSealedClientsOnlyThroughHandOffAndRela
     EXPECT_EQ("Connection closed", outcome([&] { status(service); }));
     EXPECT_EQ("The service refused the farm key: it holds another key",
               outcome([&] { sealed(other).status(); }));
-    std::stringstream text;
-    text << std::ifstream(log).rdbuf();
     EXPECT_NE(std::string::npos,
-              text.str().find("Refused connection from 127.0.0.1: not sealed\n"));
+              fileText(log).find("Refused connection from 127.0.0.1: not sealed\n"));
 
     const klServiceClient client = sealed(key);
     const auto started = client.startServer({});
@@ -399,11 +447,6 @@ TEST(klNetServiceTest, RunningOutOfDescriptorsIsLoggedOnceAndOutlived) {
     const rlim_t open = procEntries(service.pid(), "fd");
     const rlimit limit{open + 3, open + 3};
     ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_NOFILE, &limit, nullptr));
-    const auto logText = [&] {
-        std::stringstream text;
-        text << std::ifstream(log).rdbuf();
-        return text.str();
-    };
     const std::string shortage =
         "ERROR Unable to accept incomming connection\\. 24:Too many open files \\(retrying\\)\n";
     {
@@ -412,12 +455,12 @@ TEST(klNetServiceTest, RunningOutOfDescriptorsIsLoggedOnceAndOutlived) {
             idle.push_back(
                 std::make_unique<klSocketLink>(klSocketAddress("127.0.0.1", service.port()), 10.0));
         }
-        EXPECT_TRUE(
-            waitUntil([&] { return logText().find("Too many open files") != std::string::npos; }));
+        EXPECT_TRUE(waitUntil(
+            [&] { return fileText(log).find("Too many open files") != std::string::npos; }));
     }
-    EXPECT_EQ("returned", outcome([&] { status(service); })) << logText();
+    EXPECT_EQ("returned", outcome([&] { status(service); })) << fileText(log);
     // One line for each shortage, however often it retried, and one when it ended.
-    const std::string text = logText();
+    const std::string text = fileText(log);
     const auto count = [&text](const std::string& line) {
         const std::regex pattern(line);
         return std::distance(std::sregex_iterator(text.begin(), text.end(), pattern), {});
@@ -469,13 +512,8 @@ TEST(klNetServiceTest, LogsRequestsAndServerEndsForTheJournalAndServesMetricsAnd
 
     EXPECT_EQ("", request(service, kStopServer, 1u));
     ::kill(std::stoi(found[1]), SIGKILL);
-    const auto logText = [&] {
-        std::stringstream text;
-        text << std::ifstream(log).rdbuf();
-        return text.str();
-    };
     EXPECT_TRUE(waitUntil([&] {
-        const std::string text = logText();
+        const std::string text = fileText(log);
         return text.find("signal 9") != std::string::npos &&
                text.find("exited with status") != std::string::npos;
     }));
@@ -487,7 +525,7 @@ TEST(klNetServiceTest, LogsRequestsAndServerEndsForTheJournalAndServesMetricsAnd
           "klnet_servers_running 0\n"}) {
         EXPECT_NE(std::string::npos, metrics.find(line)) << line << metrics;
     }
-    const std::string text = logText();
+    const std::string text = fileText(log);
     for (const char* line :
          {"<6>127\\.0\\.0\\.1 start-server: server 1 started \\(booking \"b1\", process \\d+\\)\n",
           "<6>127\\.0\\.0\\.1 stop-server: server 1 stopped\n",
@@ -500,57 +538,8 @@ TEST(klNetServiceTest, LogsRequestsAndServerEndsForTheJournalAndServesMetricsAnd
 
 // ---- klnetctl ----------------------------------------------------------------------------------
 
-// One run of a program of the build, its words separated by blanks, and what it must print: out
-// and err are regular expressions matched against the whole output. {port} stands for the port
-// runSteps is given.
-struct Step {
-    std::string command;
-    int status;
-    std::string out, err = "";
-};
-
-void runSteps(const std::vector<Step>& steps, int port) {
-    const auto withPort = [port](const std::string& text) {
-        return std::regex_replace(text, std::regex("\\{port\\}"), std::to_string(port));
-    };
-    for (const Step& step : steps) {
-        SCOPED_TRACE(withPort(step.command));
-        std::istringstream words(withPort(step.command));
-        const std::vector<std::string> args{std::istream_iterator<std::string>(words), {}};
-        ChildProcess program(programDir() + "/" + args[0], {args.begin() + 1, args.end()}, true);
-        const auto outcome = program.finish(60.0);
-        EXPECT_EQ(step.status, outcome.status) << outcome.err;
-        EXPECT_TRUE(std::regex_match(outcome.out, std::regex(withPort(step.out)))) << outcome.out;
-        EXPECT_TRUE(std::regex_match(outcome.err, std::regex(withPort(step.err)))) << outcome.err;
-    }
-}
-
 bool isGone(pid_t pid) {
-    std::stringstream text;
-    text << std::ifstream("/proc/" + std::to_string(pid) + "/stat").rdbuf();
-    // A zombie has ended; its reaper is not ours.
-    return text.str().empty() || text.str().find(") Z ") != std::string::npos;
-}
-
-// The processes whose parent is pid. The parent field of /proc/PID/stat names the parent
-// whichever of its threads started the child, while the per-thread children lists lose a child
-// for a moment when its starting thread ends.
-std::vector<pid_t> childrenOf(pid_t pid) {
-    std::vector<pid_t> children;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        if (!std::isdigit(entry.path().filename().string()[0])) {
-            continue;  // not a process
-        }
-        std::ifstream stat(entry.path() / "stat");
-        const std::string text((std::istreambuf_iterator<char>(stat)), {});
-        const auto nameEnd = text.rfind(") ");
-        pid_t parent = 0;
-        if (nameEnd != std::string::npos &&
-            std::sscanf(text.c_str() + nameEnd + 2, "%*c %d", &parent) == 1 && parent == pid) {
-            children.push_back(std::stoi(entry.path().filename()));
-        }
-    }
-    return children;
+    return !isRunning(pid);
 }
 
 // Render servers the daemons started are killed at the end of each test, whatever happened.
@@ -622,12 +611,12 @@ TEST_F(klnetctlTest, SigintStopsTheServiceAndItsServers) {
         EXPECT_EQ(0, daemon.exitStatus(30.0));
         EXPECT_TRUE(serversGone());
     }
-    std::stringstream text;
-    text << std::ifstream(log).rdbuf();
-    EXPECT_TRUE(std::regex_search(text.str(), std::regex("listening on port [\\s\\S]*INFO Signal 2 "
-                                                         "received: stopping\n[\\s\\S]*INFO "
-                                                         "Stopped\n")))
-        << text.str();
+    const std::string text = fileText(log);
+    EXPECT_TRUE(std::regex_search(
+        text,
+        std::regex("listening on port [\\s\\S]*INFO Signal 2 received: stopping\n[\\s\\S]*INFO "
+                   "Stopped\n")))
+        << text;
 }
 
 TEST_F(klnetctlTest, ReportsEveryFailureWithOneLineAndItsExitStatus) {
@@ -894,12 +883,11 @@ TEST_F(klnetctlTest, AKilledServiceLeavesNothingBehind) {
         }
         EXPECT_EQ(kept, left);
     }
-    std::stringstream text;
-    text << std::ifstream(log).rdbuf();
+    const std::string text = fileText(log);
     EXPECT_NE(std::string::npos,
-              text.str().find("INFO Removed 1 stale hand-off socket of an earlier service from " +
-                              runtime.path() + "\n"))
-        << text.str();
+              text.find("INFO Removed 1 stale hand-off socket of an earlier service from " +
+                        runtime.path() + "\n"))
+        << text;
     ::close(live);
 }
 
@@ -1000,6 +988,43 @@ TEST(klRenderProtocolTest, RefusalsNameTheFirstBadField) {
             std::copy(patch.begin(), patch.end(), wire.begin() + std::ptrdiff_t(offset));
         }
         EXPECT_EQ(text.empty() ? "" : "Render request: " + text, verdictOn(wire));
+    }
+}
+
+// A stand-in server's answer to a region 2 pixels wide and 4 rows high from row 16: success,
+// then bands (first row, rows, payload bytes). A band that does not fit the rows still missing
+// is refused with its numbers, before a byte of it is stored.
+TEST(klRenderProtocolTest, AnswersThatBreakTheProtocolAreRefused) {
+    struct Band : klNetMessage {
+        klNetMessageType getMessageType() override { return klNetMessageTypeImage; }
+    };
+    const std::string expected = ", expected row 16 and 1 to 4 rows of 6 bytes";
+    const std::pair<std::vector<std::array<std::uint32_t, 3>>, std::string> cases[] = {
+        {{{16, 5, 30}}, "band at row 16 with 5 rows and 30 bytes" + expected},
+        {{{16, 3, 18}, {19, 2, 12}},
+         "band at row 19 with 2 rows and 12 bytes, expected row 19 "
+         "and 1 to 1 rows of 6 bytes"},
+        {{{16, 2, 18}}, "band at row 16 with 2 rows and 18 bytes" + expected},
+        {{{17, 1, 6}}, "band at row 17 with 1 rows and 6 bytes" + expected},
+        {{{16, 0, 0}}, "band at row 16 with 0 rows and 0 bytes" + expected}};
+    klRenderRequest region = klRenderRequest::defaultFrame(64, 48);
+    region.y0 = 16, region.width = 2, region.height = 4;
+    for (const auto& [bands, text] : cases) {
+        SCOPED_TRACE(text);
+        auto [client, server] = connectedPair();
+        klNetStream answer(server);
+        answer.sendSuccess().flush();
+        for (const auto& [y, rows, bytes] : bands) {
+            Band band;
+            band << y << rows;
+            band.putValueSize(bytes);
+            band.putBytes(Bytes(bytes).data(), bytes);
+            answer.sendMessage(band, 0);
+        }
+        answer.sendSuccess().flush();
+        klNetStream stream(client);
+        EXPECT_EQ("Render answer: " + text,
+                  outcome([&] { klRenderClient::render(stream, region, {}); }));
     }
 }
 

@@ -70,11 +70,17 @@ TEST(klSocketPipeTest, TimedOutWaitsLeaveTheReadForALaterArrival) {
     klSocketPipe server{service.getName()};
     EXPECT_EQ("timeout", outcome([&] { server.recvSocket(0.01); }));
 
-    auto [near, far] = connectedPair();  // the handed socket at work: the first test
+    auto [near, far] = connectedPair();
     auto handed = std::async(std::launch::async, [&] { far->sendDescriptor(service, 10.0); });
     klSocketLink received(server, 10.0);
     handed.get();
     EXPECT_EQ(std::uint32_t(::getpid()), service.getPeerProcessId());
+    // The late arrival is the client's connection itself.
+    const std::uint32_t sent = 0x6C617465;
+    received.send(&sent, sizeof(sent));
+    std::uint32_t got = 0;
+    near->recv(&got, sizeof(got));
+    EXPECT_EQ(sent, got);
 }
 
 TEST(klSocketPipeTest, ShutdownWakesAWaitingCallAndServiceCloseEndsTheServer) {

@@ -1,6 +1,7 @@
 // Helpers for the tests that span processes: programs of the build, or the test program itself in
-// a child mode of its own, started as child processes with bounded waits; a directory that goes
-// with its owner; and a KALDClusterService on an ephemeral loopback port.
+// a child mode of its own, started as child processes with bounded waits; a table of program runs
+// and what each prints; a directory that goes with its owner; and a KALDClusterService on an
+// ephemeral loopback port.
 #pragma once
 
 #include <support/klNetSocketTestSupport.h>
@@ -10,6 +11,10 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
+
+#include <iterator>
+#include <regex>
+#include <sstream>
 
 extern char** environ;
 
@@ -234,6 +239,31 @@ inline bool isRunning(pid_t pid) {
     std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), stat);
     const std::size_t close = stat.rfind(')');
     return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
+}
+
+// One run of a program of the build: the program and its arguments separated by blanks, the exit
+// status, and regular expressions matched against the whole standard output and error. {port}
+// stands for the port runSteps is given.
+struct Step {
+    std::string command;
+    int status;
+    std::string out, err = "";
+};
+
+inline void runSteps(const std::vector<Step>& steps, int port = 0) {
+    const auto withPort = [port](const std::string& text) {
+        return std::regex_replace(text, std::regex("\\{port\\}"), std::to_string(port));
+    };
+    for (const Step& step : steps) {
+        SCOPED_TRACE(withPort(step.command));
+        std::istringstream words(withPort(step.command));
+        const std::vector<std::string> args{std::istream_iterator<std::string>(words), {}};
+        ChildProcess program(programDir() + "/" + args[0], {args.begin() + 1, args.end()}, true);
+        const auto outcome = program.finish(60.0);
+        EXPECT_EQ(step.status, outcome.status) << outcome.err;
+        EXPECT_TRUE(std::regex_match(outcome.out, std::regex(withPort(step.out)))) << outcome.out;
+        EXPECT_TRUE(std::regex_match(outcome.err, std::regex(withPort(step.err)))) << outcome.err;
+    }
 }
 
 // A KALDClusterService on an ephemeral loopback port, started from dir (default: the build's

@@ -66,11 +66,12 @@ struct klNetService::Request {
 };
 
 // The two ends of a relay and when it last carried a buffer either way. Each end is read by one
-// thread, which forwards to the other end; the last of the two threads to end retires the relay.
+// thread, which forwards to the other end; the last holder (the two threads and, until it has
+// answered, the request) retires the relay.
 struct klNetService::Relay {
     using Clock = klNetDeadlineTimer::Clock;
-    std::shared_ptr<klNetLink> client;
-    std::shared_ptr<klNetLink> target;
+    std::shared_ptr<klSocketLink> client;
+    std::shared_ptr<klSocketLink> target;
     std::atomic<Clock::rep> lastActivity{Clock::now().time_since_epoch().count()};
     std::atomic<int> threads{0};
     std::uint64_t idleTimer = 0;
