@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 
 #include <iterator>
+#include <optional>
 #include <regex>
 #include <sstream>
 
@@ -41,6 +42,35 @@ inline std::size_t procEntries(pid_t pid, const std::string& what) {
     const std::filesystem::directory_iterator list("/proc/" + std::to_string(pid) + "/" + what);
     return std::size_t(std::distance(begin(list), end(list)));
 }
+
+// The paths in a directory.
+inline std::set<std::string> entriesOf(const std::string& dir) {
+    std::set<std::string> paths;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        paths.insert(entry.path());
+    }
+    return paths;
+}
+
+// An environment variable set to value (unset for none) while the owner lives, then restored.
+class ScopedEnv {
+public:
+    ScopedEnv(std::string name, const char* value) : m_name(std::move(name)) {
+        if (const char* old = std::getenv(m_name.c_str())) {
+            m_old = old;
+        }
+        value ? ::setenv(m_name.c_str(), value, 1) : ::unsetenv(m_name.c_str());
+    }
+    ~ScopedEnv() {
+        m_old ? ::setenv(m_name.c_str(), m_old->c_str(), 1) : ::unsetenv(m_name.c_str());
+    }
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    std::string m_name;
+    std::optional<std::string> m_old;
+};
 
 // A directory of its own under parent (the system's temporary directory unless given), removed
 // with everything in it.
@@ -288,7 +318,10 @@ public:
 
     // A connection that has exchanged the greeting, as a stream with a receive time-out.
     std::unique_ptr<klNetStream> connect(double timeout = 20.0) const {
-        auto link = std::make_shared<klSocketLink>(klSocketAddress("127.0.0.1", m_port), 10.0);
+        return connectTo(m_port, timeout);
+    }
+    static std::unique_ptr<klNetStream> connectTo(int port, double timeout = 20.0) {
+        auto link = std::make_shared<klSocketLink>(klSocketAddress("127.0.0.1", port), 10.0);
         link->signalHPCNetSocket();
         link->setRecvTimeout(timeout);
         return std::make_unique<klNetStream>(link);
