@@ -30,7 +30,7 @@ TEST(klNetServiceTest, StartHandsTheClientToANewServerForEveryVersionItReads) {
     auto stream = service.connect();
     writeStart(*stream, "11.0");
     EXPECT_EQ("Incompatible versions: KALDClusterService 10.0 request from 11.0",
-              outcome([&] { stream->recvResult(); }));
+              resultOf(*stream));
     const klNetServiceStatus record = status(service);
     EXPECT_EQ(8, record.getNumberOfClusterServers());
     EXPECT_EQ((std::vector<std::string>{"", "", "", "", "", "", "9.2-booking", "10.0-booking"}),
@@ -127,7 +127,7 @@ TEST(klNetServiceTest, RelaysOnlyToAllowedTargetsFewAtOnceAndNotWhenIdle) {
     EXPECT_EQ("through the relay", echoedThrough(*first));
     EXPECT_EQ("Too many relays (1)", outcome([&] { relayTo(service); }));
     // Idle, the relay is closed, and its place is free again.
-    EXPECT_EQ("closed", outcome([&] { first->recvResult(); }));
+    EXPECT_EQ("closed", resultOf(*first));
     // Its place frees once both its threads have ended, just after the close.
     std::shared_ptr<klNetStream> again;
     EXPECT_TRUE(
@@ -161,7 +161,7 @@ TEST(klNetServiceTest, ARelayRunsUntilBothSidesEndOrSaysWhyItCannotStart) {
     ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_AS, &limit, nullptr));
     *stream << std::uint32_t(klNetService::kConnectService) << std::string("127.0.0.1")
             << atEnd.port() << klNetStream::flush;
-    const std::string answer = outcome([&] { stream->recvResult(); });
+    const std::string answer = resultOf(*stream);
     ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_AS, &unlimited, nullptr));
     EXPECT_EQ("Unable to start the relay: Resource temporarily unavailable", answer);
 #endif
@@ -173,7 +173,7 @@ TEST(klNetServiceTest, ARelayRunsUntilBothSidesEndOrSaysWhyItCannotStart) {
     std::string echoed;
     *relay >> echoed;
     EXPECT_EQ("through the relay", echoed);
-    EXPECT_EQ("closed", outcome([&] { relay->recvResult(); }));
+    EXPECT_EQ("closed", resultOf(*relay));
 }
 
 // The service installed as .../KALDFarm-10.0/bin looks for other versions' servers by putting
@@ -199,7 +199,7 @@ TEST(klNetServiceTest, VersionTextsThatAreNotPlainNamesStartNothing) {
     for (const auto& [version, shown] : cases) {
         auto stream = service.connect();
         writeStart(*stream, version);
-        EXPECT_EQ("Invalid version text " + shown, outcome([&] { stream->recvResult(); }));
+        EXPECT_EQ("Invalid version text " + shown, resultOf(*stream));
     }
     EXPECT_EQ(0, status(service).getNumberOfClusterServers());
     EXPECT_FALSE(std::filesystem::exists(planted));
@@ -216,7 +216,7 @@ TEST(klNetServiceTest, ConcurrentStartsStayWithinTheServerLimit) {
         starts.push_back(std::async(std::launch::async, [&] {
             auto stream = service.connect();
             writeStart(*stream, "10.0");
-            return outcome([&] { stream->recvResult(); });
+            return resultOf(*stream);
         }));
     }
     std::multiset<std::string> outcomes;
@@ -295,25 +295,22 @@ TEST(klNetServiceTest, AKeyedServiceServesSealedClientsOnlyThroughHandOffAndRela
     EXPECT_EQ("10.0", record.getVersion());
 }
 
-// The daemon in a program directory of the test's own (hard-linked, so that it looks for its
-// server beside itself there), with a stand-in render server script.
+// Stand-in servers that end at once or never open their pipe.
 TEST(klNetServiceTest, ServersThatNeverTakeTheirSocket) {
     for (const std::string script : {"exit 3", "exec sleep 60"}) {
         const TempDir dir("fake", programDir());
-        std::filesystem::create_hard_link(programDir() + "/KALDClusterService",
-                                          dir.path("KALDClusterService"));
-        dir.addProgram("KALDClusterServer", script);
+        linkServiceWithServer(dir, script);
         ServiceDaemon service({}, dir.path());
         auto stream = service.connect();
         writeStart(*stream, "10.0", "slow");
         if (script == "exit 3") {
-            EXPECT_EQ("Failed to connect started server", outcome([&] { stream->recvResult(); }));
+            EXPECT_EQ("Failed to connect started server", resultOf(*stream));
             continue;
         }
         // The start request waits for the server to open its pipe; stopping it ends the wait.
         EXPECT_TRUE(waitUntil([&] { return status(service).getNumberOfClusterServers() != 0; }));
         EXPECT_EQ("", request(service, kStopBooking, "slow"));
-        EXPECT_EQ("Server manually aborted", outcome([&] { stream->recvResult(); }));
+        EXPECT_EQ("Server manually aborted", resultOf(*stream));
     }
 }
 
@@ -363,13 +360,13 @@ TEST(klNetServiceTest, LogsRequestsAndServerEndsForTheJournalAndServesMetricsAnd
     std::ofstream(log).close();
     struct stat file {};
     ASSERT_EQ(0, ::stat(log.c_str(), &file));
-    ::setenv("JOURNAL_STREAM",
-             (std::to_string(file.st_dev) + ":" + std::to_string(file.st_ino)).c_str(), 1);
+    std::optional<ScopedEnv> journal(
+        std::in_place, "JOURNAL_STREAM",
+        (std::to_string(file.st_dev) + ":" + std::to_string(file.st_ino)).c_str());
     ServiceDaemon service({"--log-file", log, "--metrics", "0"});
-    ::unsetenv("JOURNAL_STREAM");
-    const std::string metricsLine = service.readLine();
-    ASSERT_EQ(0u, metricsLine.find("metrics on port ")) << metricsLine;
-    const int metricsPort = std::stoi(metricsLine.substr(16));
+    journal.reset();
+    const int metricsPort = metricsPortOf(service);
+    ASSERT_NE(0, metricsPort);
 
     auto first = service.connect();
     auto second = service.connect();
@@ -413,19 +410,15 @@ TEST(klNetServiceTest, LogsRequestsAndServerEndsForTheJournalAndServesMetricsAnd
 // service's; the pipe variable of an old server goes to that server only.
 TEST(klNetServiceTest, ServersGetACleanEnvironment) {
     const TempDir dir("environment", programDir());
-    std::filesystem::create_hard_link(programDir() + "/KALDClusterService",
-                                      dir.path("KALDClusterService"));
-    dir.addProgram("KALDClusterServer",
-                   "env > \"$(dirname \"$0\")/env.tmp\"\n"
-                   "mv \"$(dirname \"$0\")/env.tmp\" \"$(dirname \"$0\")/env\"");
-    ::setenv("KLNET_TEST_SECRET", "secret", 1);
-    ::setenv("KLNET_TEST_PASSED", "passed", 1);
+    linkServiceWithServer(dir, "env > \"$(dirname \"$0\")/env.tmp\"\n"
+                               "mv \"$(dirname \"$0\")/env.tmp\" \"$(dirname \"$0\")/env\"");
+    std::optional<ScopedEnv> secret(std::in_place, "KLNET_TEST_SECRET", "secret"),
+        passed(std::in_place, "KLNET_TEST_PASSED", "passed");
     ServiceDaemon service(
         {"--server-env", "KLNET_TEST_PASSED", "--server-env", "KLNET_TEST_SET=a=b", "--server-env",
          "KLNET_TEST_UNSET", "--idle-exit", "7"},
         dir.path());
-    ::unsetenv("KLNET_TEST_SECRET");
-    ::unsetenv("KLNET_TEST_PASSED");
+    secret.reset(), passed.reset();
 
     std::set<std::string> fixed;  // what this environment has of the fixed set
     for (char** entry = environ; *entry != nullptr; ++entry) {
@@ -440,7 +433,7 @@ TEST(klNetServiceTest, ServersGetACleanEnvironment) {
         SCOPED_TRACE(version);
         auto stream = service.connect();
         writeStart(*stream, version);
-        EXPECT_EQ("Failed to connect started server", outcome([&] { stream->recvResult(); }));
+        EXPECT_EQ("Failed to connect started server", resultOf(*stream));
         std::set<std::string> variables;
         std::ifstream file(dir.path("env"));
         for (std::string line; std::getline(file, line);) {

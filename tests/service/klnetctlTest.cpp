@@ -53,10 +53,6 @@ TEST(klNetServiceTest, RunningOutOfDescriptorsIsLoggedOnceAndOutlived) {
 
 // ---- klnetctl ----------------------------------------------------------------------------------
 
-bool isGone(pid_t pid) {
-    return !isRunning(pid);
-}
-
 // Render servers the daemons started are killed at the end of each test, whatever happened.
 class klnetctlTest : public ::testing::Test {
 protected:
@@ -67,11 +63,11 @@ protected:
     }
     bool serversGone() const {
         return waitUntil(
-            [this] { return std::all_of(m_servers.begin(), m_servers.end(), isGone); });
+            [this] { return std::none_of(m_servers.begin(), m_servers.end(), isRunning); });
     }
     void TearDown() override {
         for (pid_t server : m_servers) {
-            if (!isGone(server)) {
+            if (isRunning(server)) {
                 ::kill(server, SIGKILL);
             }
         }
@@ -184,12 +180,6 @@ std::string serverState(int metricsPort, unsigned id) {
     return std::regex_search(servers, state, entry) ? state[1].str() : "";
 }
 
-int metricsPortOf(ServiceDaemon& service) {
-    const std::string line = service.readLine();
-    EXPECT_EQ(0u, line.find("metrics on port ")) << line;
-    return line.size() > 16 ? std::stoi(line.substr(16)) : 0;
-}
-
 // A client killed in the middle of its session (a child mode of this test, --hold-server): its
 // server ends after the idle time and frees its slot; a server whose client is still connected,
 // idle or not, is never ended for it.
@@ -236,7 +226,7 @@ TEST_F(klnetctlTest, AFrozenServerIsKilledInTheBackground) {
     EXPECT_EQ("stopping", serverState(metricsPort, 1));
     EXPECT_EQ(1, status(service).getNumberOfClusterServers());
     // SIGTERM after 3 s, SIGKILL 3 s later.
-    EXPECT_TRUE(waitUntil([&] { return isGone(m_servers[0]); }, std::chrono::seconds(10)));
+    EXPECT_TRUE(waitUntil([&] { return !isRunning(m_servers[0]); }, std::chrono::seconds(10)));
     EXPECT_TRUE(waitUntil([&] { return serverState(metricsPort, 1).empty(); }));
     EXPECT_EQ("running", serverState(metricsPort, 2));
     expectRenders(*next);
@@ -279,20 +269,8 @@ TEST(klNetServiceTest, StartsThatLackDescriptorsSaySo) {
 TEST_F(klnetctlTest, AKilledServiceLeavesNothingBehind) {
     const TempDir runtime("runtime");
     // The services of this test keep their hand-off sockets there.
-    struct RuntimeDirectory {
-        explicit RuntimeDirectory(const std::string& path) {
-            if (const char* old = std::getenv("XDG_RUNTIME_DIR")) {
-                previous = old;
-            }
-            ::setenv("XDG_RUNTIME_DIR", path.c_str(), 1);
-        }
-        ~RuntimeDirectory() {
-            previous ? ::setenv("XDG_RUNTIME_DIR", previous->c_str(), 1)
-                     : ::unsetenv("XDG_RUNTIME_DIR");
-        }
-        std::optional<std::string> previous;
-    };
-    std::optional<RuntimeDirectory> runtimeDirectory(std::in_place, runtime.path());
+    std::optional<ScopedEnv> runtimeDirectory(std::in_place, "XDG_RUNTIME_DIR",
+                                              runtime.path().c_str());
     const std::string prefix = runtime.path("kaldService-");
     const std::string guid = "{0123ABCD-0123-4567-89AB-0123456789AB}";
     // Another service's pipe, alive; a file of the same pattern that is no socket; a stale socket
@@ -309,10 +287,7 @@ TEST_F(klnetctlTest, AKilledServiceLeavesNothingBehind) {
     ASSERT_EQ(0, ::listen(live, 1));
     std::ofstream(prefix + "{1123ABCD-0123-4567-89AB-0123456789AB}").close();
     ::close(bound(prefix + "{0123abcd-0123-4567-89ab-0123456789ab}"));
-    std::set<std::string> kept;
-    for (const auto& entry : std::filesystem::directory_iterator(runtime.path())) {
-        kept.insert(entry.path());
-    }
+    std::set<std::string> kept = entriesOf(runtime.path());
 
     std::unique_ptr<klNetStream> client;
     {
@@ -326,9 +301,7 @@ TEST_F(klnetctlTest, AKilledServiceLeavesNothingBehind) {
     }
     EXPECT_TRUE(serversGone());
     EXPECT_EQ("closed", outcome([&] { expectRenders(*client); }));
-    EXPECT_EQ(std::ptrdiff_t(kept.size()) + 1,
-              std::distance(std::filesystem::directory_iterator(runtime.path()),
-                            std::filesystem::directory_iterator()))
+    EXPECT_EQ(kept.size() + 1, entriesOf(runtime.path()).size())
         << "the killed service's hand-off socket stays";
 
     const std::string log = runtime.path("service.log");
@@ -336,11 +309,7 @@ TEST_F(klnetctlTest, AKilledServiceLeavesNothingBehind) {
         ServiceDaemon next({"--log-file", log});
         runtimeDirectory.reset();
         kept.insert(log);
-        std::set<std::string> left;
-        for (const auto& entry : std::filesystem::directory_iterator(runtime.path())) {
-            left.insert(entry.path());
-        }
-        EXPECT_EQ(kept, left);
+        EXPECT_EQ(kept, entriesOf(runtime.path()));
     }
     const std::string text = fileText(log);
     EXPECT_NE(std::string::npos,
@@ -350,18 +319,12 @@ TEST_F(klnetctlTest, AKilledServiceLeavesNothingBehind) {
     ::close(live);
 }
 
-}  // namespace
-namespace {
-
 // Child mode of ServersOfClientsThatDiedEndAndFreeTheirSlots: a client that starts a server on
 // the service at port, has a region rendered, says "rendered" and waits to be killed.
 int holdServer(int port) {
-    auto link = std::make_shared<klSocketLink>(klSocketAddress("127.0.0.1", port), 10.0);
-    link->signalHPCNetSocket();
-    link->setRecvTimeout(20.0);
-    klNetStream stream(link);
-    startServer(stream, "killed");
-    expectRenders(stream);
+    const auto stream = ServiceDaemon::connectTo(port);
+    startServer(*stream, "killed");
+    expectRenders(*stream);
     std::printf("rendered\n");
     std::fflush(stdout);
     for (;;) {
