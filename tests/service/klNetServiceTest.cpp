@@ -410,8 +410,10 @@ TEST(klNetServiceTest, LogsRequestsAndServerEndsForTheJournalAndServesMetricsAnd
 // service's; the pipe variable of an old server goes to that server only.
 TEST(klNetServiceTest, ServersGetACleanEnvironment) {
     const TempDir dir("environment", programDir());
-    linkServiceWithServer(dir, "env > \"$(dirname \"$0\")/env.tmp\"\n"
-                               "mv \"$(dirname \"$0\")/env.tmp\" \"$(dirname \"$0\")/env\"");
+    // Without what the shell adds itself.
+    linkServiceWithServer(dir,
+                          "cd \"$(dirname \"$0\")\"\n"
+                          "env | grep -Ev '^(PWD|SHLVL|_|OLDPWD)=' >env.tmp; mv env.tmp env");
     std::optional<ScopedEnv> secret(std::in_place, "KLNET_TEST_SECRET", "secret"),
         passed(std::in_place, "KLNET_TEST_PASSED", "passed");
     ServiceDaemon service(
@@ -422,10 +424,8 @@ TEST(klNetServiceTest, ServersGetACleanEnvironment) {
 
     std::set<std::string> fixed;  // what this environment has of the fixed set
     for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string name(*entry, std::strcspn(*entry, "="));
-        if (name == "PATH" || name == "HOME" || name == "LANG" || name == "TZ" ||
-            name.rfind("LC_", 0) == 0) {
-            fixed.insert(std::string(*entry));
+        if (std::regex_search(*entry, std::regex("^(PATH|HOME|LANG|TZ|LC_[^=]*)="))) {
+            fixed.insert(*entry);
         }
     }
     const std::string runtime = klSocketPipe::getDirectory();
@@ -434,15 +434,7 @@ TEST(klNetServiceTest, ServersGetACleanEnvironment) {
         auto stream = service.connect();
         writeStart(*stream, version);
         EXPECT_EQ("Failed to connect started server", resultOf(*stream));
-        std::set<std::string> variables;
-        std::ifstream file(dir.path("env"));
-        for (std::string line; std::getline(file, line);) {
-            const std::string name = line.substr(0, line.find('='));
-            // What the shell adds itself.
-            if (name != "PWD" && name != "SHLVL" && name != "_" && name != "OLDPWD") {
-                variables.insert(line);
-            }
-        }
+        const std::set<std::string> variables = linesOf(fileText(dir.path("env")));
         std::filesystem::remove(dir.path("env"));
         std::set<std::string> expected = fixed;
         expected.insert({"KLNET_LOG_LEVEL=info", "KLNET_TEST_PASSED=passed", "KLNET_TEST_SET=a=b",

@@ -71,6 +71,16 @@ inline std::string fileText(const std::string& path) {
     return text.str();
 }
 
+// The distinct lines of a text.
+inline std::set<std::string> linesOf(const std::string& text) {
+    std::set<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.insert(line);
+    }
+    return lines;
+}
+
 // A region rendered through a stream handed to a server equals the same region rendered here.
 inline void expectRenders(klNetStream& stream) {
     klRenderRequest region = klRenderRequest::defaultFrame(64, 48);
