@@ -10,8 +10,6 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
-#include <cstring>
-
 using namespace kltest;
 
 namespace {

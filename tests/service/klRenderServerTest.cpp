@@ -6,10 +6,7 @@
 
 #include <klRenderProtocol.h>
 
-#include <signal.h>
-
 #include <array>
-#include <set>
 
 using namespace kltest;
 
