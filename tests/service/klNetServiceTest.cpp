@@ -25,10 +25,8 @@ TEST(klNetServiceTest, StartHandsTheClientToANewServerForEveryVersionItReads) {
         EXPECT_EQ(expectedId++, startServer(*stream, version + std::string("-booking"), version));
         expectRenders(*stream);
     }
-    auto stream = service.connect();
-    writeStart(*stream, "11.0");
     EXPECT_EQ("Incompatible versions: KALDClusterService 10.0 request from 11.0",
-              resultOf(*stream));
+              startResult(service, "11.0"));
     const klNetServiceStatus record = status(service);
     EXPECT_EQ(8, record.getNumberOfClusterServers());
     EXPECT_EQ((std::vector<std::string>{"", "", "", "", "", "", "9.2-booking", "10.0-booking"}),
@@ -195,9 +193,7 @@ TEST(klNetServiceTest, VersionTextsThatAreNotPlainNamesStartNothing) {
         {"99\nFAKE line", "\"99\\nFAKE line\""},
         {std::string(40, '9'), "\"" + std::string(32, '9') + "...\""}};
     for (const auto& [version, shown] : cases) {
-        auto stream = service.connect();
-        writeStart(*stream, version);
-        EXPECT_EQ("Invalid version text " + shown, resultOf(*stream));
+        EXPECT_EQ("Invalid version text " + shown, startResult(service, version));
     }
     EXPECT_EQ(0, status(service).getNumberOfClusterServers());
     EXPECT_FALSE(std::filesystem::exists(planted));
@@ -211,11 +207,8 @@ TEST(klNetServiceTest, ConcurrentStartsStayWithinTheServerLimit) {
     ServiceDaemon service({"--max-servers", "2"});
     std::vector<std::future<std::string>> starts;
     for (int i = 0; i < 8; ++i) {
-        starts.push_back(std::async(std::launch::async, [&] {
-            auto stream = service.connect();
-            writeStart(*stream, "10.0");
-            return resultOf(*stream);
-        }));
+        starts.push_back(
+            std::async(std::launch::async, [&] { return startResult(service, "10.0"); }));
     }
     std::multiset<std::string> outcomes;
     for (auto& start : starts) {
@@ -429,9 +422,7 @@ TEST(klNetServiceTest, ServersGetACleanEnvironment) {
     const std::string runtime = klSocketPipe::getDirectory();
     for (const char* version : {"8.5", "10.0", "8.5"}) {
         SCOPED_TRACE(version);
-        auto stream = service.connect();
-        writeStart(*stream, version);
-        EXPECT_EQ("Failed to connect started server", resultOf(*stream));
+        EXPECT_EQ("Failed to connect started server", startResult(service, version));
         const std::set<std::string> variables = linesOf(fileText(dir.path("env")));
         std::filesystem::remove(dir.path("env"));
         std::set<std::string> expected = fixed;

@@ -38,6 +38,13 @@ inline std::string resultOf(klNetStream& stream) {
     return outcome([&] { stream.recvResult(); });
 }
 
+// How a start request of that version is answered: "returned", or the error text.
+inline std::string startResult(const ServiceDaemon& service, const std::string& version) {
+    auto stream = service.connect();
+    writeStart(*stream, version);
+    return resultOf(*stream);
+}
+
 // Starts a server; returns its id and leaves the stream connected to it.
 inline std::uint32_t startServer(klNetStream& stream, const std::string& booking = "",
                                  const std::string& version = "10.0") {
