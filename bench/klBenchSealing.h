@@ -6,6 +6,7 @@
 
 #include <klNetBase/codecs/klNetFarmKey.h>
 #include <klNetBase/codecs/klNetFarmSealer.h>
+#include <klNetBase/link/klNetNodeNames.h>
 
 #include <array>
 #include <cstdint>
@@ -25,7 +26,7 @@ inline void sealLinks(klSocketLink& connecting, klSocketLink& accepting) {
         try {
             std::uint32_t greeting = 0;
             accepting.recv(&greeting, sizeof(greeting));
-            sealer.accept(accepting);
+            sealer.accept(accepting, klNetNodeNames());
         } catch (...) {
             failure = std::current_exception();
         }

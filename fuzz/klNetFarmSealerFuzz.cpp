@@ -12,6 +12,7 @@
 
 #include <klNetBase/codecs/klNetFarmKey.h>
 #include <klNetBase/codecs/klNetFarmSealer.h>
+#include <klNetBase/link/klNetNodeNames.h>
 
 namespace {
 
@@ -42,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::array<std::uint8_t, klNetFarmKey::kSize> bytes{};
         bytes.fill(7);
         try {
-            klNetFarmSealer(klNetFarmKey(bytes)).accept(*link);
+            klNetFarmSealer(klNetFarmKey(bytes)).accept(*link, klNetNodeNames());
             check(false, "a handshake without the key sealed the link");
         } catch (const klNetError&) {
         }

@@ -25,6 +25,7 @@
 #include <klNetBase/link/klNetLink.h>
 #include <klNetBase/link/klNetLinkSeal.h>
 #include <klNetBase/link/klNetLinkSealer.h>
+#include <klNetBase/link/klNetNodeNames.h>
 #include <klNetBase/link/klSocketAddress.h>
 #include <klNetBase/link/klSocketHandle.h>
 #include <klNetBase/link/klSocketKeepAlive.h>

@@ -215,33 +215,59 @@ klNetFarmSealer::klNetFarmSealer(const klNetFarmKey& key) : m_key(key) {
     initialiseSodium();
 }
 
-void klNetFarmSealer::accept(klSocketLink& link) {
-    Transcript transcript;
-    randombytes_buf(transcript.serverRandom, kRandomSize);
-    transcript.serverFlags = ownFlags();
-    unsigned char hello[4 + sizeof(kMagic) + kRandomSize + 1];
-    const std::uint32_t greeting = klSocketLink::kSealedGreeting;
-    std::memcpy(hello, &greeting, 4);
-    std::memcpy(hello + 4, kMagic, sizeof(kMagic));
-    std::memcpy(hello + 4 + sizeof(kMagic), transcript.serverRandom, kRandomSize);
-    hello[sizeof(hello) - 1] = transcript.serverFlags;
-    link.send(hello, sizeof(hello));
+namespace {
 
-    unsigned char answer[kRandomSize + 1 + kMacSize];
-    link.recv(answer, sizeof(answer));
-    std::memcpy(transcript.clientRandom, answer, kRandomSize);
-    transcript.clientFlags = answer[kRandomSize];
-    unsigned char expected[kMacSize];
-    transcript.derive(m_key, "klnet seal client", expected);
-    if (sodium_memcmp(expected, answer + kRandomSize + 1, kMacSize) != 0) {
-        // Closed at once: the peer learns nothing but that its key was not the farm's.
-        link.shutdown();
-        throw klNetError("Peer does not hold the farm key");
+// The accepting side: the hello out, then the client's random, flags and proof in.
+class FarmAcceptance final : public klNetLinkSealer::Acceptance {
+public:
+    explicit FarmAcceptance(const klNetFarmKey& key) : m_key(key) {
+        randombytes_buf(m_transcript.serverRandom, kRandomSize);
+        m_transcript.serverFlags = ownFlags();
     }
-    unsigned char proof[kMacSize];
-    transcript.derive(m_key, "klnet seal server", proof);
-    link.send(proof, sizeof(proof));
-    sealWith(link, m_key, transcript, true);
+
+    std::string hello() override {
+        std::string hello(4 + sizeof(kMagic) + kRandomSize + 1, '\0');
+        const std::uint32_t greeting = klSocketLink::kSealedGreeting;
+        std::memcpy(hello.data(), &greeting, 4);
+        std::memcpy(hello.data() + 4, kMagic, sizeof(kMagic));
+        std::memcpy(hello.data() + 4 + sizeof(kMagic), m_transcript.serverRandom, kRandomSize);
+        hello.back() = char(m_transcript.serverFlags);
+        return hello;
+    }
+
+    std::size_t missing(const std::string& received) const override {
+        return received.size() < kAnswerSize ? kAnswerSize - received.size() : 0;
+    }
+
+    void finish(const std::string& received, klSocketLink& link) override {
+        const auto* answer = reinterpret_cast<const unsigned char*>(received.data());
+        std::memcpy(m_transcript.clientRandom, answer, kRandomSize);
+        m_transcript.clientFlags = answer[kRandomSize];
+        unsigned char expected[kMacSize];
+        m_transcript.derive(m_key, "klnet seal client", expected);
+        if (sodium_memcmp(expected, answer + kRandomSize + 1, kMacSize) != 0) {
+            // Closed at once: the peer learns nothing but that its key was not the farm's.
+            link.shutdown();
+            throw klNetError("Peer does not hold the farm key");
+        }
+        unsigned char proof[kMacSize];
+        m_transcript.derive(m_key, "klnet seal server", proof);
+        link.send(proof, sizeof(proof));
+        sealWith(link, m_key, m_transcript, true);
+    }
+
+private:
+    static constexpr std::size_t kAnswerSize = kRandomSize + 1 + kMacSize;
+
+    const klNetFarmKey& m_key;
+    Transcript m_transcript;
+};
+
+}  // namespace
+
+std::unique_ptr<klNetLinkSealer::Acceptance> klNetFarmSealer::startAccept(
+    const klNetNodeNames& /*names*/) {
+    return std::make_unique<FarmAcceptance>(m_key);
 }
 
 void klNetFarmSealer::connect(klSocketLink& link, double timeoutSeconds) {

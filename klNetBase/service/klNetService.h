@@ -54,6 +54,7 @@
 #pragma once
 
 #include <klNetBase/klNetBaseExport.h>
+#include <klNetBase/link/klNetNodeNames.h>
 #include <klNetBase/link/klSocketKeepAlive.h>
 #include <klNetBase/runtime/klNetActionManager.h>
 #include <klNetBase/service/klNetPeerFilter.h>
@@ -289,6 +290,8 @@ private:
     double m_requestTimeout;
     klNetPeerFilter m_relayTargets;
     std::shared_ptr<klNetLinkSealer> m_sealer;
+    // The names sealed clients may have dialed to reach this service.
+    klNetNodeNames m_nodeNames;
     int m_maxRelays = 16;
     double m_relayIdleTimeout = 300.0;
     double m_idleExit = 0.0;

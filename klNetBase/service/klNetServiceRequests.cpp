@@ -155,7 +155,7 @@ bool klNetService::greetClient(Request& request) {
         return false;
     }
     try {
-        m_sealer->accept(*request.link);
+        m_sealer->accept(*request.link, m_nodeNames);
     } catch (const std::exception& e) {
         if (!request.timedOut) {
             klLog::warning("Refused connection from %s: %s\n", request.peer.c_str(), e.what());

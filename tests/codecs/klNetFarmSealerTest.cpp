@@ -6,6 +6,7 @@
 
 #include <klNetBase/codecs/klNetFarmKey.h>
 #include <klNetBase/codecs/klNetFarmSealer.h>
+#include <klNetBase/link/klNetNodeNames.h>
 
 #include <sys/stat.h>
 
@@ -76,7 +77,7 @@ std::future<std::string> acceptOn(std::shared_ptr<klSocketLink> link, const klNe
         return outcome([&] {
             std::uint32_t greeting = 0;
             link->recv(&greeting, sizeof(greeting));
-            klNetFarmSealer(key).accept(*link);
+            klNetFarmSealer(key).accept(*link, klNetNodeNames());
         });
     });
 }

@@ -26,7 +26,7 @@
 // replayed or garbled proof.
 //
 // Thread safety: a sealer holds only its key; accept() and connect() may run on any number of
-// links at once.
+// links at once. An acceptance refers to its sealer's key: the sealer outlives it.
 #pragma once
 
 #include <klNetBase/codecs/klNetCodecsExport.h>
@@ -42,7 +42,7 @@ class KLNETCODECS_EXPORT klNetFarmSealer final : public klNetLinkSealer {
 public:
     explicit klNetFarmSealer(const klNetFarmKey& key);
 
-    void accept(klSocketLink& link) override;
+    std::unique_ptr<Acceptance> startAccept(const klNetNodeNames& names) override;
     void connect(klSocketLink& link, double timeoutSeconds) override;
 
     // One call for a client: connects and seals (the connect failures of klSocketLink first).
