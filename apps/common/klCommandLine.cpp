@@ -142,6 +142,7 @@ std::optional<int> klCommandLine::parse(int argc, const char* const* argv) {
 
 std::optional<int> klCommandLine::parse(std::vector<std::string> args) {
     prepare(m_app);
+    m_args = args;
     // CLI11 takes the arguments last first.
     std::reverse(args.begin(), args.end());
     try {
@@ -220,12 +221,56 @@ std::string klCommandLine::describe(const CLI::ParseError& error) {
     if (std::regex_match(text, match, std::regex(R"((\S+): \d+ required .* missing)"))) {
         return match[1].str() + " needs a value";
     }
+    // CLI11's own wording for the rest, in ours: what is wrong, with the option's name first.
+    if (std::regex_match(text, match,
+                         std::regex(R"((\S+): At Most (\d+) required but received (\d+))"))) {
+        return match[2].str() == "1" ? match[1].str() + " given more than once"
+                                     : match[1].str() + " takes at most " + match[2].str() +
+                                           " values, not " + match[3].str();
+    }
+    if (std::regex_match(text, match,
+                         std::regex(R"((\S+): At least (\d+) required but received (\d+))"))) {
+        return match[1].str() + " needs " + match[2].str() + " values, not " + match[3].str();
+    }
+    if (std::regex_match(text, match, std::regex(R"((\S+): too many inputs for a flag)"))) {
+        return match[1].str() + " takes no value";
+    }
+    if (std::regex_match(text, match, std::regex(R"((\S+) excludes (\S+))"))) {
+        return match[1].str() + " and " + match[2].str() + " do not go together";
+    }
+    if (std::regex_match(text, match, std::regex(R"((\S+) requires (\S+))"))) {
+        return match[1].str() + " needs " + match[2].str() + " as well";
+    }
+    if (std::regex_match(text, match,
+                         std::regex(R"(The value (.*) is not an allowed value for (\S+))"))) {
+        return match[2].str() + ": '" + match[1].str() + "' is not an allowed value";
+    }
+    if (std::regex_match(text, match, std::regex(R"((.*) was not readable \(missing\?\))"))) {
+        return "cannot read '" + match[1].str() + "'";
+    }
+    if (std::regex_match(text, match, std::regex(R"(INI was not able to parse (.*))"))) {
+        return "the configuration file has an unknown option '" + match[1].str() + "'";
+    }
+    if (std::regex_match(
+            text, match,
+            std::regex(R"((\S+): This option is not allowed in a configuration file)"))) {
+        return match[1].str() + " cannot be set in a configuration file";
+    }
+    if (std::regex_match(text, match, std::regex(R"((\S+) is required)"))) {
+        return match[1].str() + " is missing";
+    }
+    if (std::regex_match(
+            text, match,
+            std::regex(R"(The following arguments? (?:was|were) not expected: (\S+).*)"))) {
+        return "unexpected argument '" + match[1].str() + "'";
+    }
     if (std::regex_match(text, match,
                          std::regex(R"((\S+) was given a disallowed flag override)"))) {
         const std::string name = match[1].str();
         return (name[0] == '-' ? name : (name.size() == 1 ? "-" : "--") + name) + " takes no value";
     }
-    if (text == "A subcommand is required") {
+    if (text == "A subcommand is required" ||
+        std::regex_match(text, std::regex(R"(Requires at least \d+ subcommands.*)"))) {
         return "no command given";
     }
     if (std::regex_match(text, match, std::regex(R"(Could not convert: (\S+) = (.*))"))) {
@@ -253,7 +298,20 @@ std::string klCommandLine::leftOver() const {
     }
     const std::string& first = left.front();
     if (first.size() > 1 && first[0] == '-') {
-        return "unknown option '" + first.substr(0, first.find('=')) + "'";
+        // Of a group of one-letter flags ("-tax", "-socketpipe") CLI11 keeps the letters after
+        // the ones it knows ("-x", "-ocketpipe"): the argument as given is named instead.
+        std::string given = first;
+        if (first[1] != '-' && std::find(m_args.begin(), m_args.end(), first) == m_args.end()) {
+            const std::string tail = first.substr(1);
+            for (const std::string& arg : m_args) {
+                if (arg.size() > first.size() && arg[0] == '-' && arg[1] != '-' &&
+                    arg.compare(arg.size() - tail.size(), tail.size(), tail) == 0) {
+                    given = arg;
+                    break;
+                }
+            }
+        }
+        return "unknown option '" + given.substr(0, given.find('=')) + "'";
     }
     const bool expectsCommand = !m_app.get_subcommands({}).empty();
     if (expectsCommand && m_app.get_subcommands().empty()) {

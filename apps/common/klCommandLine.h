@@ -24,7 +24,10 @@
 //   --help)", and status 2, for instance
 //       unknown option '--bogus'           unexpected argument 'x'       unknown command 'x'
 //       --output needs a value             --json takes no value (a flag given "=value")
+//       --port given more than once        PATH is missing (a required argument)
+//       unknown option '-tax' (a group of one-letter flags with one nobody knows)
 //       --port: '0' is not an integer from 1 to 65535   (the validators below)
+//   CLI11's own texts never reach the user as they are: describe() words them as above.
 //   The help's layout reads well as a man page through help2man ("Usage:" first, then the
 //   description, options as "  -h, --help   text", sections ending in ':').
 //
@@ -80,4 +83,6 @@ private:
 
     std::string m_program;
     CLI::App m_app;
+    // The arguments of the last parse(), as given.
+    std::vector<std::string> m_args;
 };

@@ -1,5 +1,6 @@
 #include "klRenderOptions.h"
 
+#include "klPngFile.h"
 #include "klSlurmJob.h"
 
 #include <klNetBase/core/klNetOptions.h>
@@ -137,6 +138,11 @@ klRenderOptions klRenderOptions::parse(int argc, char** argv) {
     }
     if (std::uint64_t(options.width) * options.height > klRenderRequest::kMaxPixels) {
         usageError("a frame of more than 67108864 pixels");
+    }
+    // Checked before any service or server starts: a frame that cannot be written is not worth
+    // rendering.
+    if (const std::optional<std::string> why = klPngUnwritable(options.output)) {
+        usageError("--output: cannot write '" + options.output + "': " + *why);
     }
     if (options.slurm) {
         if (!options.nodes.empty()) {

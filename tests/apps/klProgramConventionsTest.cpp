@@ -1,6 +1,6 @@
 // Every program's command line follows the same conventions (help, version, a bad option, the "="
-// form, an option after the command), one table row per program; and klnetctl lists a node's
-// servers from a stand-in for the service's HTTP endpoint.
+// form, an option after the command, none of CLI11's own texts), one table row per program; and
+// klnetctl lists a node's servers from a stand-in for the service's HTTP endpoint.
 #include <support/klNetProcessTestSupport.h>
 
 #include <poll.h>
@@ -51,7 +51,9 @@ std::vector<Program> programs() {
           {"status --timeout", 2, "", bad("klnetctl", "--timeout needs a value")},
           {"start --booking=b -ta -Z --port 0", 2, "",
            bad("klnetctl", "--port: '0' is not an integer from 1 to 65535")},
-          {"stop-booking", 2, "", bad("klnetctl", "ID is required")},
+          {"stop-booking", 2, "", bad("klnetctl", "ID is missing")},
+          {"--port 1 status --port 2", 2, "", bad("klnetctl", "--port given more than once")},
+          {"start -tax", 2, "", bad("klnetctl", "unknown option '-tax'")},
           {"restart", 2, "", bad("klnetctl", "unknown command 'restart'")}}},
         {"klClusterRender",
          {{"--width=0", 2, "",
@@ -63,7 +65,13 @@ std::vector<Program> programs() {
            bad("klClusterRender",
                "--slurm takes the nodes of the allocation: not with --nodes or --nodes-file")},
           {"--key-file=k --slurm", 2, "",
-           bad("klClusterRender", "--slurm makes a key of its own: not with --key-file")}}},
+           bad("klClusterRender", "--slurm makes a key of its own: not with --key-file")},
+          // Found before a service of its own starts, let alone a server renders.
+          {"--output /nonexistent/dir/x.png", 2, "",
+           bad("klClusterRender",
+               "--output: cannot write '/nonexistent/dir/x\\.png': No such file or directory")},
+          {"--output=/", 2, "",
+           bad("klClusterRender", "--output: cannot write '/': Is a directory")}}},
         // The service's launch arguments stay as they are: -ta, and -socketpipe=PATH followed by
         // the extra argument, whatever it looks like.
         {"KALDClusterServer",
@@ -74,7 +82,9 @@ std::vector<Program> programs() {
           {"-socketpipe=/nonexistent/pipe --help", 1, "",
            "KALDClusterServer: Unable to connect to named pipe\\. 2:No such file or directory\n"},
           {"-socketpipe=/nonexistent/pipe x y", 2, "",
-           bad("KALDClusterServer", "unexpected argument 'y'")}}},
+           bad("KALDClusterServer", "unexpected argument 'y'")},
+          {"-socketpipe /nonexistent/pipe", 2, "",
+           bad("KALDClusterServer", "unknown option '-socketpipe'")}}},
         {"klNetDemo",
          {{"--node=0", 2, "", bad("klNetDemo", "--node: '0' is not an integer from 1 to 65535")}}},
         {"KALDClusterService",
@@ -84,7 +94,9 @@ std::vector<Program> programs() {
            bad("KALDClusterService", "--request-timeout needs a value")},
           {"--listen=localhost", 2, "",
            bad("KALDClusterService",
-               "--listen: 'localhost' is not a numeric IPv4 or IPv6 address")}}},
+               "--listen: 'localhost' is not a numeric IPv4 or IPv6 address")},
+          {"--max-servers 1 --max-servers=2", 2, "",
+           bad("KALDClusterService", "--max-servers given more than once")}}},
         {"klNetLinkBench",
          {{"0", 2, "", bad("klNetLinkBench", "ROUNDS: '0' is not an integer from 1 to 1000")}}},
         {"klNetPipelineBench",

@@ -150,7 +150,7 @@ TEST_F(klnetctlTest, ReportsEveryFailureWithOneLineAndItsExitStatus) {
                "klnetctl: no answer from 127.0.0.1:" + silentPort + " within 0.5 s\n"},
               {"klnetctl stop-server -1", 2, "",
                "klnetctl: ID: '-1' is not an integer from 0 to 4294967295 \\(see --help\\)\n"},
-              {"klnetctl stop-server", 2, "", "klnetctl: ID is required \\(see --help\\)\n"},
+              {"klnetctl stop-server", 2, "", "klnetctl: ID is missing \\(see --help\\)\n"},
               {"klnetctl start -x", 2, "", "klnetctl: unknown option '-x' \\(see --help\\)\n"},
               {"klnetctl start --version 9.2", 0, "klnetctl 10\\.0\n"},
               {"klnetctl --timeout 0 status", 2, "",

@@ -1,0 +1,68 @@
+# Run by kl_add_man_page (klManPage.cmake) at build time:
+#   cmake -DPROGRAM=<program> -DINCLUDE=<file or empty> -DCOMMANDS=<a,b or empty>
+#         -DOUTPUT=<file> -P klManPageInclude.cmake
+# Writes help2man's include file for PROGRAM: a section "COMMAND OPTIONS" for each command of
+# COMMANDS, its options as "PROGRAM COMMAND --help" lists them (the help option left out) in roff,
+# followed by the hand-written sections of INCLUDE.
+
+# The text of a help line in roff: backslashes and dashes escaped, no line starting with a dot.
+function(kl_roff text out)
+  string(REPLACE "\\" "\\e" text "${text}")
+  string(REPLACE "-" "\\-" text "${text}")
+  string(REGEX REPLACE "^([.'])" "\\\\&\\1" text "${text}")
+  set(${out} "${text}" PARENT_SCOPE)
+endfunction()
+
+set(content "")
+string(REPLACE "," ";" commands "${COMMANDS}")
+foreach(command IN LISTS commands)
+  execute_process(COMMAND ${PROGRAM} ${command} --help OUTPUT_VARIABLE help
+    RESULT_VARIABLE status)
+  if(NOT status EQUAL 0)
+    message(FATAL_ERROR "${PROGRAM} ${command} --help failed")
+  endif()
+  string(TOUPPER "${command}" title)
+  string(APPEND content "[${title} OPTIONS]\n")
+  # One list element a line: the semicolons of the text are set aside meanwhile.
+  string(REPLACE ";" "<semicolon>" help "${help}")
+  string(REPLACE "\n" ";" lines "${help}")
+  set(in_options FALSE)
+  set(skip FALSE)
+  foreach(line IN LISTS lines)
+    string(REPLACE "<semicolon>" ";" line "${line}")
+    if(line STREQUAL "Options:")
+      set(in_options TRUE)
+    elseif(in_options AND line STREQUAL "")
+      break()
+    elseif(in_options AND line MATCHES "^  (-[^ ]+( [^ ]+)*)(   +(.*))?$")
+      # "  --name VALUE      text": the option, its value name, and the start of its text.
+      set(name "${CMAKE_MATCH_1}")
+      set(text "${CMAKE_MATCH_4}")
+      set(skip FALSE)
+      if(name MATCHES "^-h, --help")
+        set(skip TRUE)
+        continue()
+      endif()
+      string(REGEX MATCH "^[^ ]+" flag "${name}")
+      string(REGEX REPLACE "^[^ ]+ ?" "" value "${name}")
+      kl_roff("${flag}" flag)
+      kl_roff("${text}" text)
+      string(APPEND content ".TP\n\\fB${flag}\\fR")
+      if(value)
+        string(APPEND content " \\fI${value}\\fR")
+      endif()
+      string(APPEND content "\n")
+      if(text)
+        string(APPEND content "${text}\n")
+      endif()
+    elseif(in_options AND NOT skip AND line MATCHES "^ +(.+)$")
+      kl_roff("${CMAKE_MATCH_1}" text)
+      string(APPEND content "${text}\n")
+    endif()
+  endforeach()
+endforeach()
+if(INCLUDE)
+  file(READ ${INCLUDE} written)
+  string(APPEND content "${written}")
+endif()
+file(WRITE ${OUTPUT} "${content}")
