@@ -1,5 +1,7 @@
 # Script run by CTest: install, build the consumer and the codecs consumer two ways, through the
-# CMake package (with its codecs component) and through pkg-config, and run them.
+# CMake package (with its codecs component) and through pkg-config, and run them. The library's
+# packages leave the language standard to the application: the CMake build is C++20, the
+# pkg-config builds C++17 and C++20, all with warnings as errors.
 
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE out)
@@ -21,7 +23,8 @@ endforeach()
 
 # Through the CMake package.
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/cmake-build -G ${GENERATOR}
-    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX})
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX} -DCMAKE_CXX_STANDARD=20
+    "-DCMAKE_CXX_FLAGS=-Wall -Wextra -Werror")
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-build)
 run(${WORK_DIR}/cmake-build/consumer)
 run(${WORK_DIR}/cmake-build/consumer-codecs)
@@ -39,7 +42,15 @@ foreach(consumer main:klNetBase codecs:klNetBaseCodecs)
   if(NOT result EQUAL 0)
     message(FATAL_ERROR "pkg-config does not know ${module}")
   endif()
+  # The flags name the prefix as installed, canonical, and choose no language standard.
+  if(flags MATCHES "-std=|//|/\\.\\./" OR NOT flags MATCHES "-I${prefix}/include( |$)")
+    message(FATAL_ERROR "pkg-config --cflags --libs ${module}: ${flags}")
+  endif()
   separate_arguments(flags UNIX_COMMAND "${flags}")
-  run(${CXX} ${SOURCE_DIR}/${source}.cpp -o ${WORK_DIR}/${source}-pc ${flags} -Wl,-rpath,${libdir})
-  run(${WORK_DIR}/${source}-pc)
+  foreach(standard 17 20)
+    set(program ${WORK_DIR}/${source}-pc-${standard})
+    run(${CXX} -std=c++${standard} -Wall -Wextra -Werror ${SOURCE_DIR}/${source}.cpp -o ${program}
+        ${flags} -Wl,-rpath,${libdir})
+    run(${program})
+  endforeach()
 endforeach()
