@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev libzmq3-dev libpng-dev systemd
   liblz4-dev libzstd-dev libsodium-dev libssl-dev
   libcli11-dev libcurl4-openssl-dev help2man
+  devscripts lintian
   clang-format
   iproute2 iperf3 dpkg-dev
   slurm-wlm slurm-client munge
