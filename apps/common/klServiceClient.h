@@ -95,9 +95,14 @@ public:
     // Time allowed for the greeting's echo and for each read of an answer; 0 waits without limit.
     void setRecvTimeout(double seconds) { m_recvTimeout = seconds; }
     // Seals every connection (a keyed service serves sealed clients only); the handshake's
-    // failures ("The service refused the farm key: it holds another key", ...) are
+    // failures ("The service at HOST:PORT refused the farm key: it holds another key", ...) are
     // klServiceConnectError. Null (the default): plain connections.
     void setSealer(std::shared_ptr<klNetLinkSealer> sealer) { m_sealer = std::move(sealer); }
+    // The name a sealed handshake gives for the service meant (klNetNodeNames::nameOf of a host
+    // and a port): by default the host as given and the port; a node reached by its address but
+    // known by another name (a Slurm node) gives that name. A service that does not answer to it
+    // refuses: "The service at NAME answers to OTHER, not to NAME: ...".
+    void setNodeName(std::string name) { m_nodeName = std::move(name); }
 
     const std::string& getHost() const { return m_host; }
     int getPort() const { return m_port; }
@@ -128,4 +133,5 @@ private:
     double m_connectTimeout;
     double m_recvTimeout = kDefaultRecvTimeout;
     std::shared_ptr<klNetLinkSealer> m_sealer;
+    std::string m_nodeName;
 };
