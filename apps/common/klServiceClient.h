@@ -26,7 +26,8 @@
 //   klConnectionClosed     the service hung up before answering
 //   klServiceError         the service answered with an error; the text is the service's own
 //                          ("Unknown server:7")
-// All four are klNetError.
+//   klSealedFrameError     a sealed answer was changed on its way (it did not authenticate)
+// All five are klNetError.
 //
 // Every connection has keep-alive (klSocketKeepAlive::deadPeerWithin15s()): a service or server
 // gone without a word fails a blocked call with "recv error. 110:Connection timed out" within

@@ -32,9 +32,9 @@ void checkFile(const std::string& path, const struct stat& status) {
     static const struct {
         mode_t bit;
         const char* what;
-    } kLoose[] = {{S_IRGRP, "is readable by group"},   {S_IWGRP, "is writable by group"},
-                  {S_IXGRP, "is group-executable"},    {S_IROTH, "is readable by others"},
-                  {S_IWOTH, "is writable by others"},  {S_IXOTH, "is executable by others"}};
+    } kLoose[] = {{S_IRGRP, "is readable by group"},  {S_IWGRP, "is writable by group"},
+                  {S_IXGRP, "is group-executable"},   {S_IROTH, "is readable by others"},
+                  {S_IWOTH, "is writable by others"}, {S_IXOTH, "is executable by others"}};
     for (const auto& loose : kLoose) {
         if ((status.st_mode & loose.bit) != 0) {
             char mode[8];

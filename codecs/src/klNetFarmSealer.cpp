@@ -425,26 +425,24 @@ void klNetFarmSealer::connect(klSocketLink& link, const std::string& dialedName,
     if (std::memcmp(hello, &greeting, 4) != 0) {
         throw klNetError(service + " does not speak the sealed handshake");
     }
+    const std::string noKey =
+        service + " has no farm key: it answered the sealed greeting unsealed";
     try {
         link.recv(hello + 4, kMagicSize);
     } catch (const klConnectionClosed&) {
-        throw klNetError(service + " has no farm key: it answered the sealed greeting unsealed");
+        throw klNetError(noKey);
     } catch (const klConnectionTimeout&) {
-        throw klNetError(service + " has no farm key: it answered the sealed greeting unsealed");
+        throw klNetError(noKey);
     }
-    if (std::memcmp(hello + 4, kMagic, kMagicSize) != 0) {
-        const bool otherVersion = std::memcmp(hello + 4, kMagic, kMagicSize - 2) == 0 &&
-                                  std::isdigit(hello[4 + kMagicSize - 2]) &&
-                                  std::isdigit(hello[4 + kMagicSize - 1]);
-        throw klNetError(otherVersion ? service + " speaks another version of the sealed "
-                                                  "handshake (" +
-                                            std::string(reinterpret_cast<char*>(hello + 4),
-                                                        kMagicSize) +
-                                            ", this side " + std::string(kMagic, kMagicSize) +
-                                            ")"
-                                      : service +
-                                            " has no farm key: it answered the sealed greeting "
-                                            "unsealed");
+    const std::string magic(reinterpret_cast<const char*>(hello + 4), kMagicSize);
+    if (magic != std::string(kMagic, kMagicSize)) {
+        const bool otherVersion = magic.compare(0, kMagicSize - 2, kMagic, kMagicSize - 2) == 0 &&
+                                  std::isdigit(static_cast<unsigned char>(magic[6])) &&
+                                  std::isdigit(static_cast<unsigned char>(magic[7]));
+        throw klNetError(otherVersion
+                             ? service + " speaks another version of the sealed handshake (" +
+                                   magic + ", this side " + std::string(kMagic, kMagicSize) + ")"
+                             : noKey);
     }
     link.recv(hello + 4 + kMagicSize, kRandomSize + 1);
     std::memcpy(transcript.serverRandom, hello + 4 + kMagicSize, kRandomSize);
@@ -473,8 +471,9 @@ void klNetFarmSealer::connect(klSocketLink& link, const std::string& dialedName,
         throw klNetError(service + " proved another farm key");
     }
     if (verdict[0] == kOtherNode) {
-        throw klNetError(service + (name.empty() ? " does not answer to that name"
-                                                 : " answers to " + name + ", not to " + dialedName) +
+        throw klNetError(service +
+                         (name.empty() ? " does not answer to that name"
+                                       : " answers to " + name + ", not to " + dialedName) +
                          ": the connection went to another node");
     }
     if (verdict[0] == kCipherChanged) {

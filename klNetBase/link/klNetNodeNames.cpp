@@ -103,10 +103,10 @@ std::string klNetNodeNames::parse(const std::string& text, std::string& host, in
     }
     port = 0;
     if (!portText.empty()) {
-        const bool digits = portText.size() <= 5 &&
-                            std::all_of(portText.begin(), portText.end(), [](char c) {
-                                return std::isdigit(static_cast<unsigned char>(c));
-                            });
+        const bool digits =
+            portText.size() <= 5 && std::all_of(portText.begin(), portText.end(), [](char c) {
+                return std::isdigit(static_cast<unsigned char>(c));
+            });
         port = digits ? std::atoi(portText.c_str()) : 0;
         if (port < 1 || port > 65535) {
             return "the port of '" + text + "' is not 1 to 65535";
@@ -150,7 +150,8 @@ void klNetNodeNames::addThisHost(int port, const std::string& listenAddress) {
     bool loopback = false;
     for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
         const sockaddr* address = entry->ifa_addr;
-        if (address == nullptr || (address->sa_family != AF_INET && address->sa_family != AF_INET6)) {
+        if (address == nullptr ||
+            (address->sa_family != AF_INET && address->sa_family != AF_INET6)) {
             continue;
         }
         char text[NI_MAXHOST];
@@ -185,5 +186,7 @@ std::string klNetNodeNames::closestTo(const std::string& name) const {
     const auto sameHost = std::find_if(m_names.begin(), m_names.end(), [&](const std::string& own) {
         return sameName(hostPart(own), host);
     });
-    return sameHost != m_names.end() ? *sameHost : m_names.empty() ? std::string() : m_names.front();
+    return sameHost != m_names.end() ? *sameHost
+           : m_names.empty()         ? std::string()
+                                     : m_names.front();
 }

@@ -171,11 +171,11 @@ TEST(klNetFarmSealer, WithoutTheKeyNothingIsSealed) {
             }
         });
         const auto start = Clock::now();
-        EXPECT_EQ("The service at node1:8889 has no farm key: it answered the sealed greeting "
-                  "unsealed",
-                  outcome([&] {
-                      klNetFarmSealer(keyOf(1)).connect(*client, kNode, answers ? 30.0 : 0.5);
-                  }));
+        EXPECT_EQ(
+            "The service at node1:8889 has no farm key: it answered the sealed greeting "
+            "unsealed",
+            outcome(
+                [&] { klNetFarmSealer(keyOf(1)).connect(*client, kNode, answers ? 30.0 : 0.5); }));
         EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));  // not the 30 s time-out
         echo.get();
     }
@@ -210,15 +210,15 @@ TEST(klNetFarmSealer, AChangedHandshakeByteIsNamedOnBothSides) {
         {kClientHandshake - 33, -1, keyRefused, "Peer does not hold the farm key"},
         {kClientHandshake - 1, -1, cipherRefused, cipherChanged},
         {-1, kServerVerdict, "The service at node1:8889 proved another farm key", "returned"},
-        {-1, kServerHandshake - 1, "The service at node1:8889 proved another farm key",
-         "returned"},
+        {-1, kServerHandshake - 1, "The service at node1:8889 proved another farm key", "returned"},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(std::to_string(test.toServer) + " " + std::to_string(test.toClient));
         Forwarder path(test.toServer, test.toClient);
         auto accepted = acceptOn(path.serverEnd, keyOf(4));
-        EXPECT_EQ(test.client,
-                  outcome([&] { klNetFarmSealer(keyOf(4)).connect(*path.clientEnd, kNode, 10.0); }));
+        EXPECT_EQ(test.client, outcome([&] {
+                      klNetFarmSealer(keyOf(4)).connect(*path.clientEnd, kNode, 10.0);
+                  }));
         EXPECT_EQ(test.service, accepted.get());
         EXPECT_FALSE(path.clientEnd->isSealed());
     }
@@ -233,12 +233,15 @@ TEST(klNetFarmSealer, AHandshakeForAnotherNodeOrPortIsRefused) {
         {"node1:8889", "returned"},
         {"NODE1:8889", "returned"},
         {"[::1]:8889", "returned"},
-        {"node1:8890", "The service at node1:8890 answers to node1:8889, not to node1:8890: the "
-                       "connection went to another node"},
-        {"node2:8889", "The service at node2:8889 answers to node1:8889, not to node2:8889: the "
-                       "connection went to another node"},
-        {"10.0.0.1:9", "The service at 10.0.0.1:9 answers to 10.0.0.1:8889, not to 10.0.0.1:9: "
-                       "the connection went to another node"},
+        {"node1:8890",
+         "The service at node1:8890 answers to node1:8889, not to node1:8890: the "
+         "connection went to another node"},
+        {"node2:8889",
+         "The service at node2:8889 answers to node1:8889, not to node2:8889: the "
+         "connection went to another node"},
+        {"10.0.0.1:9",
+         "The service at 10.0.0.1:9 answers to 10.0.0.1:8889, not to 10.0.0.1:9: "
+         "the connection went to another node"},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.dialed);
@@ -246,16 +249,17 @@ TEST(klNetFarmSealer, AHandshakeForAnotherNodeOrPortIsRefused) {
         auto accepted = acceptOn(server, keyOf(5), names);
         EXPECT_EQ(test.client,
                   outcome([&] { klNetFarmSealer(keyOf(5)).connect(*client, test.dialed, 10.0); }));
-        EXPECT_EQ(test.client == "returned"
-                      ? "returned"
-                      : "handshake named " + test.dialed + ", which this service does not answer to",
+        EXPECT_EQ(test.client == "returned" ? "returned"
+                                            : "handshake named " + test.dialed +
+                                                  ", which this service does not answer to",
                   accepted.get());
     }
     auto [client, server] = connectedPair();
     auto accepted = acceptOn(server, keyOf(5), klNetNodeNames());
-    EXPECT_EQ("The service at node1:8889 does not answer to that name: the connection went to "
-              "another node",
-              outcome([&] { klNetFarmSealer(keyOf(5)).connect(*client, kNode, 10.0); }));
+    EXPECT_EQ(
+        "The service at node1:8889 does not answer to that name: the connection went to "
+        "another node",
+        outcome([&] { klNetFarmSealer(keyOf(5)).connect(*client, kNode, 10.0); }));
 }
 
 // What the accepting side asks for, given the client's bytes so far: bad bytes are refused before
@@ -313,9 +317,10 @@ TEST(klNetFarmSealer, AHandedOverSealSendsOnlyTheFramesItReserved) {
         return peer->open(sealed, sizeof(sealed), nullptr, 0, opened);
     };
     EXPECT_TRUE(sendOpen(*old));
-    EXPECT_EQ("Sealed link handed over: it may send only the frames it reserved, or it would "
-              "reuse the new holder's nonces",
-              outcome([&] { sendOpen(*old); }));
+    EXPECT_EQ(
+        "Sealed link handed over: it may send only the frames it reserved, or it would "
+        "reuse the new holder's nonces",
+        outcome([&] { sendOpen(*old); }));
     EXPECT_TRUE(sendOpen(*newHolder));
     EXPECT_TRUE(sendOpen(*newHolder));
 }
@@ -339,7 +344,7 @@ struct KeyFileCase {
     const char* name;
     const char* kind;  // "file", "fifo", "link" (to a good key file), "directory"
     mode_t mode;
-    uid_t owner;  // 0: the user running the test
+    uid_t owner;        // 0: the user running the test
     const char* error;  // after "Key file 'PATH' "; "" when the key loads
 };
 
@@ -383,25 +388,24 @@ TEST_P(klNetFarmKeyFile, IsCheckedAsSshChecksAPrivateKey) {
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, klNetFarmKeyFile,
-    ::testing::Values(
-        KeyFileCase{"owner_only", "file", 0600, 0, ""},
-        KeyFileCase{"read_only", "file", 0400, 0, ""},
-        KeyFileCase{"link_to_a_good_file", "link", 0600, 0, ""},
-        KeyFileCase{"group_executable", "file", 0610, 0,
-                    "is group-executable (mode 0610): chmod 600 it"},
-        KeyFileCase{"group_readable", "file", 0644, 0,
-                    "is readable by group (mode 0644): chmod 600 it"},
-        KeyFileCase{"group_writable", "file", 0620, 0,
-                    "is writable by group (mode 0620): chmod 600 it"},
-        KeyFileCase{"others_readable", "file", 0604, 0,
-                    "is readable by others (mode 0604): chmod 600 it"},
-        KeyFileCase{"others_executable", "file", 0601, 0,
-                    "is executable by others (mode 0601): chmod 600 it"},
-        KeyFileCase{"link_to_a_loose_file", "link", 0640, 0,
-                    "is readable by group (mode 0640): chmod 600 it"},
-        KeyFileCase{"fifo", "fifo", 0600, 0, "is not a regular file"},
-        KeyFileCase{"directory", "directory", 0700, 0, "is not a regular file"},
-        KeyFileCase{"another_users", "file", 0600, 65534, "is owned by uid 65534"}),
+    ::testing::Values(KeyFileCase{"owner_only", "file", 0600, 0, ""},
+                      KeyFileCase{"read_only", "file", 0400, 0, ""},
+                      KeyFileCase{"link_to_a_good_file", "link", 0600, 0, ""},
+                      KeyFileCase{"group_executable", "file", 0610, 0,
+                                  "is group-executable (mode 0610): chmod 600 it"},
+                      KeyFileCase{"group_readable", "file", 0644, 0,
+                                  "is readable by group (mode 0644): chmod 600 it"},
+                      KeyFileCase{"group_writable", "file", 0620, 0,
+                                  "is writable by group (mode 0620): chmod 600 it"},
+                      KeyFileCase{"others_readable", "file", 0604, 0,
+                                  "is readable by others (mode 0604): chmod 600 it"},
+                      KeyFileCase{"others_executable", "file", 0601, 0,
+                                  "is executable by others (mode 0601): chmod 600 it"},
+                      KeyFileCase{"link_to_a_loose_file", "link", 0640, 0,
+                                  "is readable by group (mode 0640): chmod 600 it"},
+                      KeyFileCase{"fifo", "fifo", 0600, 0, "is not a regular file"},
+                      KeyFileCase{"directory", "directory", 0700, 0, "is not a regular file"},
+                      KeyFileCase{"another_users", "file", 0600, 65534, "is owned by uid 65534"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -68,8 +68,7 @@ public:
     explicit klNetFarmSealer(const klNetFarmKey& key);
 
     std::unique_ptr<Acceptance> startAccept(const klNetNodeNames& names) override;
-    void connect(klSocketLink& link, const std::string& dialedName,
-                 double timeoutSeconds) override;
+    void connect(klSocketLink& link, const std::string& dialedName, double timeoutSeconds) override;
 
     // One call for a client: connects to address and seals, naming dialedName (the connect
     // failures of klSocketLink first).
