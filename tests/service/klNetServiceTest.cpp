@@ -11,6 +11,8 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <atomic>
+
 using namespace kltest;
 
 namespace {
@@ -289,23 +291,30 @@ TEST(klNetServiceTest, AKeyedServiceServesSealedClientsOnlyThroughHandOffAndRela
 }
 
 // A plain TCP forwarder, as a machine on the path could run one: takes one connection on an
-// ephemeral loopback port and carries its bytes to and from targetPort until either side ends.
+// ephemeral loopback port and carries its bytes to and from the port target() gives until either
+// side ends; the byte at offset flipAt of what goes back to the client is inverted.
 class OneForward {
 public:
-    explicit OneForward(int targetPort)
+    explicit OneForward(std::function<int()> target, long flipAt = -1)
         : m_listener(std::make_shared<klBoundSocketLink>(klSocketAddress("127.0.0.1", 0))),
           m_port(m_listener->getAddress().getPort()),
-          m_task([listener = m_listener, targetPort] {
+          m_task([listener = m_listener, target, flipAt] {
               klSocketLink client(*listener);
-              klSocketLink target(klSocketAddress("127.0.0.1", targetPort), 10.0);
+              klSocketLink service(klSocketAddress("127.0.0.1", target()), 10.0);
               pollfd ends[2] = {{client.getDescriptor(), POLLIN, 0},
-                                {target.getDescriptor(), POLLIN, 0}};
+                                {service.getDescriptor(), POLLIN, 0}};
               char chunk[4096];
-              while (::poll(ends, 2, 20000) > 0) {
+              for (long back = 0; ::poll(ends, 2, 20000) > 0;) {
                   const int from = (ends[0].revents != 0) ? 0 : 1;
                   const ssize_t n = ::recv(ends[from].fd, chunk, sizeof(chunk), 0);
-                  if (n <= 0 ||
-                      ::send(ends[1 - from].fd, chunk, std::size_t(n), MSG_NOSIGNAL) != n) {
+                  if (n <= 0) {
+                      break;
+                  }
+                  if (from == 1 && flipAt >= back && flipAt < back + n) {
+                      chunk[flipAt - back] ^= 0xFF;
+                  }
+                  back += from == 1 ? n : 0;
+                  if (::send(ends[1 - from].fd, chunk, std::size_t(n), MSG_NOSIGNAL) != n) {
                       break;
                   }
               }
@@ -322,6 +331,23 @@ private:
     Task m_task;
 };
 
+// A sealed answer changed on its way is named as such, not as the service's error.
+TEST(klNetServiceTest, ATamperedSealedAnswerIsNamedAsSuch) {
+    const TempDir dir("tampered");
+    const std::string key = dir.path("farm.key");
+    klNetFarmKey::generate(key);
+    std::atomic<int> servicePort{0};
+    // Past the service's handshake (hello 45 bytes, verdict 2, proof 32): its first sealed frame.
+    OneForward forward([&servicePort] { return servicePort.load(); }, 45 + 2 + 32 + 30);
+    const std::string forwardPort = std::to_string(forward.port());
+    ServiceDaemon service({"--key-file", key, "--node-name", "127.0.0.1:" + forwardPort});
+    servicePort = service.port();
+    runSteps({{"klnetctl --port {port} --key-file " + key + " status", 1, "",
+               "klnetctl: the answer from 127.0.0.1:{port} was tampered with: Sealed frame failed "
+               "authentication: the connection was changed on its way\n"}},
+             forward.port());
+}
+
 // A sealed request carried by a forwarder to another keyed service (another port of this host,
 // as it would be another node) is refused there, with the names on both sides, and runs nothing:
 // a stop-service meant for one service stops neither.
@@ -336,7 +362,7 @@ TEST(klNetServiceTest, ASealedRequestForwardedToAnotherServiceIsRefused) {
     const auto sealer = std::make_shared<klNetFarmSealer>(klNetFarmKey::load(key));
     // The client meant the first service, or dialed the forwarder's own address.
     for (const bool named : {true, false}) {
-        OneForward forward(reached.port());
+        OneForward forward([&reached] { return reached.port(); });
         klServiceClient client("127.0.0.1", forward.port());
         client.setSealer(sealer);
         const std::string dialed =
