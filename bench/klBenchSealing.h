@@ -21,18 +21,21 @@ inline void sealLinks(klSocketLink& connecting, klSocketLink& accepting) {
     std::array<std::uint8_t, klNetFarmKey::kSize> bytes;
     bytes.fill(0x5A);
     klNetFarmSealer sealer{klNetFarmKey(bytes)};
+    // The pair is one connection: the accepting end answers to the name the connecting end uses.
+    klNetNodeNames names;
+    names.add("bench", 1);
     std::exception_ptr failure;
     std::thread acceptor([&] {
         try {
             std::uint32_t greeting = 0;
             accepting.recv(&greeting, sizeof(greeting));
-            sealer.accept(accepting, klNetNodeNames());
+            sealer.accept(accepting, names);
         } catch (...) {
             failure = std::current_exception();
         }
     });
     try {
-        sealer.connect(connecting, 10.0);
+        sealer.connect(connecting, klNetNodeNames::nameOf("bench", 1), 10.0);
     } catch (...) {
         accepting.shutdown();  // the acceptor ends at once
         acceptor.join();

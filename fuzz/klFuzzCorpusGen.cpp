@@ -306,6 +306,33 @@ void greeting() {
     write(target, "connect-wrong-answer", Bytes{0} + older);
 }
 
+// The accepting side of the sealed handshake (settings bit 0 clear): the client's opening after
+// its greeting (magic, random, flags, the length-prefixed name it dialed), then its two proofs.
+// The randoms and proofs are fixed bytes: a proof cannot be made without the target's key.
+void farmSealer() {
+    const std::string target = "klNetFarmSealerFuzz";
+    const auto opening = [](const std::string& magic, std::size_t nameSize,
+                            const std::string& name) {
+        Bytes bytes(magic.begin(), magic.end());
+        bytes.insert(bytes.end(), 32, 0x11);      // client random
+        bytes.push_back(1);                       // flags: AES
+        bytes.push_back(std::uint8_t(nameSize));  // name length
+        bytes.insert(bytes.end(), name.begin(), name.end());
+        return bytes;
+    };
+    const Bytes proofs(64, 0x22);
+    write(target, "handshake-named", Bytes{0} + opening("KLSEAL02", 10, "node1:8889") + proofs);
+    write(target, "handshake-other-node",
+          Bytes{0} + opening("KLSEAL02", 10, "node2:8889") + proofs);
+    write(target, "handshake-name-empty", Bytes{0} + opening("KLSEAL02", 0, "") + proofs);
+    write(target, "handshake-name-longest",
+          Bytes{0} + opening("KLSEAL02", 255, std::string(255, 'a')) + proofs);
+    write(target, "handshake-name-invalid",
+          Bytes{0} + opening("KLSEAL02", 10, "node1 8889") + proofs);
+    write(target, "handshake-name-cut", Bytes{0} + opening("KLSEAL02", 10, "node1"));
+    write(target, "handshake-older-version", Bytes{0} + opening("KLSEAL01", 10, "node1:8889"));
+}
+
 // A client's request as its stream frames it.
 Bytes request(const std::function<void(klNetStream&)>& fields) {
     auto link = std::make_shared<CaptureLink>();
@@ -597,6 +624,7 @@ int main(int argc, char** argv) {
         socketPipe();
         stdStream();
         codecs();
+        farmSealer();
 #ifdef KLFUZZ_WITH_RENDER
         renderRequest();
         renderAnswer();

@@ -1,9 +1,11 @@
 // Fuzz target: what a peer sends to a sealed link, in the handshake and after it.
 //
 // Input: one byte of settings, then the peer's bytes, through a real socket.
-//   bit 0 clear: the accepting side of the handshake, as a keyed service runs it after the sealed
-//                greeting: the peer's answer to the hello (random, flags, proof). It must end in
-//                "Peer does not hold the farm key" or the peer closing: a proof cannot be guessed.
+//   bit 0 clear: the accepting side of the handshake, as a keyed service answering to
+//                "node1:8889" runs it after the sealed greeting: the peer's opening (magic,
+//                random, flags, the length-prefixed name it dialed) and its two proofs. It must
+//                end in a klNetError (another magic, a name that is empty or not a host's, a
+//                proof that does not hold, the peer closing): a proof cannot be guessed.
 //   bit 0 set:   a link sealed with fixed keys (bit 1: AES-256-GCM where the processor has it,
 //                else ChaCha20-Poly1305) receives frames until the bytes run out. Every receive
 //                must end in a whole buffer that authenticated, or in klNetError: never a crash,
@@ -43,7 +45,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::array<std::uint8_t, klNetFarmKey::kSize> bytes{};
         bytes.fill(7);
         try {
-            klNetFarmSealer(klNetFarmKey(bytes)).accept(*link, klNetNodeNames());
+            klNetNodeNames names;
+            names.add("node1", 8889);
+            klNetFarmSealer(klNetFarmKey(bytes)).accept(*link, names);
             check(false, "a handshake without the key sealed the link");
         } catch (const klNetError&) {
         }

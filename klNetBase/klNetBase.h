@@ -26,6 +26,7 @@
 #include <klNetBase/link/klNetLinkSeal.h>
 #include <klNetBase/link/klNetLinkSealer.h>
 #include <klNetBase/link/klNetNodeNames.h>
+#include <klNetBase/link/klSealedFrameError.h>
 #include <klNetBase/link/klSocketAddress.h>
 #include <klNetBase/link/klSocketHandle.h>
 #include <klNetBase/link/klSocketKeepAlive.h>

@@ -7,6 +7,7 @@
 // cannot be listened on ends it with status 1, a bad command line with status 2.
 #include <klNetBase/core/klNetError.h>
 #include <klNetBase/core/klNetOptions.h>
+#include <klNetBase/link/klNetNodeNames.h>
 #include <klNetBase/service/klNetPeerFilter.h>
 #include <klNetBase/service/klNetService.h>
 #include <klNetBase/service/klNetUtils.h>
@@ -62,6 +63,7 @@ struct Options {
     double relayIdleTimeout = 300.0;
     double idleExit = 60.0;
     std::vector<std::string> serverEnvironment;
+    klNetNodeNames nodeNames;  // aliases for sealed clients (port 0: the port listened on)
 
     klNetPeerFilter peerFilter;
     klNetPeerFilter relayTargets;
@@ -173,6 +175,31 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
                    "anything else, so that a key made for one run is never in a file, on a "
                    "command line or in the environment")
         ->type_name("PATH");
+    app.add_option_function<std::vector<std::string>>(
+           "--node-name",
+           [&options](const std::vector<std::string>& names) {
+               for (const std::string& text : names) {
+                   std::string host;
+                   int port = 0;
+                   klNetNodeNames::parse(text, host, port);
+                   options.nodeNames.add(host, port);
+               }
+           },
+           "with --key-file: a further name sealed clients may dial to reach this service, as "
+           "HOST or HOST:PORT (repeatable; a port defaults to the one listened on), for a "
+           "forward or alias a site runs on purpose. The service answers besides to its host "
+           "name, its Slurm node name and its addresses (with --listen: that address only); a "
+           "client that dialed another name is refused, so that a connection carried to another "
+           "node or port runs nothing")
+        ->type_name("NAME[:PORT]")
+        ->allow_extra_args(false)
+        ->check(CLI::Validator(
+            [](std::string& text) -> std::string {
+                std::string host;
+                int port = 0;
+                return klNetNodeNames::parse(text, host, port);
+            },
+            ""));
     app.add_flag("--stop-on-stdin-close", options.stopOnStdinClose,
                  "stop as on SIGTERM (servers stopped, exit 0) once standard input ends or "
                  "fails: a program that starts the service with a pipe on its standard input and "
@@ -322,6 +349,7 @@ std::string runService(int argc, char** argv, const Options& options) {
             std::make_shared<klNetFarmSealer>(klNetFarmKey::load(options.keyFile)));
     }
     service.setListenAddress(options.listen);
+    service.setNodeNames(options.nodeNames);
     // Clients wait on these connections (the render servers' pixels come over them): a client
     // that is gone without a word must not keep its servers busy for long.
     service.setKeepAlive(klSocketKeepAlive::deadPeerWithin15s());

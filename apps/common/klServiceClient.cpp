@@ -4,6 +4,8 @@
 #include <klNetBase/core/klConnectionTimeout.h>
 #include <klNetBase/core/klNetOptions.h>
 #include <klNetBase/link/klNetLinkSealer.h>
+#include <klNetBase/link/klNetNodeNames.h>
+#include <klNetBase/link/klSealedFrameError.h>
 #include <klNetBase/link/klSocketAddress.h>
 #include <klNetBase/link/klSocketLink.h>
 #include <klNetBase/serial/klNetStream.h>
@@ -66,7 +68,9 @@ std::shared_ptr<klNetStream> klServiceClient::open(std::uint32_t command) const 
         // gone without a word (power, cable, route) must be noticed in seconds, not hours.
         link->setKeepAlive(klSocketKeepAlive::deadPeerWithin15s());
         if (m_sealer) {
-            m_sealer->connect(*link, m_recvTimeout);
+            m_sealer->connect(
+                *link, m_nodeName.empty() ? klNetNodeNames::nameOf(m_host, m_port) : m_nodeName,
+                m_recvTimeout);
             link->setRecvTimeout(m_recvTimeout);
         } else {
             // The greeting by hand rather than signalHPCNetSocket(), whose wait for the echo is
@@ -101,6 +105,8 @@ void klServiceClient::finish(klNetStream& stream) {
         throw;
     } catch (const klConnectionTimeout&) {
         throw;
+    } catch (const klSealedFrameError&) {
+        throw;  // the answer was changed on its way: not the service's word
     } catch (const klNetError& e) {
         throw klServiceError(e.what());
     }

@@ -26,7 +26,8 @@
 //   klConnectionClosed     the service hung up before answering
 //   klServiceError         the service answered with an error; the text is the service's own
 //                          ("Unknown server:7")
-// All four are klNetError.
+//   klSealedFrameError     a sealed answer was changed on its way (it did not authenticate)
+// All five are klNetError.
 //
 // Every connection has keep-alive (klSocketKeepAlive::deadPeerWithin15s()): a service or server
 // gone without a word fails a blocked call with "recv error. 110:Connection timed out" within
@@ -95,9 +96,14 @@ public:
     // Time allowed for the greeting's echo and for each read of an answer; 0 waits without limit.
     void setRecvTimeout(double seconds) { m_recvTimeout = seconds; }
     // Seals every connection (a keyed service serves sealed clients only); the handshake's
-    // failures ("The service refused the farm key: it holds another key", ...) are
+    // failures ("The service at HOST:PORT refused the farm key: it holds another key", ...) are
     // klServiceConnectError. Null (the default): plain connections.
     void setSealer(std::shared_ptr<klNetLinkSealer> sealer) { m_sealer = std::move(sealer); }
+    // The name a sealed handshake gives for the service meant (klNetNodeNames::nameOf of a host
+    // and a port): by default the host as given and the port; a node reached by its address but
+    // known by another name (a Slurm node) gives that name. A service that does not answer to it
+    // refuses: "The service at NAME answers to OTHER, not to NAME: ...".
+    void setNodeName(std::string name) { m_nodeName = std::move(name); }
 
     const std::string& getHost() const { return m_host; }
     int getPort() const { return m_port; }
@@ -128,4 +134,5 @@ private:
     double m_connectTimeout;
     double m_recvTimeout = kDefaultRecvTimeout;
     std::shared_ptr<klNetLinkSealer> m_sealer;
+    std::string m_nodeName;
 };

@@ -7,6 +7,7 @@
 
 #include <klNetBase/codecs/klNetFarmKey.h>
 #include <klNetBase/codecs/klNetFarmSealer.h>
+#include <klNetBase/link/klNetNodeNames.h>
 
 #include <unistd.h>
 
@@ -173,6 +174,8 @@ void klRenderFarm::startStep(const klRenderOptions& options, const klSlurmJob& j
         });
         m_nodes.push_back({klServiceClient(node.address, task->port),
                            node.name + " (" + address(node.address, task->port) + ")", node.name});
+        // Reached by its address, the service is meant by its Slurm node name.
+        m_nodes.back().client.setNodeName(klNetNodeNames::nameOf(node.name, task->port));
         std::printf("  KALDClusterService on %s\n", m_nodes.back().label.c_str());
     }
     m_servicesSeconds = klSecondsSince(begin);

@@ -10,6 +10,7 @@
 
 #include <klNetBase/core/klConnectionClosed.h>
 #include <klNetBase/core/klConnectionTimeout.h>
+#include <klNetBase/link/klSealedFrameError.h>
 #include <klNetBase/serial/klNetStream.h>
 
 #include <curl/curl.h>
@@ -385,6 +386,8 @@ int main(int argc, char** argv) {
         line = error = "no answer from " + where + " within " + seconds + " s";
     } catch (const klConnectionClosed&) {
         line = error = where + " closed the connection without an answer";
+    } catch (const klSealedFrameError& e) {
+        line = error = "the answer from " + where + " was tampered with: " + e.what();
     } catch (const klServiceError& e) {
         error = e.what();
         line = "service error: " + error;

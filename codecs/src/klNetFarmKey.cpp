@@ -11,11 +11,37 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <string>
 
 namespace {
 
 [[noreturn]] void fail(const std::string& path, const std::string& what) {
     throw klNetError("Key file '" + path + "' " + what);
+}
+
+// Refuses what ssh refuses for a private key: anything but a regular file, a file of another
+// user than the one running the program (root's are fine: root could read it anyway), and a
+// mode that lets group or others at it, named by the first such bit.
+void checkFile(const std::string& path, const struct stat& status) {
+    if (!S_ISREG(status.st_mode)) {
+        fail(path, "is not a regular file");
+    }
+    if (status.st_uid != ::geteuid() && status.st_uid != 0) {
+        fail(path, "is owned by uid " + std::to_string(status.st_uid));
+    }
+    static const struct {
+        mode_t bit;
+        const char* what;
+    } kLoose[] = {{S_IRGRP, "is readable by group"},  {S_IWGRP, "is writable by group"},
+                  {S_IXGRP, "is group-executable"},   {S_IROTH, "is readable by others"},
+                  {S_IWOTH, "is writable by others"}, {S_IXOTH, "is executable by others"}};
+    for (const auto& loose : kLoose) {
+        if ((status.st_mode & loose.bit) != 0) {
+            char mode[8];
+            std::snprintf(mode, sizeof(mode), "%04o", unsigned(status.st_mode & 07777));
+            fail(path, std::string(loose.what) + " (mode " + mode + "): chmod 600 it");
+        }
+    }
 }
 
 // Closes the descriptor it was given.
@@ -49,22 +75,25 @@ void klNetFarmKey::generate(const std::string& path) {
 }
 
 klNetFarmKey klNetFarmKey::load(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Checked by name first, so that a FIFO or a device is never opened; then again on the
+    // descriptor, which is what is read (the name may have changed in between). Non-blocking, so
+    // that not even a FIFO put there in between can hold the program.
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) {
+        fail(path, "cannot be read: " + klNetError::getLastErrorString());
+    }
+    checkFile(path, status);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
         fail(path, "cannot be read: " + klNetError::getLastErrorString());
     }
     const FileCloser closer{fd};
-    struct stat status {};
     if (::fstat(fd, &status) != 0) {
         fail(path, "cannot be read: " + klNetError::getLastErrorString());
     }
-    if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-        char mode[8];
-        std::snprintf(mode, sizeof(mode), "%04o", unsigned(status.st_mode & 07777));
-        fail(path, std::string("is readable by group or others (mode ") + mode + "): chmod 600 it");
-    }
+    checkFile(path, status);
     std::array<std::uint8_t, kSize + 1> bytes{};
-    const ssize_t n = S_ISREG(status.st_mode) ? ::read(fd, bytes.data(), bytes.size()) : -1;
+    const ssize_t n = ::read(fd, bytes.data(), bytes.size());
     if (n != ssize_t(kSize)) {
         sodium_memzero(bytes.data(), bytes.size());
         fail(path, "does not hold a key of 32 bytes");

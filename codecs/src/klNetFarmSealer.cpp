@@ -4,23 +4,39 @@
 #include <klNetBase/core/klConnectionTimeout.h>
 #include <klNetBase/core/klNetError.h>
 #include <klNetBase/link/klNetLinkSeal.h>
+#include <klNetBase/link/klNetNodeNames.h>
 #include <klNetBase/link/klSocketAddress.h>
 #include <klNetBase/link/klSocketLink.h>
 
 #include <openssl/evp.h>
 #include <sodium.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstring>
-#include <sstream>
+#include <limits>
 
 namespace {
 
-constexpr char kMagic[8] = {'K', 'L', 'S', 'E', 'A', 'L', '0', '1'};
+constexpr char kMagic[8] = {'K', 'L', 'S', 'E', 'A', 'L', '0', '2'};
+constexpr std::size_t kMagicSize = sizeof(kMagic);
 constexpr std::size_t kRandomSize = 32;
 constexpr std::size_t kMacSize = 32;
 constexpr std::size_t kKeySize = 32;
 constexpr std::uint8_t kHasAes = 1;
 constexpr std::uint8_t kStateVersion = 1;
+
+// The client's first bytes after its greeting, up to the name: magic, random, flags, name length.
+constexpr std::size_t kOpeningSize = kMagicSize + kRandomSize + 1 + 1;
+// The service's hello: greeting, magic, random, flags.
+constexpr std::size_t kHelloSize = 4 + kMagicSize + kRandomSize + 1;
+
+// The service's verdict on the handshake, covered by its proof.
+enum Verdict : std::uint8_t {
+    kAccepted = 0,
+    kOtherNode = 1,     // the dialed name is not one this service answers to
+    kCipherChanged = 2  // the client proved the key, but not over the flags the service sent
+};
 
 void initialiseSodium() {
     if (sodium_init() < 0) {
@@ -32,27 +48,73 @@ std::uint8_t ownFlags() {
     return crypto_aead_aes256gcm_is_available() ? kHasAes : 0;
 }
 
-// What both proofs and both keys are derived from: the two randoms and the two flags.
+// Whether text is a name a handshake may carry: 1 to 255 bytes of the characters of host names,
+// addresses and ports. Checked on both sides before a name goes anywhere (a log line, a message).
+bool isWireName(const std::string& text) {
+    return !text.empty() && text.size() <= klNetNodeNames::kMaxNameSize &&
+           std::all_of(text.begin(), text.end(), [](char c) {
+               return std::isalnum(static_cast<unsigned char>(c)) ||
+                      std::strchr("-_.:[]%", c) != nullptr;
+           });
+}
+
+// Everything the proofs and keys are derived from, in three parts:
+//   core:   magic | client random | server random | dialed name (length-prefixed)
+//   flags:  server flags | client flags
+//   answer: verdict | the service's name for the client (length-prefixed)
+// The client proves the key over the core alone and, apart, over core and flags, so that the
+// service can tell a client without the key from flags changed on the way; the service proves
+// the key over core and answer; the connection's keys come from all three.
 struct Transcript {
-    unsigned char serverRandom[kRandomSize];
     unsigned char clientRandom[kRandomSize];
+    unsigned char serverRandom[kRandomSize];
     std::uint8_t serverFlags = 0;
     std::uint8_t clientFlags = 0;
+    std::string dialedName;
+    std::uint8_t verdict = kAccepted;
+    std::string answeredName;
 
-    // Keyed BLAKE2b-256 of label | transcript.
-    void derive(const klNetFarmKey& key, const char* label, unsigned char* out) const {
+    enum Parts : unsigned { kCore = 0, kFlags = 1, kAnswer = 2 };
+
+    ~Transcript() {
+        sodium_memzero(clientRandom, kRandomSize);
+        sodium_memzero(serverRandom, kRandomSize);
+        sodium_memzero(dialedName.data(), dialedName.size());
+        sodium_memzero(answeredName.data(), answeredName.size());
+    }
+
+    // Keyed BLAKE2b-256 of label (with its terminating zero) | the parts named.
+    void derive(const klNetFarmKey& key, const char* label, unsigned parts,
+                unsigned char* out) const {
         crypto_generichash_state state;
         crypto_generichash_init(&state, key.data(), klNetFarmKey::kSize, kMacSize);
         crypto_generichash_update(&state, reinterpret_cast<const unsigned char*>(label),
-                                  std::strlen(label));
-        crypto_generichash_update(&state, serverRandom, kRandomSize);
+                                  std::strlen(label) + 1);
+        crypto_generichash_update(&state, reinterpret_cast<const unsigned char*>(kMagic),
+                                  kMagicSize);
         crypto_generichash_update(&state, clientRandom, kRandomSize);
-        crypto_generichash_update(&state, &serverFlags, 1);
-        crypto_generichash_update(&state, &clientFlags, 1);
+        crypto_generichash_update(&state, serverRandom, kRandomSize);
+        addText(state, dialedName);
+        if ((parts & kFlags) != 0) {
+            crypto_generichash_update(&state, &serverFlags, 1);
+            crypto_generichash_update(&state, &clientFlags, 1);
+        }
+        if ((parts & kAnswer) != 0) {
+            crypto_generichash_update(&state, &verdict, 1);
+            addText(state, answeredName);
+        }
         crypto_generichash_final(&state, out, kMacSize);
         sodium_memzero(&state, sizeof(state));
     }
     bool aes() const { return (serverFlags & clientFlags & kHasAes) != 0; }
+
+private:
+    static void addText(crypto_generichash_state& state, const std::string& text) {
+        const std::uint8_t size = std::uint8_t(text.size());
+        crypto_generichash_update(&state, &size, 1);
+        crypto_generichash_update(&state, reinterpret_cast<const unsigned char*>(text.data()),
+                                  text.size());
+    }
 };
 
 // One direction's AES-256-GCM from OpenSSL, whose AES-NI and carry-less multiply code seals about
@@ -122,6 +184,11 @@ public:
 
     void seal(const unsigned char* clear, std::size_t clearSize, const unsigned char* extra,
               std::size_t extraSize, unsigned char* out) override {
+        if (m_sendNumber >= m_sendLimit) {
+            throw klNetError(
+                "Sealed link handed over: it may send only the frames it reserved, or it would "
+                "reuse the new holder's nonces");
+        }
         unsigned char nonce[crypto_aead_aes256gcm_NPUBBYTES];
         nonceOf(m_sendNumber++, nonce);
         unsigned long long sealedSize = 0;
@@ -154,7 +221,7 @@ public:
 
     //   version (1) | AES (1) | send key (32) | receive key (32) | send number (8) | receive
     //   number (8)
-    std::string exportState(std::uint64_t framesReserved) const override {
+    std::string exportState(std::uint64_t framesReserved) override {
         std::string state(1 + 1 + 2 * kKeySize + 2 * 8, '\0');
         char* out = state.data();
         *out++ = char(kStateVersion);
@@ -163,6 +230,7 @@ public:
         std::memcpy(out + kKeySize, m_recvKey, kKeySize);
         const std::uint64_t numbers[2] = {m_sendNumber + framesReserved, m_recvNumber};
         std::memcpy(out + 2 * kKeySize, numbers, sizeof(numbers));
+        m_sendLimit = numbers[0];
         return state;
     }
 
@@ -193,6 +261,8 @@ private:
     // Touched only by the sending thread, and by the receiving thread.
     std::uint64_t m_sendNumber;
     std::uint64_t m_recvNumber;
+    // The first frame number this end may no longer send: the new holder's after a hand-off.
+    std::uint64_t m_sendLimit = std::numeric_limits<std::uint64_t>::max();
     std::unique_ptr<AesGcm> m_sendAes;
     std::unique_ptr<AesGcm> m_recvAes;
 };
@@ -201,8 +271,9 @@ private:
 void sealWith(klSocketLink& link, const klNetFarmKey& key, const Transcript& transcript,
               bool accepting) {
     unsigned char c2s[kKeySize], s2c[kKeySize];
-    transcript.derive(key, "klnet seal c2s", c2s);
-    transcript.derive(key, "klnet seal s2c", s2c);
+    const unsigned all = Transcript::kFlags | Transcript::kAnswer;
+    transcript.derive(key, "klnet seal c2s", all, c2s);
+    transcript.derive(key, "klnet seal s2c", all, s2c);
     link.setSeal(std::make_unique<AeadSeal>(transcript.aes(), accepting ? s2c : c2s,
                                             accepting ? c2s : s2c, 0, 0));
     sodium_memzero(c2s, sizeof(c2s));
@@ -217,101 +288,207 @@ klNetFarmSealer::klNetFarmSealer(const klNetFarmKey& key) : m_key(key) {
 
 namespace {
 
-// The accepting side: the hello out, then the client's random, flags and proof in.
+// The accepting side: the hello out; the client's opening (magic, random, flags, the name it
+// dialed) and both its proofs in; then the verdict, with the service's proof, out.
 class FarmAcceptance final : public klNetLinkSealer::Acceptance {
 public:
-    explicit FarmAcceptance(const klNetFarmKey& key) : m_key(key) {
+    FarmAcceptance(const klNetFarmKey& key, const klNetNodeNames& names)
+        : m_key(key), m_names(names) {
         randombytes_buf(m_transcript.serverRandom, kRandomSize);
         m_transcript.serverFlags = ownFlags();
     }
 
     std::string hello() override {
-        std::string hello(4 + sizeof(kMagic) + kRandomSize + 1, '\0');
+        std::string hello(kHelloSize, '\0');
         const std::uint32_t greeting = klSocketLink::kSealedGreeting;
         std::memcpy(hello.data(), &greeting, 4);
-        std::memcpy(hello.data() + 4, kMagic, sizeof(kMagic));
-        std::memcpy(hello.data() + 4 + sizeof(kMagic), m_transcript.serverRandom, kRandomSize);
+        std::memcpy(hello.data() + 4, kMagic, kMagicSize);
+        std::memcpy(hello.data() + 4 + kMagicSize, m_transcript.serverRandom, kRandomSize);
         hello.back() = char(m_transcript.serverFlags);
         return hello;
     }
 
+    // Refuses what no valid answer starts with as soon as it is there: another magic, a name
+    // that is empty or holds other characters than a host's.
     std::size_t missing(const std::string& received) const override {
-        return received.size() < kAnswerSize ? kAnswerSize - received.size() : 0;
+        if (received.compare(0, std::min(received.size(), kMagicSize),
+                             std::string(kMagic, kMagicSize), 0,
+                             std::min(received.size(), kMagicSize)) != 0) {
+            throw klNetError("Peer does not speak this sealed handshake");
+        }
+        if (received.size() < kOpeningSize) {
+            return kOpeningSize - received.size();
+        }
+        const std::size_t nameSize = std::uint8_t(received[kOpeningSize - 1]);
+        const std::string name =
+            received.substr(kOpeningSize, std::min(nameSize, received.size() - kOpeningSize));
+        if (nameSize == 0 || (!name.empty() && !isWireName(name))) {
+            throw klNetError("Peer's handshake names no valid node");
+        }
+        const std::size_t total = kOpeningSize + nameSize + 2 * kMacSize;
+        return received.size() < total ? total - received.size() : 0;
     }
 
     void finish(const std::string& received, klSocketLink& link) override {
         const auto* answer = reinterpret_cast<const unsigned char*>(received.data());
-        std::memcpy(m_transcript.clientRandom, answer, kRandomSize);
-        m_transcript.clientFlags = answer[kRandomSize];
+        std::memcpy(m_transcript.clientRandom, answer + kMagicSize, kRandomSize);
+        m_transcript.clientFlags = answer[kMagicSize + kRandomSize];
+        const std::size_t nameSize = answer[kOpeningSize - 1];
+        m_transcript.dialedName = received.substr(kOpeningSize, nameSize);
+        const unsigned char* keyProof = answer + kOpeningSize + nameSize;
+        const unsigned char* choiceProof = keyProof + kMacSize;
+
         unsigned char expected[kMacSize];
-        m_transcript.derive(m_key, "klnet seal client", expected);
-        if (sodium_memcmp(expected, answer + kRandomSize + 1, kMacSize) != 0) {
+        m_transcript.derive(m_key, "klnet seal client key", Transcript::kCore, expected);
+        if (sodium_memcmp(expected, keyProof, kMacSize) != 0) {
             // Closed at once: the peer learns nothing but that its key was not the farm's.
             link.shutdown();
             throw klNetError("Peer does not hold the farm key");
         }
-        unsigned char proof[kMacSize];
-        m_transcript.derive(m_key, "klnet seal server", proof);
-        link.send(proof, sizeof(proof));
+        m_transcript.derive(m_key, "klnet seal client", Transcript::kFlags, expected);
+        if (sodium_memcmp(expected, choiceProof, kMacSize) != 0) {
+            refuse(link, kCipherChanged, std::string());
+            throw klNetError("Peer's handshake was changed on its way: the cipher choice differs");
+        }
+        if (!m_names.contains(m_transcript.dialedName)) {
+            refuse(link, kOtherNode, m_names.closestTo(m_transcript.dialedName));
+            throw klNetError("handshake named " + m_transcript.dialedName +
+                             ", which this service does not answer to");
+        }
+        send(link, kAccepted, std::string());
         sealWith(link, m_key, m_transcript, true);
     }
 
 private:
-    static constexpr std::size_t kAnswerSize = kRandomSize + 1 + kMacSize;
+    // The verdict, the service's name for the client, and the proof over both.
+    void send(klSocketLink& link, Verdict verdict, const std::string& name) {
+        m_transcript.verdict = verdict;
+        m_transcript.answeredName = name;
+        std::string out(1, char(verdict));
+        out += char(name.size());
+        out += name;
+        unsigned char proof[kMacSize];
+        m_transcript.derive(m_key, "klnet seal server", Transcript::kAnswer, proof);
+        out.append(reinterpret_cast<const char*>(proof), kMacSize);
+        link.send(out.data(), out.size());
+    }
+    // Tells a client that proved the key why it is refused, then closes.
+    void refuse(klSocketLink& link, Verdict verdict, const std::string& name) {
+        try {
+            send(link, verdict, name);
+        } catch (const std::exception&) {
+            // The client has gone: it would learn nothing more.
+        }
+        link.shutdown();
+    }
 
     const klNetFarmKey& m_key;
+    const klNetNodeNames& m_names;
     Transcript m_transcript;
 };
 
 }  // namespace
 
 std::unique_ptr<klNetLinkSealer::Acceptance> klNetFarmSealer::startAccept(
-    const klNetNodeNames& /*names*/) {
-    return std::make_unique<FarmAcceptance>(m_key);
+    const klNetNodeNames& names) {
+    return std::make_unique<FarmAcceptance>(m_key, names);
 }
 
-void klNetFarmSealer::connect(klSocketLink& link, double timeoutSeconds) {
-    link.setRecvTimeout(timeoutSeconds);
-    const std::uint32_t greeting = klSocketLink::kSealedGreeting;
-    link.send(&greeting, sizeof(greeting));
-    unsigned char hello[4 + sizeof(kMagic) + kRandomSize + 1];
-    try {
-        link.recv(hello, sizeof(hello));
-    } catch (const klConnectionTimeout&) {
-        throw klNetError("The service has no farm key: it answered the sealed greeting unsealed");
+void klNetFarmSealer::connect(klSocketLink& link, const std::string& dialedName,
+                              double timeoutSeconds) {
+    if (!isWireName(dialedName)) {
+        throw klNetError("Cannot seal a connection to '" + dialedName +
+                         "': not a host name or address with a port");
     }
-    if (std::memcmp(hello, &greeting, 4) != 0 || std::memcmp(hello + 4, kMagic, sizeof(kMagic))) {
-        throw klNetError("Unexpected respnse from server");
-    }
+    const std::string service = "The service at " + dialedName;
     Transcript transcript;
-    std::memcpy(transcript.serverRandom, hello + 4 + sizeof(kMagic), kRandomSize);
-    transcript.serverFlags = hello[sizeof(hello) - 1];
+    transcript.dialedName = dialedName;
     randombytes_buf(transcript.clientRandom, kRandomSize);
     transcript.clientFlags = ownFlags();
-    unsigned char answer[kRandomSize + 1 + kMacSize];
-    std::memcpy(answer, transcript.clientRandom, kRandomSize);
-    answer[kRandomSize] = transcript.clientFlags;
-    transcript.derive(m_key, "klnet seal client", answer + kRandomSize + 1);
-    link.send(answer, sizeof(answer));
 
-    unsigned char proof[kMacSize], expected[kMacSize];
-    try {
-        link.recv(proof, sizeof(proof));
-    } catch (const klConnectionClosed&) {
-        throw klNetError("The service refused the farm key: it holds another key");
+    // The opening needs nothing of the service: it goes out with the greeting, so that a service
+    // without a key, which echoes the greeting and reads the opening as a request, answers at
+    // once with an error instead of the magic.
+    link.setRecvTimeout(timeoutSeconds);
+    std::string opening(4, '\0');
+    const std::uint32_t greeting = klSocketLink::kSealedGreeting;
+    std::memcpy(opening.data(), &greeting, 4);
+    opening.append(kMagic, kMagicSize);
+    opening.append(reinterpret_cast<const char*>(transcript.clientRandom), kRandomSize);
+    opening += char(transcript.clientFlags);
+    opening += char(dialedName.size());
+    opening += dialedName;
+    link.send(opening.data(), opening.size());
+
+    unsigned char hello[kHelloSize];
+    link.recv(hello, 4);
+    if (std::memcmp(hello, &greeting, 4) != 0) {
+        throw klNetError(service + " does not speak the sealed handshake");
     }
-    transcript.derive(m_key, "klnet seal server", expected);
-    if (sodium_memcmp(expected, proof, kMacSize) != 0) {
-        throw klNetError("The service proved another farm key");
+    const std::string noKey =
+        service + " has no farm key: it answered the sealed greeting unsealed";
+    try {
+        link.recv(hello + 4, kMagicSize);
+    } catch (const klConnectionClosed&) {
+        throw klNetError(noKey);
+    } catch (const klConnectionTimeout&) {
+        throw klNetError(noKey);
+    }
+    const std::string magic(reinterpret_cast<const char*>(hello + 4), kMagicSize);
+    if (magic != std::string(kMagic, kMagicSize)) {
+        const bool otherVersion = magic.compare(0, kMagicSize - 2, kMagic, kMagicSize - 2) == 0 &&
+                                  std::isdigit(static_cast<unsigned char>(magic[6])) &&
+                                  std::isdigit(static_cast<unsigned char>(magic[7]));
+        throw klNetError(otherVersion
+                             ? service + " speaks another version of the sealed handshake (" +
+                                   magic + ", this side " + std::string(kMagic, kMagicSize) + ")"
+                             : noKey);
+    }
+    link.recv(hello + 4 + kMagicSize, kRandomSize + 1);
+    std::memcpy(transcript.serverRandom, hello + 4 + kMagicSize, kRandomSize);
+    transcript.serverFlags = hello[kHelloSize - 1];
+
+    unsigned char proofs[2 * kMacSize];
+    transcript.derive(m_key, "klnet seal client key", Transcript::kCore, proofs);
+    transcript.derive(m_key, "klnet seal client", Transcript::kFlags, proofs + kMacSize);
+    // A service that finds the key wrong closes at once, which may already meet the proofs.
+    std::uint8_t verdict[2] = {};
+    try {
+        link.send(proofs, sizeof(proofs));
+        link.recv(verdict, sizeof(verdict));
+    } catch (const klConnectionClosed&) {
+        throw klNetError(service + " refused the farm key: it holds another key");
+    }
+    std::string name(verdict[1], '\0');
+    unsigned char proof[kMacSize], expected[kMacSize];
+    link.recv(name.data(), name.size());
+    link.recv(proof, sizeof(proof));
+    transcript.verdict = verdict[0];
+    transcript.answeredName = name;
+    transcript.derive(m_key, "klnet seal server", Transcript::kAnswer, expected);
+    if (sodium_memcmp(expected, proof, kMacSize) != 0 || verdict[0] > kCipherChanged ||
+        (!name.empty() && !isWireName(name))) {
+        throw klNetError(service + " proved another farm key");
+    }
+    if (verdict[0] == kOtherNode) {
+        throw klNetError(service +
+                         (name.empty() ? " does not answer to that name"
+                                       : " answers to " + name + ", not to " + dialedName) +
+                         ": the connection went to another node");
+    }
+    if (verdict[0] == kCipherChanged) {
+        throw klNetError(service +
+                         " refused the cipher choice: the handshake was changed on its way");
     }
     link.setRecvTimeout(0.0);
     sealWith(link, m_key, transcript, false);
 }
 
 std::shared_ptr<klSocketLink> klNetFarmSealer::connect(const klSocketAddress& address,
+                                                       const std::string& dialedName,
                                                        double timeoutSeconds) {
     auto link = std::make_shared<klSocketLink>(address, timeoutSeconds);
-    connect(*link, timeoutSeconds);
+    connect(*link, dialedName, timeoutSeconds);
     return link;
 }
 

@@ -17,8 +17,8 @@
 // library only frames with them.
 //
 // Thread safety: seal() is called by the link's sending thread and open() by its receiving thread
-// at the same time; each touches only its own direction's state. exportState() reads both and is
-// called only while the link carries no traffic (a hand-off).
+// at the same time; each touches only its own direction's state. exportState() reads both (and
+// limits the sending one) and is called only while the link carries no traffic (a hand-off).
 #pragma once
 
 #include <klNetBase/klNetBaseExport.h>
@@ -45,8 +45,10 @@ public:
                       const unsigned char* extra, std::size_t extraSize, unsigned char* out) = 0;
     // What another process needs to go on with this connection: the keys and the next frame
     // number of each direction, the sending one advanced by framesReserved frames that this end
-    // still sends itself. Secret: it travels only through a hand-off pipe.
-    virtual std::string exportState(std::uint64_t framesReserved) const = 0;
+    // still sends itself. From then on this end seals at most framesReserved more frames: one
+    // more would reuse a frame number (a nonce) of the new holder's, so seal() throws klNetError
+    // instead. Secret: it travels only through a hand-off pipe, and whoever holds a copy wipes it.
+    virtual std::string exportState(std::uint64_t framesReserved) = 0;
 
     // A sealed connection handed over from another process is rebuilt from its exported state by
     // the function an implementation registers here (once, before connections arrive).

@@ -2,7 +2,8 @@
 //
 // The cluster service seals every connection when it is given a sealer: it reads a client's
 // greeting and, for the sealed greeting, lets the sealer answer it and agree on the connection's
-// keys (accept); it seals the connections it opens itself, to relay, the same way (connect). An
+// keys (accept), for a client that dialed one of the names the service answers to; it seals the
+// connections it opens itself, to relay, the same way (connect). An
 // implementation (the codecs library's klNetFarmSealer, from a farm key) decides the handshake.
 //
 // The accepting side comes in two forms: accept() blocks on one link until the handshake is
@@ -51,5 +52,9 @@ public:
     void accept(klSocketLink& link, const klNetNodeNames& names);
     // Connecting side, on a freshly connected link: sends the sealed greeting instead of the
     // plain one, and seals the link once both sides proved the key, within timeoutSeconds.
-    virtual void connect(klSocketLink& link, double timeoutSeconds) = 0;
+    // dialedName is the service the caller means, as klNetNodeNames::nameOf() makes it from the
+    // host the user gave (or the node's scheduler name) and the port, whatever address the
+    // connection went to: a service that does not answer to it refuses the handshake.
+    virtual void connect(klSocketLink& link, const std::string& dialedName,
+                         double timeoutSeconds) = 0;
 };

@@ -4,8 +4,10 @@
 #include <klNetBase/core/klConnectionTimeout.h>
 #include <klNetBase/core/klNetBufferPool.h>
 #include <klNetBase/core/klNetError.h>
+#include <klNetBase/link/detail/klNetWipe.h>
 #include <klNetBase/link/detail/klSocketOps.h>
 #include <klNetBase/link/klBoundSocketLink.h>
+#include <klNetBase/link/klSealedFrameError.h>
 #include <klNetBase/link/klSocketPipe.h>
 #include <klNetBase/serial/klNetStream.h>
 
@@ -94,6 +96,7 @@ klSocketLink::klSocketLink(const klBoundSocketLink& listener) {
 klSocketLink::klSocketLink(klSocketPipe& pipe, double timeoutSeconds) {
     initialize();
     std::string sealState;
+    const klNetDetail::WipeOnExit wiped(sealState);
     adoptConnected(pipe.recvSocket(timeoutSeconds, &sealState));
     if (!sealState.empty()) {
         try {
@@ -120,8 +123,9 @@ void klSocketLink::adoptConnected(klSocketHandle descriptor) {
 void klSocketLink::sendDescriptor(klSocketPipe& pipe, double timeoutSeconds,
                                   std::uint64_t framesReserved) {
     setBlocking(true);
-    pipe.sendSocket(getDescriptor(), timeoutSeconds,
-                    m_seal ? m_seal->exportState(framesReserved) : std::string());
+    std::string sealState = m_seal ? m_seal->exportState(framesReserved) : std::string();
+    const klNetDetail::WipeOnExit wiped(sealState);
+    pipe.sendSocket(getDescriptor(), timeoutSeconds, sealState);
 }
 
 void klSocketLink::setSeal(std::unique_ptr<klNetLinkSeal> seal) {
@@ -155,8 +159,9 @@ void klSocketLink::recvSealed(klNetBuffer& buffer) {
     if (sealedSize < klNetBuffer::kHeaderSize + overhead ||
         sealedSize > kMaxClearFrame + overhead) {
         shutdown();
-        throw klNetError(std::ostringstream() << "Received sealed frame of invalid size "
-                                              << sealedSize << ". Possibly stream is out of sync.");
+        throw klSealedFrameError(std::ostringstream()
+                                 << "Received sealed frame of invalid size " << sealedSize
+                                 << ". Possibly stream is out of sync.");
     }
     m_sealedIn.resize(sealedSize);
     recv(m_sealedIn.data(), sealedSize);
@@ -167,7 +172,7 @@ void klSocketLink::recvSealed(klNetBuffer& buffer) {
                       buffer.getBuffer()) ||
         buffer.getBufferSize() != clearSize) {
         shutdown();
-        throw klNetError(
+        throw klSealedFrameError(
             "Sealed frame failed authentication: the connection was changed on its way");
     }
 }

@@ -10,8 +10,8 @@
 // A received payload size above 131602 means the stream is out of sync and is refused.
 //
 // A sealed link (setSeal) frames each buffer as [length | sealed header and payload | tag] instead
-// (klNetLinkSeal): a frame that does not open ends the link with "Sealed frame failed
-// authentication", and nothing of it is delivered. Peers that seal greet with 101010103.
+// (klNetLinkSeal): a frame that does not open ends the link with klSealedFrameError "Sealed frame
+// failed authentication", and nothing of it is delivered. Peers that seal greet with 101010103.
 //
 // Failures: a peer that goes away is klConnectionClosed; a receive that runs into the time-out set
 // by setRecvTimeout() is klConnectionTimeout and leaves the link usable; any other receive failure
@@ -116,7 +116,7 @@ public:
     // Service side of a hand-off: makes the socket blocking and passes it to the server through
     // the pipe (klSocketPipe::sendSocket and its failures). The link keeps its descriptor. A
     // sealed link passes its seal's state along, with framesReserved frames kept for the answer
-    // this end still sends.
+    // this end still sends: one frame more throws klNetError rather than reuse a nonce.
     void sendDescriptor(klSocketPipe& pipe, double timeoutSeconds,
                         std::uint64_t framesReserved = 1);
 

@@ -3,6 +3,7 @@
 #include <klNetBase/core/klConnectionClosed.h>
 #include <klNetBase/core/klConnectionTimeout.h>
 #include <klNetBase/core/klNetError.h>
+#include <klNetBase/link/detail/klNetWipe.h>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -391,6 +392,8 @@ klSocketHandle klSocketPipe::recvSocket(double timeoutSeconds, std::string* seal
 
     std::uint64_t value = 0;
     char state[kMaxSealState];
+    // The state holds a connection's keys: no copy outlives this call but the caller's.
+    const klNetDetail::WipeOnExit wiped(state, sizeof(state));
     iovec data[2] = {{&value, sizeof(value)}, {state, sizeof(state)}};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 4)] = {};
     msghdr message{};

@@ -72,6 +72,13 @@ void klNetService::run() {
                                             : std::make_shared<klBoundSocketLink>(klSocketAddress(
                                                   m_listenAddress, std::to_string(m_port.load())));
     m_port = listener->getAddress().getPort();
+    m_nodeNames = m_extraNodeNames.withPort(m_port.load());
+    m_nodeNames.addThisHost(m_port.load(), m_listenAddress);
+    std::string names;
+    for (const std::string& name : m_nodeNames.names()) {
+        names += (names.empty() ? "" : ", ") + name;
+    }
+    klLog::debug("Sealed clients may dial this service as %s\n", names.c_str());
     // Only a service that runs clears up: one that cannot listen leaves everything as it is.
     if (const int stale = klSocketPipe::removeStaleFiles(); stale > 0) {
         klLog::info("Removed %d stale hand-off socket%s of an earlier service from %s\n", stale,

@@ -140,6 +140,12 @@ public:
     // server carries its seal's state along, so client and server go on sealed. Without one
     // (the default) the service greets and serves every client in the clear.
     void setLinkSealer(std::shared_ptr<klNetLinkSealer> sealer) { m_sealer = std::move(sealer); }
+    // A sealed client names the service it dialed, and the service serves only the names it
+    // answers to: once run() has bound its port, this host's names with that port
+    // (klNetNodeNames::addThisHost: host name, Slurm node name, interface addresses; with a
+    // listen address only that one) and these, for names a site forwards to it on purpose (a
+    // name without a port, 0, takes the port bound). Before run().
+    void setNodeNames(klNetNodeNames names) { m_extraNodeNames = std::move(names); }
     // Hosts that relay requests may connect to. Empty (the default) refuses every relay.
     void setRelayTargets(const klNetPeerFilter& targets) { m_relayTargets = targets; }
     // Most relays open at once (default 16); one beyond it is answered "Too many relays (<n>)".
@@ -290,8 +296,10 @@ private:
     double m_requestTimeout;
     klNetPeerFilter m_relayTargets;
     std::shared_ptr<klNetLinkSealer> m_sealer;
-    // The names sealed clients may have dialed to reach this service.
+    // The names sealed clients may have dialed to reach this service: set by run() once the
+    // port is bound, from this host's names and m_extraNodeNames.
     klNetNodeNames m_nodeNames;
+    klNetNodeNames m_extraNodeNames;
     int m_maxRelays = 16;
     double m_relayIdleTimeout = 300.0;
     double m_idleExit = 0.0;

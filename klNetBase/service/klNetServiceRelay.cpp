@@ -6,6 +6,7 @@
 #include <klNetBase/core/klNetBufferPool.h>
 #include <klNetBase/core/klNetError.h>
 #include <klNetBase/link/klNetLinkSealer.h>
+#include <klNetBase/link/klNetNodeNames.h>
 #include <klNetBase/link/klSocketAddress.h>
 #include <klNetBase/link/klSocketLink.h>
 #include <klNetBase/serial/klNetStream.h>
@@ -97,7 +98,8 @@ void klNetService::connectService(klNetStream& stream, Request& request) {
             target->setKeepAlive(m_keepAlive);
         }
         if (m_sealer) {
-            m_sealer->connect(*target, kRelayConnectTimeout);
+            m_sealer->connect(*target, klNetNodeNames::nameOf(host, int(port)),
+                              kRelayConnectTimeout);
         } else {
             target->signalHPCNetSocket();
         }

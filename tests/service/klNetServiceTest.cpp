@@ -7,8 +7,11 @@
 #include <klNetBase/codecs/klNetFarmKey.h>
 #include <klNetBase/codecs/klNetFarmSealer.h>
 
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+
+#include <atomic>
 
 using namespace kltest;
 
@@ -268,7 +271,8 @@ TEST(klNetServiceTest, AKeyedServiceServesSealedClientsOnlyThroughHandOffAndRela
     };
 
     EXPECT_EQ("Connection closed", outcome([&] { status(service); }));
-    EXPECT_EQ("The service refused the farm key: it holds another key",
+    EXPECT_EQ("The service at 127.0.0.1:" + std::to_string(service.port()) +
+                  " refused the farm key: it holds another key",
               outcome([&] { sealed(other).status(); }));
     EXPECT_NE(std::string::npos,
               fileText(log).find("Refused connection from 127.0.0.1: not sealed\n"));
@@ -284,6 +288,151 @@ TEST(klNetServiceTest, AKeyedServiceServesSealedClientsOnlyThroughHandOffAndRela
     klNetServiceStatus record;
     record.getValue(*relayed);
     EXPECT_EQ("10.0", record.getVersion());
+}
+
+// A plain TCP forwarder, as a machine on the path could run one: takes one connection on an
+// ephemeral loopback port and carries its bytes to and from the port target() gives until either
+// side ends; the byte at offset flipAt of what goes back to the client is inverted.
+class OneForward {
+public:
+    explicit OneForward(std::function<int()> target, long flipAt = -1)
+        : m_listener(std::make_shared<klBoundSocketLink>(klSocketAddress("127.0.0.1", 0))),
+          m_port(m_listener->getAddress().getPort()),
+          m_task([listener = m_listener, target, flipAt] {
+              klSocketLink client(*listener);
+              klSocketLink service(klSocketAddress("127.0.0.1", target()), 10.0);
+              pollfd ends[2] = {{client.getDescriptor(), POLLIN, 0},
+                                {service.getDescriptor(), POLLIN, 0}};
+              char chunk[4096];
+              for (long back = 0; ::poll(ends, 2, 20000) > 0;) {
+                  const int from = (ends[0].revents != 0) ? 0 : 1;
+                  const ssize_t n = ::recv(ends[from].fd, chunk, sizeof(chunk), 0);
+                  if (n <= 0) {
+                      break;
+                  }
+                  if (from == 1 && flipAt >= back && flipAt < back + n) {
+                      chunk[flipAt - back] ^= 0xFF;
+                  }
+                  back += from == 1 ? n : 0;
+                  if (::send(ends[1 - from].fd, chunk, std::size_t(n), MSG_NOSIGNAL) != n) {
+                      break;
+                  }
+              }
+          }) {}
+    ~OneForward() {
+        m_listener->shutdown();
+        EXPECT_TRUE(m_task.finishedWithin(kBound));
+    }
+    int port() const { return m_port; }
+
+private:
+    std::shared_ptr<klBoundSocketLink> m_listener;
+    int m_port;
+    Task m_task;
+};
+
+// A sealed answer changed on its way is named as such, not as the service's error.
+TEST(klNetServiceTest, ATamperedSealedAnswerIsNamedAsSuch) {
+    const TempDir dir("tampered");
+    const std::string key = dir.path("farm.key");
+    klNetFarmKey::generate(key);
+    std::atomic<int> servicePort{0};
+    // Past the service's handshake (hello 45 bytes, verdict 2, proof 32): its first sealed frame.
+    OneForward forward([&servicePort] { return servicePort.load(); }, 45 + 2 + 32 + 30);
+    const std::string forwardPort = std::to_string(forward.port());
+    ServiceDaemon service({"--key-file", key, "--node-name", "127.0.0.1:" + forwardPort});
+    servicePort = service.port();
+    runSteps({{"klnetctl --port {port} --key-file " + key + " status", 1, "",
+               "klnetctl: the answer from 127.0.0.1:{port} was tampered with: Sealed frame failed "
+               "authentication: the connection was changed on its way\n"}},
+             forward.port());
+}
+
+// A sealed request carried by a forwarder to another keyed service (another port of this host,
+// as it would be another node) is refused there, with the names on both sides, and runs nothing:
+// a stop-service meant for one service stops neither.
+TEST(klNetServiceTest, ASealedRequestForwardedToAnotherServiceIsRefused) {
+    const TempDir dir("forward");
+    const std::string key = dir.path("farm.key"), log = dir.path("service.log");
+    klNetFarmKey::generate(key);
+    ServiceDaemon meant({"--key-file", key});
+    ServiceDaemon reached({"--key-file", key, "--log-file", log});
+    const std::string meantName = "127.0.0.1:" + std::to_string(meant.port());
+    const std::string reachedName = "127.0.0.1:" + std::to_string(reached.port());
+    const auto sealer = std::make_shared<klNetFarmSealer>(klNetFarmKey::load(key));
+    // The client meant the first service, or dialed the forwarder's own address.
+    for (const bool named : {true, false}) {
+        OneForward forward([&reached] { return reached.port(); });
+        klServiceClient client("127.0.0.1", forward.port());
+        client.setSealer(sealer);
+        const std::string dialed =
+            named ? meantName : "127.0.0.1:" + std::to_string(forward.port());
+        if (named) {
+            client.setNodeName(meantName);
+        }
+        EXPECT_EQ("The service at " + dialed + " answers to " + reachedName + ", not to " + dialed +
+                      ": the connection went to another node",
+                  outcome([&] { client.stopService(); }));
+        EXPECT_TRUE(waitUntil([&] {
+            return fileText(log).find("Refused connection from 127.0.0.1: handshake named " +
+                                      dialed + ", which this service does not answer to\n") !=
+                   std::string::npos;
+        }));
+    }
+    for (ServiceDaemon* service : {&meant, &reached}) {
+        klServiceClient client("127.0.0.1", service->port());
+        client.setSealer(sealer);
+        EXPECT_EQ("10.0", client.status().getVersion());
+        EXPECT_EQ(ChildProcess::kStillRunning, service->exitStatus(0.0));
+    }
+}
+
+// A keyed service answers to this host's names and its --node-name aliases, with its port; a
+// keyed client against a service without a key learns so at once, not after its time-out.
+TEST(klNetServiceTest, ASealedServiceAnswersToItsOwnNamesOnly) {
+    const TempDir dir("names");
+    const std::string key = dir.path("farm.key");
+    klNetFarmKey::generate(key);
+    ServiceDaemon service(
+        {"--key-file", key, "--node-name", "gateway", "--node-name", "gateway2:7000"});
+    const std::string port = std::to_string(service.port());
+    char host[256] = {};
+    ::gethostname(host, sizeof(host) - 1);
+    const auto sealer = std::make_shared<klNetFarmSealer>(klNetFarmKey::load(key));
+    const struct {
+        std::string host, name, outcome;  // name: "" for the host as dialed
+    } cases[] = {
+        {"127.0.0.1", "", "returned"},
+        {"localhost", "", "returned"},
+        {host, "", "returned"},
+        {"127.0.0.1", "gateway:" + port, "returned"},
+        {"127.0.0.1", "GATEWAY2:7000", "returned"},
+        {"127.0.0.1", "gateway:7000",
+         "The service at gateway:7000 answers to gateway:" + port +
+             ", not to gateway:7000: the connection went to another node"},
+        {"127.0.0.1", "127.0.0.1:1",
+         "The service at 127.0.0.1:1 answers to 127.0.0.1:" + port +
+             ", not to 127.0.0.1:1: the connection went to another node"},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.host + " " + test.name);
+        klServiceClient client(test.host, service.port());
+        client.setSealer(sealer);
+        if (!test.name.empty()) {
+            client.setNodeName(test.name);
+        }
+        EXPECT_EQ(test.outcome, outcome([&] { client.status(); }));
+    }
+
+    ServiceDaemon plain;
+    klServiceClient client("127.0.0.1", plain.port());
+    client.setSealer(sealer);
+    client.setRecvTimeout(30.0);
+    const auto start = Clock::now();
+    EXPECT_EQ("The service at 127.0.0.1:" + std::to_string(plain.port()) +
+                  " has no farm key: it answered the sealed greeting unsealed",
+              outcome([&] { client.status(); }));
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));  // not its 10 s request time-out
 }
 
 // Stand-in servers that end at once or never open their pipe.

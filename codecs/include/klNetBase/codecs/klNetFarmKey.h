@@ -21,9 +21,12 @@ public:
     // never overwritten: "Key file '<path>' exists already". Other failures name the file and
     // the system's text.
     static void generate(const std::string& path);
-    // Reads the key at path. A file that group or others may read is refused, as ssh refuses a
-    // private key: "Key file '<path>' is readable by group or others (mode 0644): chmod 600 it";
-    // one of another size: "Key file '<path>' does not hold a key of 32 bytes".
+    // Reads the key at path (a symbolic link is followed), checked as ssh checks a private key,
+    // without blocking and without opening a FIFO or a device: "Key file '<path>' is not a
+    // regular file", "... is owned by uid 65534" (neither the user running the program nor
+    // root), a mode looser than 0600 by its first bit for group or others: "... is
+    // group-executable (mode 0610): chmod 600 it" ("is readable by group", "is writable by
+    // others", ...); one of another size: "... does not hold a key of 32 bytes".
     static klNetFarmKey load(const std::string& path);
     // Reads a key of exactly 32 bytes from an open descriptor (a pipe on standard input, so that
     // the key is never in a file, on a command line or in the environment) and not one byte more:

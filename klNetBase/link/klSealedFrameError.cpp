@@ -1,0 +1,3 @@
+#include <klNetBase/link/klSealedFrameError.h>
+
+klSealedFrameError::~klSealedFrameError() = default;
