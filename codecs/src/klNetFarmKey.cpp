@@ -21,7 +21,8 @@ namespace {
 
 // Refuses what ssh refuses for a private key: anything but a regular file, a file of another
 // user than the one running the program (root's are fine: root could read it anyway), and a
-// mode that lets group or others at it, named by the first such bit.
+// mode looser than 0600, named by the first bit too many (a key is data: not even its owner
+// executes it).
 void checkFile(const std::string& path, const struct stat& status) {
     if (!S_ISREG(status.st_mode)) {
         fail(path, "is not a regular file");
@@ -32,9 +33,14 @@ void checkFile(const std::string& path, const struct stat& status) {
     static const struct {
         mode_t bit;
         const char* what;
-    } kLoose[] = {{S_IRGRP, "is readable by group"},  {S_IWGRP, "is writable by group"},
-                  {S_IXGRP, "is group-executable"},   {S_IROTH, "is readable by others"},
-                  {S_IWOTH, "is writable by others"}, {S_IXOTH, "is executable by others"}};
+    } kLoose[] = {{S_ISUID | S_ISGID | S_ISVTX, "has a special bit set"},
+                  {S_IXUSR, "is executable"},
+                  {S_IRGRP, "is readable by group"},
+                  {S_IWGRP, "is writable by group"},
+                  {S_IXGRP, "is group-executable"},
+                  {S_IROTH, "is readable by others"},
+                  {S_IWOTH, "is writable by others"},
+                  {S_IXOTH, "is executable by others"}};
     for (const auto& loose : kLoose) {
         if ((status.st_mode & loose.bit) != 0) {
             char mode[8];

@@ -391,6 +391,8 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(KeyFileCase{"owner_only", "file", 0600, 0, ""},
                       KeyFileCase{"read_only", "file", 0400, 0, ""},
                       KeyFileCase{"link_to_a_good_file", "link", 0600, 0, ""},
+                      KeyFileCase{"owner_executable", "file", 0700, 0,
+                                  "is executable (mode 0700): chmod 600 it"},
                       KeyFileCase{"group_executable", "file", 0610, 0,
                                   "is group-executable (mode 0610): chmod 600 it"},
                       KeyFileCase{"group_readable", "file", 0644, 0,

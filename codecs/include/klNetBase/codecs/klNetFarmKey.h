@@ -24,9 +24,9 @@ public:
     // Reads the key at path (a symbolic link is followed), checked as ssh checks a private key,
     // without blocking and without opening a FIFO or a device: "Key file '<path>' is not a
     // regular file", "... is owned by uid 65534" (neither the user running the program nor
-    // root), a mode looser than 0600 by its first bit for group or others: "... is
-    // group-executable (mode 0610): chmod 600 it" ("is readable by group", "is writable by
-    // others", ...); one of another size: "... does not hold a key of 32 bytes".
+    // root), a mode looser than 0600 by its first bit too many: "... is group-executable (mode
+    // 0610): chmod 600 it" ("is executable", "is readable by group", "is writable by others",
+    // ...); one of another size: "... does not hold a key of 32 bytes".
     static klNetFarmKey load(const std::string& path);
     // Reads a key of exactly 32 bytes from an open descriptor (a pipe on standard input, so that
     // the key is never in a file, on a command line or in the environment) and not one byte more:
