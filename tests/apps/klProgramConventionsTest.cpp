@@ -168,17 +168,18 @@ TEST(klnetctlServersTest, ListsTheServersFromTheServiceEndpoint) {
     const std::string port = std::to_string(endpoint.port());
     const PortSocket refused;
     const std::string refusedPort = std::to_string(refused.port);
-    runSteps(
-        {{"klnetctl --metrics-port=" + port + " servers", 0,
-          "ID  BOOKING  PID   CLIENT     STARTED               STATE\n"
-          "1   b1       4242  127.0.0.1  2026-11-25T15:00:00Z  running\n"
-          "12  \"\"       77    ::1        2026-11-25T15:01:30Z  stopping\n",
-          ""},
-         {"klnetctl servers --json --metrics-port " + port, 0,
-          std::regex_replace("{\"servers\":" + list + "}\n", std::regex("[\\[\\]{}]"), "\\$&"), ""},
-         {"klnetctl --metrics-port " + refusedPort + " servers", 1, "",
-          "klnetctl: cannot get http://127\\.0\\.0\\.1:" + refusedPort +
-              "/servers: .+ \\(the service must run with --metrics for this\\)\n"}});
+    runSteps({{"klnetctl --metrics-port=" + port + " servers", 0,
+               "ID  BOOKING  PID   CLIENT     STARTED               STATE\n"
+               "1   b1       4242  127.0.0.1  2026-11-25T15:00:00Z  running\n"
+               "12  \"\"       77    ::1        2026-11-25T15:01:30Z  stopping\n",
+               ""},
+              {"klnetctl servers --json --metrics-port " + port, 0,
+               std::regex_replace("{\"servers\":" + list + ",\"draining\":false}\n",
+                                  std::regex("[\\[\\]{}]"), "\\$&"),
+               ""},
+              {"klnetctl --metrics-port " + refusedPort + " servers", 1, "",
+               "klnetctl: cannot get http://127\\.0\\.0\\.1:" + refusedPort +
+                   "/servers: .+ \\(the service must run with --metrics for this\\)\n"}});
     EXPECT_EQ("GET /servers HTTP/1.1", endpoint.requestLine());
 }
 
