@@ -9,7 +9,7 @@ packages=(
   libtbb-dev qtbase5-dev libcivetweb-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev libzmq3-dev libpng-dev systemd
   liblz4-dev libzstd-dev libsodium-dev libssl-dev
-  libcli11-dev libcurl4-openssl-dev help2man
+  libcli11-dev libcurl4-openssl-dev help2man libsystemd-dev
   clang-format
   iproute2 iperf3 dpkg-dev
   slurm-wlm slurm-client munge

@@ -74,6 +74,10 @@ std::string klServiceReloader::reload() {
             fault = e.what();
         }
     }
+    // Standard input is read once: a key from it stays, and none comes from it later.
+    if (m_options.keyFile == "-" || next.keyFile == "-") {
+        next.keyFile = m_options.keyFile;
+    }
     std::optional<klNetFarmKey> key = m_key;
     if (fault.empty() && next.keyFile != "-") {
         try {
@@ -90,22 +94,36 @@ std::string klServiceReloader::reload() {
         return fault;
     }
 
-    // Standard input is read once: a key from it stays, and none comes from it later.
-    if (m_options.keyFile == "-" || next.keyFile == "-") {
-        next.keyFile = m_options.keyFile;
-    }
     // Lines from here on at the new level.
     if (next.logLevel != m_options.logLevel) {
         // The level is a variable of the process's environment that exists already, which
         // setenv replaces in place; readers see the old value or the new one.
         klLog::setLevel(next.logLevel);
     }
+    // Applied first, logged after: once a line says a setting changed, it has.
+    const std::vector<klServiceOptions::Setting> was = m_options.settings();
+    const std::vector<klServiceOptions::Setting> is = next.settings();
+    const bool keyChanged = !sameKey(key, m_key);
+    if (keyChanged) {
+        m_service.setLinkSealer(key ? std::make_shared<klNetFarmSealer>(*key) : nullptr);
+        m_key = std::move(key);
+    }
+    // The restart-only settings stay as they were; the others are taken over.
+    next.port = m_options.port;
+    next.listen = m_options.listen;
+    next.metrics = m_options.metrics;
+    next.serviceArgument = m_options.serviceArgument;
+    next.console = m_options.console;
+    next.stopOnStdinClose = m_options.stopOnStdinClose;
+    apply(next);
+    m_options = std::move(next);
+
     std::map<std::string, klServiceOptions::Setting> before;
-    for (const auto& setting : m_options.settings()) {
+    for (const auto& setting : was) {
         before.emplace(setting.name, setting);
     }
     int changes = 0;
-    for (const auto& setting : next.settings()) {
+    for (const auto& setting : is) {
         const klServiceOptions::Setting& old = before.at(setting.name);
         if (old.key() == setting.key()) {
             continue;
@@ -120,22 +138,11 @@ std::string klServiceReloader::reload() {
                            old.value.c_str());
         }
     }
-    if (!sameKey(key, m_key)) {
+    if (keyChanged) {
         ++changes;
         klLog::info("Configuration reloaded: the farm key changed%s\n",
-                    key ? "" : " to none: clients are served in the clear");
-        m_service.setLinkSealer(key ? std::make_shared<klNetFarmSealer>(*key) : nullptr);
-        m_key = std::move(key);
+                    m_key ? "" : " to none: clients are served in the clear");
     }
-    // The restart-only settings stay as they were; the others are taken over.
-    next.port = m_options.port;
-    next.listen = m_options.listen;
-    next.metrics = m_options.metrics;
-    next.serviceArgument = m_options.serviceArgument;
-    next.console = m_options.console;
-    next.stopOnStdinClose = m_options.stopOnStdinClose;
-    apply(next);
-    m_options = std::move(next);
     if (changes == 0) {
         klLog::info("Configuration reloaded: nothing changed\n");
     }

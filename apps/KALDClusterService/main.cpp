@@ -161,8 +161,12 @@ std::string runService(int argc, char** argv, const std::vector<std::string>& ar
         klLog::info("%s %s listening on port %d of %s\n", kProgram,
                     klVersionInfo::the().getVersionString().c_str(), port,
                     options.listen.empty() ? "every address" : options.listen.c_str());
-        if (options.peerFilter.isEmpty()) {
+        if (options.peerFilter.isEmpty() && options.keyFile.empty()) {
             klLog::warning("No --allow given: requests from every peer are accepted\n");
+        } else if (options.peerFilter.isEmpty()) {
+            klLog::info(
+                "No --allow given: every peer may connect; only clients holding the "
+                "farm key are served\n");
         } else {
             klLog::info("Accepting requests from %s only\n", joined(options.allowed).c_str());
         }
@@ -214,7 +218,7 @@ std::string runService(int argc, char** argv, const std::vector<std::string>& ar
         klSignalWatcher signalWatcher(
             [&](int signal) {
                 if (signal == SIGHUP) {
-                    klLog::info("SIGHUP received: reloading the configuration\n");
+                    klLog::info("Signal %d received: reloading the configuration\n", signal);
                     klSystemdNotifier::reloading();
                     reloader.reload();
                     klSystemdNotifier::ready(service.isDraining() ? "Draining: " + statusText()
@@ -222,12 +226,12 @@ std::string runService(int argc, char** argv, const std::vector<std::string>& ar
                 } else if (signal == SIGTERM && !service.isDraining() &&
                            reloader.drainTimeout() > 0.0) {
                     klLog::info(
-                        "SIGTERM received: draining for at most %g s (SIGTERM or SIGINT "
-                        "again stops at once)\n",
-                        reloader.drainTimeout());
+                        "Signal %d received: draining for at most %g s (SIGTERM or "
+                        "SIGINT again stops at once)\n",
+                        signal, reloader.drainTimeout());
                     service.drain();
                 } else {
-                    stopNow(signal == SIGTERM ? "SIGTERM received" : "SIGINT received");
+                    stopNow(("Signal " + std::to_string(signal) + " received").c_str());
                 }
             },
             false, {SIGTERM, SIGINT, SIGHUP});
