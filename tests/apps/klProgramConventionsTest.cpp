@@ -84,7 +84,11 @@ std::vector<Program> programs() {
            bad("KALDClusterService", "--request-timeout needs a value")},
           {"--listen=localhost", 2, "",
            bad("KALDClusterService",
-               "--listen: 'localhost' is not a numeric IPv4 or IPv6 address")}}},
+               "--listen: 'localhost' is not a numeric IPv4 or IPv6 address")},
+          {"--metrics=::1:8890", 2, "",
+           bad("KALDClusterService",
+               "--metrics: '::1:8890' is not \\[ADDRESS:\\]PORT \\(a "
+               "numeric address, IPv6 in brackets\\)")}}},
         {"klNetLinkBench",
          {{"0", 2, "", bad("klNetLinkBench", "ROUNDS: '0' is not an integer from 1 to 1000")}}},
         {"klNetPipelineBench",

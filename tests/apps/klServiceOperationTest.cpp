@@ -20,18 +20,20 @@ void writeFile(const std::string& path, const std::string& text) {
 }  // namespace
 
 TEST(klServiceOperationTest, ADrainLetsTheRenderInProgressFinishRefusesStartsAndThenStops) {
-    ServiceDaemon service({"--metrics", "0", "--drain-timeout", "60", "--idle-exit", "0.5"});
+    // The endpoint on IPv6 loopback.
+    ServiceDaemon service({"--metrics", "[::1]:0", "--drain-timeout", "60", "--idle-exit", "0.5"});
     const int metricsPort = metricsPortOf(service);
+    const auto get = [&](const char* path) { return httpGet(metricsPort, path, "::1"); };
     ASSERT_NE(0, metricsPort);
-    EXPECT_EQ(200, httpStatus(httpGet(metricsPort, "/ready")));
+    EXPECT_EQ(200, httpStatus(get("/ready")));
 
     auto client = service.connect();
     startServer(*client, "frame-1");
     ::kill(service.pid(), SIGTERM);
-    EXPECT_TRUE(waitUntil([&] { return httpStatus(httpGet(metricsPort, "/ready")) == 503; }));
-    EXPECT_NE(std::string::npos, httpGet(metricsPort, "/ready").find("not ready: draining"));
-    EXPECT_EQ(200, httpStatus(httpGet(metricsPort, "/healthz")));
-    EXPECT_NE(std::string::npos, httpGet(metricsPort, "/metrics").find("\nklnet_draining 1\n"));
+    EXPECT_TRUE(waitUntil([&] { return httpStatus(get("/ready")) == 503; }));
+    EXPECT_NE(std::string::npos, get("/ready").find("not ready: draining"));
+    EXPECT_EQ(200, httpStatus(get("/healthz")));
+    EXPECT_NE(std::string::npos, get("/metrics").find("\nklnet_draining 1\n"));
     EXPECT_EQ("The service is draining: no new servers are started", startResult(service, "10.0"));
 
     // The render in progress goes on, and the service waits for it.
