@@ -153,9 +153,11 @@ std::string runService(int argc, char** argv, const std::vector<std::string>& ar
                                                : std::string();
             });
     }
+    // "Listening on port 8889, 2 servers running", for systemctl status.
     const auto statusText = [&service] {
         const int servers = service.serverCount();
-        return std::to_string(servers) + (servers == 1 ? " server running" : " servers running");
+        return "Listening on port " + std::to_string(service.getPort()) + ", " +
+               std::to_string(servers) + (servers == 1 ? " server running" : " servers running");
     };
     service.setListeningHandler([&options, &metrics, &listening, &statusText](int port) {
         klLog::info("%s %s listening on port %d of %s\n", kProgram,
@@ -188,7 +190,7 @@ std::string runService(int argc, char** argv, const std::vector<std::string>& ar
         }
         std::fflush(stdout);
         listening = true;
-        klSystemdNotifier::ready("Listening on port " + std::to_string(port) + ", " + statusText());
+        klSystemdNotifier::ready(statusText());
     });
 
     // The bound of a drain: what is left then is stopped as stop-service stops it.
