@@ -199,6 +199,7 @@ start_service() {
     # servers' hand-off sockets go to the node's own runtime directory.
     XDG_RUNTIME_DIR="$state_dir/node$i.run" ip netns exec "$ns" setsid \
         "$bin_dir/KALDClusterService" --port "$kPort" --no-console --log-file "$log" \
+        --config "" --drain-timeout 0 \
         "${service_args[@]}" </dev/null >"$out" 2>&1 &
     echo $! >"$state_dir/node$i.pid"
     until grep -q "^listening on port " "$out" 2>/dev/null; do

@@ -6,10 +6,10 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkg-config git
-  libtbb-dev qtbase5-dev libcivetweb-dev nlohmann-json3-dev
+  libtbb-dev qtbase5-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev libzmq3-dev libpng-dev systemd
   liblz4-dev libzstd-dev libsodium-dev libssl-dev
-  libcli11-dev libcurl4-openssl-dev help2man
+  libcli11-dev libcurl4-openssl-dev help2man libsystemd-dev
   devscripts lintian
   clang-format
   iproute2 iperf3 dpkg-dev

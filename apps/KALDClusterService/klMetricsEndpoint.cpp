@@ -4,8 +4,11 @@
 
 #include <klLog.h>
 
-#include <civetweb.h>
+#include <klVersionInfo.h>
+
 #include <nlohmann/json.hpp>
+
+#include "klProcessMetrics.h"
 
 #include <ctime>
 #include <sstream>
@@ -31,69 +34,61 @@ std::string isoTime(std::chrono::system_clock::time_point time) {
     return text;
 }
 
-int answer(mg_connection* connection, const char* type, const std::string& body) {
-    mg_printf(connection,
-              "HTTP/1.1 200 OK\r\nContent-Type: %s\r\nContent-Length: %zu\r\n"
-              "Cache-Control: no-store\r\nConnection: close\r\n\r\n",
-              type, body.size());
-    mg_write(connection, body.data(), body.size());
-    return 200;
-}
-
-int serveMetrics(mg_connection* connection, void* service) {
-    return answer(connection, "text/plain; version=0.0.4; charset=utf-8",
-                  klMetricsEndpoint::metricsText(*static_cast<klNetService*>(service)));
-}
-
-int serveServers(mg_connection* connection, void* service) {
-    return answer(connection, "application/json",
-                  klMetricsEndpoint::serversJson(*static_cast<klNetService*>(service)));
-}
-
-// civetweb's own messages: while starting, on the starting thread, the reason it cannot; later
-// on its threads, what went wrong with a request.
-thread_local std::string* t_startFailure = nullptr;
-
-int logMessage(const mg_connection*, const char* message) {
-    if (t_startFailure != nullptr) {
-        *t_startFailure = message;
-    } else {
-        klLog::warning("Metrics endpoint: %s\n", message);
+// One histogram's lines after its help and type, with a label of its own when it has one.
+void histogram(std::ostringstream& out, const char* name, const std::string& label,
+               const klNetService::Histogram& values) {
+    const std::string prefix = label.empty() ? "{" : "{" + label + ",";
+    for (std::size_t i = 0; i < values.kBounds.size(); ++i) {
+        out << name << "_bucket" << prefix << "le=\"" << values.kBounds[i] << "\"} "
+            << values.buckets[i] << '\n';
     }
-    return 1;
+    out << name << "_bucket" << prefix << "le=\"+Inf\"} " << values.count << '\n'
+        << name << "_sum" << (label.empty() ? "" : "{" + label + "}") << ' ' << values.sum << '\n'
+        << name << "_count" << (label.empty() ? "" : "{" + label + "}") << ' ' << values.count
+        << '\n';
+}
+
+// A label value as the text format writes it.
+std::string labelValue(const std::string& text) {
+    std::string out;
+    for (const char c : text) {
+        out += c == '\\' ? "\\\\" : c == '"' ? "\\\"" : c == '\n' ? "\\n" : std::string(1, c);
+    }
+    return out;
 }
 
 }  // namespace
 
-klMetricsEndpoint::klMetricsEndpoint(klNetService& service, const std::string& address)
-    : m_service(service) {
-    mg_init_library(0);
-    // Few threads and short time-outs: a monitoring endpoint, not a web server.
-    const char* options[] = {
-        "listening_ports", address.c_str(),     "num_threads", "2",    "request_timeout_ms",
-        "10000",           "enable_keep_alive", "no",          nullptr};
-    mg_callbacks callbacks{};
-    callbacks.log_message = &logMessage;
-    std::string failure = "unknown reason";
-    t_startFailure = &failure;
-    m_context = mg_start(&callbacks, nullptr, options);
-    t_startFailure = nullptr;
-    if (m_context == nullptr) {
-        mg_exit_library();
-        throw std::runtime_error("cannot serve metrics on " + address + ": " + failure);
-    }
-    mg_set_request_handler(m_context, "/metrics$", &serveMetrics, &m_service);
-    mg_set_request_handler(m_context, "/servers$", &serveServers, &m_service);
-    mg_server_port ports[1]{};
-    if (mg_get_server_ports(m_context, 1, ports) == 1) {
-        m_port = ports[0].port;
+klMetricsEndpoint::klMetricsEndpoint(klNetService& service, const std::string& address,
+                                     Readiness readiness) {
+    const auto text = [](int status, std::string body) {
+        return klHttpListener::Answer{status, "text/plain; charset=utf-8", std::move(body)};
+    };
+    std::map<std::string, klHttpListener::Handler> handlers{
+        {"/metrics",
+         [&service] {
+             return klHttpListener::Answer{200, "text/plain; version=0.0.4; charset=utf-8",
+                                           metricsText(service)};
+         }},
+        {"/servers",
+         [&service] {
+             return klHttpListener::Answer{200, "application/json", serversJson(service)};
+         }},
+        {"/healthz", [text] { return text(200, "ok\n"); }},
+        {"/ready",
+         [text, readiness = std::move(readiness)] {
+             const std::string why = readiness ? readiness() : std::string();
+             return why.empty() ? text(200, "ready\n") : text(503, "not ready: " + why + "\n");
+         }},
+    };
+    try {
+        m_listener = std::make_unique<klHttpListener>(address, std::move(handlers));
+    } catch (const std::exception& e) {
+        throw std::runtime_error(std::string("metrics endpoint: ") + e.what());
     }
 }
 
-klMetricsEndpoint::~klMetricsEndpoint() {
-    mg_stop(m_context);
-    mg_exit_library();
-}
+klMetricsEndpoint::~klMetricsEndpoint() = default;
 
 std::string klMetricsEndpoint::metricsText(klNetService& service) {
     const Metrics metrics = service.metrics();
@@ -108,7 +103,7 @@ std::string klMetricsEndpoint::metricsText(klNetService& service) {
     }
     family(out, "klnet_refusals_total", "counter", "Requests and connections refused, by reason.");
     for (const char* reason : {"peer", "unsealed", "key", "version", "server-limit",
-                               "relay-disabled", "relay-target", "relay-limit"}) {
+                               "relay-disabled", "relay-target", "relay-limit", "draining"}) {
         const auto found = metrics.refusals.find(reason);
         out << "klnet_refusals_total{reason=\"" << reason << "\"} "
             << (found == metrics.refusals.end() ? 0 : found->second) << '\n';
@@ -134,15 +129,43 @@ std::string klMetricsEndpoint::metricsText(klNetService& service) {
         family(out, metric.name, metric.type, metric.help);
         out << metric.name << ' ' << metric.value << '\n';
     }
-    family(out, "klnet_request_duration_seconds", "histogram",
-           "Time from a request's accept to its end.");
-    for (std::size_t i = 0; i < Metrics::kLatencyBounds.size(); ++i) {
-        out << "klnet_request_duration_seconds_bucket{le=\"" << Metrics::kLatencyBounds[i] << "\"} "
-            << metrics.latencyBuckets[i] << '\n';
+    const struct {
+        const char* name;
+        const char* help;
+        std::uint64_t value;
+    } gauges[] = {
+        {"klnet_requests_in_flight", "Requests accepted and not yet answered and closed.",
+         std::uint64_t(metrics.requestsInFlight)},
+        {"klnet_requests_waiting",
+         "Connections accepted by the system that wait for a request slot.",
+         std::uint64_t(metrics.requestsWaiting)},
+        {"klnet_draining",
+         "1 while the service drains: it starts no servers and stops once none "
+         "is left.",
+         metrics.draining ? 1u : 0u},
+    };
+    for (const auto& gauge : gauges) {
+        family(out, gauge.name, "gauge", gauge.help);
+        out << gauge.name << ' ' << gauge.value << '\n';
     }
-    out << "klnet_request_duration_seconds_bucket{le=\"+Inf\"} " << metrics.latencyCount << '\n'
-        << "klnet_request_duration_seconds_sum " << metrics.latencySum << '\n'
-        << "klnet_request_duration_seconds_count " << metrics.latencyCount << '\n';
+    family(out, "klnet_server_exits_total", "counter",
+           "Render servers ended, by how: exited (with any status) or killed by a signal.");
+    out << "klnet_server_exits_total{outcome=\"exited\"} " << metrics.serversExited << '\n'
+        << "klnet_server_exits_total{outcome=\"killed\"} " << metrics.serversKilled << '\n';
+    family(out, "klnet_request_duration_seconds", "histogram",
+           "Time from a request's accept to its end, by command.");
+    for (std::uint32_t command = 0; command < metrics.durations.size(); ++command) {
+        histogram(out, "klnet_request_duration_seconds",
+                  std::string("command=\"") + klNetService::commandName(command) + "\"",
+                  metrics.durations[command]);
+    }
+    family(out, "klnet_server_start_duration_seconds", "histogram",
+           "Time from a server's launch until it took its client's connection.");
+    histogram(out, "klnet_server_start_duration_seconds", "", metrics.startLatency);
+    family(out, "klnet_build_info", "gauge", "The service's version, as a label; always 1.");
+    out << "klnet_build_info{version=\"" << labelValue(klVersionInfo::the().getVersionString())
+        << "\"} 1\n";
+    out << klProcessMetrics::read().text();
     return out.str();
 }
 
@@ -157,7 +180,7 @@ std::string klMetricsEndpoint::serversJson(klNetService& service) {
                         {"state", server.stopping ? "stopping" : "running"}});
     }
     // Booking ids are a client's bytes: whatever is not UTF-8 is replaced, not refused.
-    return nlohmann::json{{"servers", list}}.dump(-1, ' ', false,
-                                                  nlohmann::json::error_handler_t::replace) +
+    return nlohmann::json{{"servers", list}, {"draining", service.isDraining()}}.dump(
+               -1, ' ', false, nlohmann::json::error_handler_t::replace) +
            "\n";
 }

@@ -169,6 +169,20 @@ std::optional<int> klCommandLine::parse(std::vector<std::string> args) {
     return std::nullopt;
 }
 
+std::string klCommandLine::check(std::vector<std::string> args) {
+    prepare(m_app);
+    std::reverse(args.begin(), args.end());
+    try {
+        m_app.parse(args);
+    } catch (const CLI::Success&) {
+        return {};
+    } catch (const CLI::ParseError& error) {
+        const std::string complaint = leftOver();
+        return complaint.empty() ? describe(error) : complaint;
+    }
+    return leftOver();
+}
+
 int klCommandLine::fail(const std::string& program, const std::string& what) {
     std::fprintf(stderr, "%s: %s (see --help)\n", program.c_str(), what.c_str());
     return 2;
@@ -268,6 +282,12 @@ std::string klCommandLine::describe(const CLI::ParseError& error) {
                          std::regex(R"((\S+) was given a disallowed flag override)"))) {
         const std::string name = match[1].str();
         return (name[0] == '-' ? name : (name.size() == 1 ? "-" : "--") + name) + " takes no value";
+    }
+    if (std::regex_match(text, match, std::regex(R"((.+) was not readable \(missing\?\))"))) {
+        return "--config: cannot read '" + match[1].str() + "'";
+    }
+    if (std::regex_match(text, match, std::regex(R"(INI was not able to parse (.+))"))) {
+        return "unknown setting '" + match[1].str() + "' in the configuration file";
     }
     if (text == "A subcommand is required" ||
         std::regex_match(text, std::regex(R"(Requires at least \d+ subcommands.*)"))) {

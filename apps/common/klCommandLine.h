@@ -59,6 +59,10 @@ public:
     std::optional<int> parse(int argc, const char* const* argv);
     // The same for the arguments after the program's path, in their order.
     std::optional<int> parse(std::vector<std::string> args);
+    // Parses as parse() does but writes nothing: the complaint parse() would write, without the
+    // program's name, or "" for a good command line (--help and --version count as good). For a
+    // command line read again while the program runs (a configuration reloaded).
+    std::string check(std::vector<std::string> args);
 
     // Writes "PROGRAM: what (see --help)" on standard error and returns 2, the status to exit
     // with: for what parse() cannot see (options that do not go together, a file that cannot be

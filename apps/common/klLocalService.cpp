@@ -34,8 +34,21 @@ double secondsSince(Clock::time_point start) {
 
 klLocalService::klLocalService(const std::vector<std::string>& arguments, Sealing sealing) {
     const std::string path = klPlatform::getBinDir() + "/KALDClusterService";
-    std::vector<std::string> all{
-        path, "--port", "0", "--listen", host(), "--no-console", "--stop-on-stdin-close"};
+    // A service of the program's own: the node's configuration is not its, SIGTERM (from the
+    // owner, or its death) stops it at once, and it serves this host only.
+    std::vector<std::string> all{path,
+                                 "--port",
+                                 "0",
+                                 "--listen",
+                                 host(),
+                                 "--no-console",
+                                 "--stop-on-stdin-close",
+                                 "--drain-timeout",
+                                 "0",
+                                 "--config",
+                                 "",
+                                 "--allow",
+                                 host()};
     std::optional<klNetFarmKey> key;
     if (sealing == Sealing::runKey) {
         key = klNetFarmKey::random();

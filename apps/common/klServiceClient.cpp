@@ -166,6 +166,11 @@ void klServiceClient::stopService() const {
     finish(*stream);
 }
 
+void klServiceClient::drain() const {
+    const auto stream = open(klNetService::kDrain);
+    finish(*stream);
+}
+
 std::shared_ptr<klNetStream> klServiceClient::relay(const std::string& host,
                                                     std::uint32_t port) const {
     const auto stream = open(klNetService::kConnectService);

@@ -117,6 +117,8 @@ public:
     void stopBooking(const std::string& bookingId) const;
     // The service answers, then stops listening and stops its servers.
     void stopService() const;
+    // The service answers, then starts no more servers and stops once those running have ended.
+    void drain() const;
     // A connection that the service relays to host:port (which it reaches itself).
     std::shared_ptr<klNetStream> relay(const std::string& host, std::uint32_t port) const;
 

@@ -40,7 +40,8 @@ std::atomic<int> klSignalWatcher::s_writeEnd{-1};
 std::atomic<bool> klSignalWatcher::s_exitOnSecond{false};
 std::atomic<int> klSignalWatcher::s_received{0};
 
-klSignalWatcher::klSignalWatcher(std::function<void(int)> action, bool exitOnSecond)
+klSignalWatcher::klSignalWatcher(std::function<void(int)> action, bool exitOnSecond,
+                                 std::vector<int> signals)
     : m_pipe(std::make_unique<Pipe>()), m_action(std::move(action)) {
     m_thread = std::thread([this] { watch(); });
     s_received = 0;
@@ -50,13 +51,17 @@ klSignalWatcher::klSignalWatcher(std::function<void(int)> action, bool exitOnSec
     handler.sa_handler = &klSignalWatcher::onSignal;
     sigemptyset(&handler.sa_mask);
     handler.sa_flags = SA_RESTART;
-    ::sigaction(SIGTERM, &handler, &m_previousTerm);
-    ::sigaction(SIGINT, &handler, &m_previousInt);
+    for (const int signal : signals) {
+        struct sigaction previous {};
+        ::sigaction(signal, &handler, &previous);
+        m_previous.emplace_back(signal, previous);
+    }
 }
 
 klSignalWatcher::~klSignalWatcher() {
-    ::sigaction(SIGTERM, &m_previousTerm, nullptr);
-    ::sigaction(SIGINT, &m_previousInt, nullptr);
+    for (const auto& [signal, previous] : m_previous) {
+        ::sigaction(signal, &previous, nullptr);
+    }
     s_writeEnd = -1;
     const unsigned char quit = 0;
     while (::write(m_pipe->writeEnd(), &quit, 1) < 0 && errno == EINTR) {

@@ -1,5 +1,6 @@
-// klSignalWatcher: runs a program's reaction to SIGTERM and SIGINT on a thread of its own, where it
-// may lock, allocate and talk to the network, none of which a signal handler may do.
+// klSignalWatcher: runs a program's reaction to SIGTERM and SIGINT (or the signals it is given) on
+// a thread of its own, where it may lock, allocate and talk to the network, none of which a signal
+// handler may do.
 //
 // The handler only writes the signal's number into a pipe (safe in a handler); the watcher's
 // thread reads it and calls the action. (Blocking the signals for a sigwait thread instead would
@@ -18,13 +19,16 @@
 #include <functional>
 #include <memory>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include <signal.h>
 
 class klSignalWatcher {
 public:
     // Installs the handlers; the action gets the signal's number.
-    explicit klSignalWatcher(std::function<void(int signal)> action, bool exitOnSecond = false);
+    explicit klSignalWatcher(std::function<void(int signal)> action, bool exitOnSecond = false,
+                             std::vector<int> signals = {SIGTERM, SIGINT});
     // Restores the previous handlers and joins the thread (after an action in progress).
     ~klSignalWatcher();
     klSignalWatcher(const klSignalWatcher&) = delete;
@@ -39,8 +43,7 @@ private:
     std::unique_ptr<Pipe> m_pipe;
     std::function<void(int)> m_action;
     std::thread m_thread;
-    struct sigaction m_previousTerm {};
-    struct sigaction m_previousInt {};
+    std::vector<std::pair<int, struct sigaction>> m_previous;
 
     // What the handler may touch.
     static std::atomic<int> s_writeEnd;

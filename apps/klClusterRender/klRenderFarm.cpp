@@ -153,16 +153,12 @@ void klRenderFarm::startStep(const klRenderOptions& options, const klSlurmJob& j
     const std::size_t perNode =
         (std::size_t(options.servers) + job.nodes().size() - 1) / job.nodes().size();
     const std::vector<std::string> command{klPlatform::getBinDir() + "/KALDClusterService",
-                                           "--port",
-                                           "0",
-                                           "--no-console",
-                                           "--max-servers",
-                                           std::to_string(perNode),
-                                           "--log-level",
-                                           "warning",
-                                           "--key-file",
-                                           "-",
-                                           "--stop-on-stdin-close"};
+                                           "--port", "0", "--no-console", "--max-servers",
+                                           std::to_string(perNode), "--log-level", "warning",
+                                           "--key-file", "-", "--stop-on-stdin-close",
+                                           // scancel's SIGTERM stops it at once, and the node's
+                                           // own configuration is not this service's.
+                                           "--drain-timeout", "0", "--config", ""};
     m_step = std::make_unique<klSlurmStep>(
         job.names(), std::vector<std::string>{"--job-name=KALDClusterService"}, command, key.data(),
         klNetFarmKey::kSize);

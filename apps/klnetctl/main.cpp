@@ -110,10 +110,15 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
     stopServer->add_option("ID", options.serverId, "server id")
         ->required()
         ->check(klCommandLine::integer(0, UINT32_MAX));
-    CLI::App* stopBooking =
-        app.add_subcommand("stop-booking", "stop every server started with this booking id");
+    CLI::App* stopBooking = app.add_subcommand(
+        "stop-booking",
+        "stop every server started with this booking id; prints how many it stopped (counted "
+        "from the service's status before and after)");
     stopBooking->add_option("ID", options.bookingId, "booking id")->required();
     app.add_subcommand("stop-service", "stop the service and all its servers");
+    app.add_subcommand("drain",
+                       "let the servers running finish, start no new ones, and stop the service "
+                       "once none is left");
     CLI::App* keygen = app.add_subcommand(
         "keygen",
         "write a new farm key of 32 random bytes to PATH (mode 0600; an existing file is "
@@ -235,12 +240,20 @@ struct ServerEntry {
     std::string state;
 };
 
+struct ServerList {
+    std::vector<ServerEntry> servers;
+    bool draining = false;
+};
+
 // {"servers":[{"serverId":1,"bookingId":"b1","pid":4242,"client":"127.0.0.1",
-//              "started":"2026-11-25T15:00:00Z","state":"running"}, ...]}
-std::vector<ServerEntry> parseServers(const std::string& url, const std::string& body) {
+//              "started":"2026-11-25T15:00:00Z","state":"running"}, ...],"draining":false}
+// ("draining" may be missing: a service that cannot drain).
+ServerList parseServers(const std::string& url, const std::string& body) {
     try {
         const Json answer = Json::parse(body);
-        std::vector<ServerEntry> servers;
+        ServerList list;
+        list.draining = answer.value("draining", false);
+        std::vector<ServerEntry>& servers = list.servers;
         for (const Json& entry : answer.at("servers")) {
             servers.push_back(
                 {entry.at("serverId").get<std::uint32_t>(),
@@ -248,13 +261,14 @@ std::vector<ServerEntry> parseServers(const std::string& url, const std::string&
                  entry.at("client").get<std::string>(), entry.at("started").get<std::string>(),
                  entry.at("state").get<std::string>()});
         }
-        return servers;
+        return list;
     } catch (const Json::exception& e) {
         throw EndpointError(url + " answered no server list: " + e.what());
     }
 }
 
-void printServers(const std::vector<ServerEntry>& servers, bool json) {
+void printServers(const ServerList& answer, bool json) {
+    const std::vector<ServerEntry>& servers = answer.servers;
     if (json) {
         Json list = Json::array();
         for (const ServerEntry& s : servers) {
@@ -265,8 +279,11 @@ void printServers(const std::vector<ServerEntry>& servers, bool json) {
                             {"started", s.started},
                             {"state", s.state}});
         }
-        printJson({{"servers", list}});
+        printJson({{"servers", list}, {"draining", answer.draining}});
         return;
+    }
+    if (answer.draining) {
+        std::printf("service draining: no new servers are started\n");
     }
     if (servers.empty()) {
         std::printf("no servers running\n");
@@ -326,11 +343,27 @@ void run(const klServiceClient& client, const Options& options) {
             std::printf("server %" PRIu32 " stopped\n", options.serverId);
         }
     } else if (options.command == "stop-booking") {
+        // The answer carries no count: the booking's servers in the status before, less those
+        // still in it after, are the ones this request stopped.
+        const auto count = [&] {
+            const auto ids = client.status().getBookingIds();
+            return long(std::count(ids.begin(), ids.end(), options.bookingId));
+        };
+        const long before = count();
         client.stopBooking(options.bookingId);
+        const long stopped = std::max(0L, before - count());
         if (json) {
-            printJson({{"bookingId", options.bookingId}, {"stopped", true}});
+            printJson({{"bookingId", options.bookingId}, {"stopped", stopped}});
         } else {
-            std::printf("servers of booking %s stopped\n", dumped(Json(options.bookingId)).c_str());
+            std::printf("%ld server%s of booking %s stopped\n", stopped, stopped == 1 ? "" : "s",
+                        dumped(Json(options.bookingId)).c_str());
+        }
+    } else if (options.command == "drain") {
+        client.drain();
+        if (json) {
+            printJson({{"draining", true}});
+        } else {
+            std::printf("service draining: no new servers; it stops once the last has ended\n");
         }
     } else if (options.command == "servers") {
         const std::string url = "http://" + hostInUrl(options.host) + ":" +

@@ -267,7 +267,7 @@ void klNetServerProcess::setEnvironment(
     m_environment = std::move(variables);
 }
 
-void klNetServerProcess::setEndHandler(std::function<void()> handler) {
+void klNetServerProcess::setEndHandler(std::function<void(bool killed)> handler) {
     std::lock_guard<std::mutex> guard(m_lock);
     m_endHandler = std::move(handler);
 }
@@ -320,7 +320,7 @@ void klNetServerProcess::executeProcess(bool console) {
     const unsigned id = m_id;
     const std::string booking = klNetUtils::quoted(m_bookingId);
     const std::shared_ptr<std::atomic<bool>> stopRequested = m_stopFlag;
-    std::function<void()> ended;
+    std::function<void(bool)> ended;
     {
         std::lock_guard<std::mutex> guard(m_lock);
         ended = m_endHandler;
@@ -334,7 +334,7 @@ void klNetServerProcess::executeProcess(bool console) {
                                       killed ? "was killed by signal" : "exited with status",
                                       status);
                          if (ended) {
-                             ended();
+                             ended(killed);
                          }
                      });
 

@@ -81,9 +81,10 @@ public:
     // Variables the program gets besides the fixed set above, in this order (a later one
     // replaces an earlier one of the same name, and KALD_LOCAL_SERVICE replaces them all).
     void setEnvironment(std::vector<std::pair<std::string, std::string>> variables);
-    // Called on the application thread once the program has ended, whichever way, right after
-    // its end is logged; may outlive this object. Not called for an in-process server.
-    void setEndHandler(std::function<void()> handler);
+    // Called on the application thread once the program has ended, whichever way (killed: by a
+    // signal), right after its end is logged; may outlive this object. Not called for an
+    // in-process server.
+    void setEndHandler(std::function<void(bool killed)> handler);
 
     // Starts the program (or the in-process task). Failure to start the program: when it is
     // missing or not executable, "Error starting process '<path>'. File not found or
@@ -160,7 +161,7 @@ private:
     const std::string m_version;
     std::unique_ptr<exProcess, ProcessReleaser> m_process;
     std::vector<std::pair<std::string, std::string>> m_environment;
-    std::function<void()> m_endHandler;
+    std::function<void(bool killed)> m_endHandler;
     const bool m_firstOption;
     const bool m_secondOption;
     const bool m_thirdOption;

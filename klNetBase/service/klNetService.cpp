@@ -43,30 +43,6 @@ klNetService::~klNetService() {
     m_endNotice->service = nullptr;
 }
 
-void klNetService::setIdleExit(double seconds) {
-    if (!(seconds >= 0.0) || !std::isfinite(seconds)) {
-        throw klNetError(textOf("Invalid idle time ", seconds));
-    }
-    m_idleExit = seconds;
-}
-
-void klNetService::setServerEnvironment(const std::vector<std::string>& entries) {
-    std::vector<std::pair<std::string, std::string>> variables;
-    for (const std::string& entry : entries) {
-        const std::size_t equals = entry.find('=');
-        const std::string name = entry.substr(0, equals);
-        if (!klNetUtils::isEnvironmentName(name)) {
-            throw klNetError("Invalid environment variable name " + klNetUtils::quoted(name));
-        }
-        if (equals != std::string::npos) {
-            variables.emplace_back(name, entry.substr(equals + 1));
-        } else if (const char* value = std::getenv(name.c_str())) {
-            variables.emplace_back(name, value);
-        }
-    }
-    m_serverEnvironment = std::move(variables);
-}
-
 void klNetService::run() {
     auto listener = m_listenAddress.empty() ? std::make_shared<klBoundSocketLink>(m_port.load())
                                             : std::make_shared<klBoundSocketLink>(klSocketAddress(
@@ -111,7 +87,7 @@ void klNetService::run() {
                 link->setKeepAlive(m_keepAlive);
             }
             const klSocketAddress peer = link->getPeerAddress();
-            if (!m_peerFilter.allows(peer.getSockAddr())) {
+            if (!peerFilter().allows(peer.getSockAddr())) {
                 klLog::warning("Refused connection from %s: not an allowed peer\n",
                                peer.getName().c_str());
                 countRefusal("peer");
@@ -185,32 +161,6 @@ void klNetService::shutdown() {
     }
     servers.clear();
     waitForServers();
-}
-
-void klNetService::countRefusal(const std::string& reason) {
-    std::lock_guard<std::mutex> guard(m_metricsLock);
-    ++m_metrics.refusals[reason];
-}
-
-void klNetService::countHandOff() {
-    std::lock_guard<std::mutex> guard(m_metricsLock);
-    ++m_metrics.handOffs;
-}
-
-klNetService::Metrics klNetService::metrics() {
-    const int running = serverCount();
-    int relaysOpen;
-    {
-        std::lock_guard<std::mutex> guard(m_requestLock);
-        relaysOpen = m_activeRelays;
-    }
-    std::lock_guard<std::mutex> guard(m_metricsLock);
-    Metrics metrics = m_metrics;
-    metrics.serversRunning = running;
-    metrics.serversStarted = m_lastServerId;
-    metrics.relaysOpen = relaysOpen;
-    metrics.bytesRelayed = m_bytesRelayed;
-    return metrics;
 }
 
 std::string klNetService::runInProcess() {

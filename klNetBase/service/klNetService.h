@@ -17,6 +17,9 @@
 //   5     stop server          server id (u32)                        -
 //   6     get status           -                                      klNetServiceStatus
 //   7     stop by booking id   booking id (string)                    -
+//   8     drain                -                                      -
+//
+// A drain answers success at once and puts the service in its draining state (see drain()).
 //
 // A relay answers success once both its directions run (and an error when they cannot start);
 // when one side finishes sending, the other side is told so and the other direction carries on
@@ -48,9 +51,14 @@
 // server started, with its id, booking and process id; what was stopped; why it was refused).
 // Status requests log at debug level, refusals and failures as warnings.
 //
-// Thread safety: run() blocks the calling thread. stop(), getPort(), serverCount(),
-// bookingIds(), servers() and metrics() may be called from any thread. Configure (set...)
-// before run().
+// Thread safety: run() blocks the calling thread. stop(), drain(), isDraining(), getPort(),
+// serverCount(), bookingIds(), servers() and metrics() may be called from any thread. The
+// settings an operator may change while the service runs (a reload) may be set from any thread
+// at any time, and apply to the requests accepted from then on, never to servers running:
+// setPeerFilter, setMaxServers, setMaxRequests, setRequestTimeout, setLinkSealer,
+// setRelayTargets, setMaxRelays, setRelayIdleTimeout, setIdleExit and setServerEnvironment.
+// Configure the others (setListenAddress, setKeepAlive, setConsole, setListeningHandler,
+// setDrainHandler) before run().
 #pragma once
 
 #include <klNetBase/klNetBaseExport.h>
@@ -92,7 +100,10 @@ public:
         kStopServer = 5,
         kGetStatus = 6,
         kStopServerByBookingId = 7,
+        kDrain = 8,
     };
+    // The highest command code.
+    static constexpr std::uint32_t kLastCommand = kDrain;
 
     // Longest string field a request may carry.
     static constexpr std::uint32_t kMaxStringSize = 64 * 1024;
@@ -122,14 +133,14 @@ public:
     void setConsole(bool console) { m_console = console; }
 
     // Peers allowed to connect; empty (the default) allows every peer.
-    void setPeerFilter(const klNetPeerFilter& filter) { m_peerFilter = filter; }
+    void setPeerFilter(const klNetPeerFilter& filter);
     // Most servers running at once (default 16; 0 for no limit). A start reserves its place
     // before it launches anything, so concurrent starts never exceed the limit; one beyond it is
     // answered "Too many servers running (<n>)".
-    void setMaxServers(int count) { m_maxServers = count; }
+    void setMaxServers(int count);
     // Most requests served at once (default 64). Further connections wait in the listen backlog,
     // unaccepted, until a request ends: its answer sent and its connection closed.
-    void setMaxRequests(int count) { m_maxRequests = count; }
+    void setMaxRequests(int count);
     // Time a request has from its accept to its last byte (default: the connection time-out of
     // the options, 10 s); the connection of a request that takes longer is closed. The wait for
     // a started server to take over the connection is not part of it.
@@ -139,7 +150,7 @@ public:
     // logged; relays to other services are sealed as well. A connection handed to a render
     // server carries its seal's state along, so client and server go on sealed. Without one
     // (the default) the service greets and serves every client in the clear.
-    void setLinkSealer(std::shared_ptr<klNetLinkSealer> sealer) { m_sealer = std::move(sealer); }
+    void setLinkSealer(std::shared_ptr<klNetLinkSealer> sealer);
     // A sealed client names the service it dialed, and the service serves only the names it
     // answers to: once run() has bound its port, this host's names with that port
     // (klNetNodeNames::addThisHost: host name, Slurm node name, interface addresses; with a
@@ -147,10 +158,11 @@ public:
     // name without a port, 0, takes the port bound). Before run().
     void setNodeNames(klNetNodeNames names) { m_extraNodeNames = std::move(names); }
     // Hosts that relay requests may connect to. Empty (the default) refuses every relay.
-    void setRelayTargets(const klNetPeerFilter& targets) { m_relayTargets = targets; }
+    void setRelayTargets(const klNetPeerFilter& targets);
     // Most relays open at once (default 16); one beyond it is answered "Too many relays (<n>)".
-    void setMaxRelays(int count) { m_maxRelays = count; }
-    // A relay that carries nothing either way for this long is closed (default 300 s).
+    void setMaxRelays(int count);
+    // A relay that carries nothing either way for this long is closed (default 300 s); a relay
+    // open already keeps the time it started with.
     void setRelayIdleTimeout(double seconds) { m_relayIdleTimeout = seconds; }
     // Seconds a server may go without any client before it ends by itself (0, the default: it
     // waits for the service to stop it). Passed to every server started as the environment
@@ -166,6 +178,9 @@ public:
     void setListeningHandler(std::function<void(int port)> handler) {
         m_listeningHandler = std::move(handler);
     }
+    // Called once, on the thread that asked for it, when the service starts to drain (drain()
+    // or a drain request).
+    void setDrainHandler(std::function<void()> handler) { m_drainHandler = std::move(handler); }
 
     // Accepts and serves connections until the listener is shut down (stop(), or a stop-service
     // request) or fails; then stops every server, closes every relay and waits for requests in
@@ -173,6 +188,12 @@ public:
     void run();
     // Makes run() leave its loop. Any thread; harmless before or after run().
     void stop();
+    // Lets the servers running finish and then stops, as stop() does, once none is left (at
+    // once when none runs). Meanwhile the service serves every request as before but starts no
+    // server: a start is answered "The service is draining: no new servers are started". Any
+    // thread; a second call does nothing more.
+    void drain();
+    bool isDraining() const { return m_draining.load(); }
 
     // Serves a connection that the caller accepted itself (greeting already exchanged), on a
     // request thread; failures are logged.
@@ -198,11 +219,20 @@ public:
     // What the service has done since it was constructed. Outcomes of a request: answered with
     // success, answered with an error (refusals included), or cut off by the request time-out.
     enum Outcome { kSucceeded, kFailed, kTimedOut, kOutcomes };
+    // Counts of observations of at most each bound (cumulative), their number and their sum.
+    struct Histogram {
+        static constexpr std::array<double, 10> kBounds{0.001, 0.005, 0.01, 0.05, 0.1,
+                                                        0.5,   1.0,   5.0,  10.0, 30.0};
+        std::array<std::uint64_t, kBounds.size()> buckets{};
+        std::uint64_t count = 0;
+        double sum = 0.0;
+        void add(double seconds);
+    };
     struct Metrics {
         // By command code (0: an unknown code) and outcome.
-        std::array<std::array<std::uint64_t, kOutcomes>, 8> requests{};
+        std::array<std::array<std::uint64_t, kOutcomes>, kLastCommand + 1> requests{};
         // By reason: "peer", "unsealed", "key", "version", "server-limit", "relay-disabled",
-        // "relay-target", "relay-limit".
+        // "relay-target", "relay-limit", "draining".
         std::map<std::string, std::uint64_t> refusals;
         int serversRunning = 0;
         std::uint64_t serversStarted = 0;
@@ -210,13 +240,19 @@ public:
         int relaysOpen = 0;
         std::uint64_t relaysOpened = 0;
         std::uint64_t bytesRelayed = 0;
-        // Request durations from accept to the end of the request: counts of requests that took
-        // at most each bound (cumulative), their number and their sum.
-        static constexpr std::array<double, 8> kLatencyBounds{0.001, 0.005, 0.01, 0.05,
-                                                              0.1,   0.5,   1.0,  5.0};
-        std::array<std::uint64_t, kLatencyBounds.size()> latencyBuckets{};
-        std::uint64_t latencyCount = 0;
-        double latencySum = 0.0;
+        // Request durations from accept to the end of the request, by command code.
+        std::array<Histogram, kLastCommand + 1> durations{};
+        // From a start's launch of its server until the server took the client's connection.
+        Histogram startLatency;
+        int requestsInFlight = 0;  // accepted and not yet answered and closed
+        // Connections the system has accepted that wait for the service to take them up (at
+        // the request limit), when it can tell.
+        int requestsWaiting = 0;
+        // Servers that ended by themselves or were ended: exited (with any status) or killed by
+        // a signal.
+        std::uint64_t serversExited = 0;
+        std::uint64_t serversKilled = 0;
+        bool draining = false;
     };
     Metrics metrics();
     // The name of a command code in logs and metrics ("start-server", ..., "unknown").
@@ -249,6 +285,7 @@ private:
     void stopServer(klNetStream& stream, Request& request);
     void stopServerByBookingId(klNetStream& stream, Request& request);
     void stopService(klNetStream& stream, Request& request);
+    void drainService(klNetStream& stream, Request& request);
     void connectService(klNetStream& stream, Request& request);
     void getStatus(klNetStream& stream, Request& request);
     std::shared_ptr<klNetServerProcess> getServer(unsigned id);
@@ -280,31 +317,47 @@ private:
     int runningServers() const;  // REQUIRES: m_lock held
     void countRefusal(const std::string& reason);
     void countHandOff();
+    void countServerEnd(bool killed);
+    // A request's duration, by command.
+    void countDuration(std::uint32_t command, double seconds);
+    // Stops the service when it drains and no server is left. Not under m_lock.
+    void stopIfDrained();
+    // The settings that may change while the service runs, as they are now.
+    klNetPeerFilter peerFilter() const;
+    klNetPeerFilter relayTargets() const;
+    std::shared_ptr<klNetLinkSealer> linkSealer() const;
+    std::vector<std::pair<std::string, std::string>> serverEnvironment() const;
+    // Connections waiting in the listener's accept queue; 0 when unknown.
+    int acceptQueueLength();
     // Logs the request's line and counts it.
     void endRequest(const Request& request, std::uint32_t command);
 
-    // Set before run().
+    // Set before run(), or guarded as the setters say.
     std::atomic<int> m_port;
     std::string m_listenAddress;
     klSocketKeepAlive m_keepAlive;
     bool m_keepAliveOn = false;
     const std::string m_serviceArgument;
     bool m_console = true;
+    int m_maxServers = 16;   // guarded by m_lock
+    int m_maxRequests = 64;  // guarded by m_requestLock
+    std::atomic<double> m_requestTimeout;
+    // Guarded by m_settingsLock: m_peerFilter, m_relayTargets, m_sealer, m_serverEnvironment.
+    mutable std::mutex m_settingsLock;
     klNetPeerFilter m_peerFilter;
-    int m_maxServers = 16;
-    int m_maxRequests = 64;
-    double m_requestTimeout;
     klNetPeerFilter m_relayTargets;
     std::shared_ptr<klNetLinkSealer> m_sealer;
     // The names sealed clients may have dialed to reach this service: set by run() once the
     // port is bound, from this host's names and m_extraNodeNames.
     klNetNodeNames m_nodeNames;
     klNetNodeNames m_extraNodeNames;
-    int m_maxRelays = 16;
-    double m_relayIdleTimeout = 300.0;
-    double m_idleExit = 0.0;
+    int m_maxRelays = 16;  // guarded by m_requestLock
+    std::atomic<double> m_relayIdleTimeout{300.0};
+    std::atomic<double> m_idleExit{0.0};
     std::vector<std::pair<std::string, std::string>> m_serverEnvironment;
     std::function<void(int)> m_listeningHandler;
+    std::function<void()> m_drainHandler;
+    std::atomic<bool> m_draining{false};
 
     // Guarded by m_lock.
     mutable std::mutex m_lock;

@@ -126,17 +126,19 @@ void klNetService::startServer(klNetStream& stream, Request& request) {
     auto server =
         klNetServerProcess::create(extraArgument, id, m_serviceArgument, version, display, stereo,
                                    firstOption, secondOption, thirdOption, bookingId);
-    std::vector<std::pair<std::string, std::string>> environment = m_serverEnvironment;
-    if (m_idleExit > 0.0) {
-        environment.emplace_back("KALD_IDLE_EXIT", textOf(m_idleExit));
+    std::vector<std::pair<std::string, std::string>> environment = serverEnvironment();
+    if (const double idleExit = m_idleExit; idleExit > 0.0) {
+        environment.emplace_back("KALD_IDLE_EXIT", textOf(idleExit));
     }
     server->setEnvironment(std::move(environment));
-    server->setEndHandler([notice = m_endNotice, id] {
+    server->setEndHandler([notice = m_endNotice, id](bool killed) {
         std::lock_guard<std::mutex> guard(notice->lock);
         if (notice->service != nullptr) {
+            notice->service->countServerEnd(killed);
             notice->service->serverEnded(id);
         }
     });
+    const auto launched = std::chrono::steady_clock::now();
     server->start(m_console);
     addServer(server, slot, request.peer);
 
@@ -161,6 +163,11 @@ void klNetService::startServer(klNetStream& stream, Request& request) {
                 throw klNetError("Failed to connect started server");
             }
         }
+    }
+    {
+        const std::chrono::duration<double> latency = std::chrono::steady_clock::now() - launched;
+        std::lock_guard<std::mutex> guard(m_metricsLock);
+        m_metrics.startLatency.add(latency.count());
     }
     stream.sendSuccess();
     stream << std::uint32_t(id) << std::uint64_t(klNetMem::getAvailableMemory())

@@ -73,12 +73,13 @@ void klNetService::connectService(klNetStream& stream, Request& request) {
     stream >> port;
     // Without targets of its own the service resolves nothing and connects nowhere, so that a
     // client can use it neither as a proxy nor to probe the network behind it.
-    if (m_relayTargets.isEmpty()) {
+    const klNetPeerFilter targets = relayTargets();
+    if (targets.isEmpty()) {
         countRefusal("relay-disabled");
         throw klNetError("Relaying is not enabled on this service");
     }
     const klSocketAddress address(host, int(port));
-    if (!m_relayTargets.allows(address.getSockAddr())) {
+    if (!targets.allows(address.getSockAddr())) {
         countRefusal("relay-target");
         throw klNetError("Relaying to " + address.getName() + " is not allowed");
     }
@@ -97,9 +98,9 @@ void klNetService::connectService(klNetStream& stream, Request& request) {
         if (m_keepAliveOn) {
             target->setKeepAlive(m_keepAlive);
         }
-        if (m_sealer) {
-            m_sealer->connect(*target, klNetNodeNames::nameOf(host, int(port)),
-                              kRelayConnectTimeout);
+        if (const std::shared_ptr<klNetLinkSealer> sealer = linkSealer()) {
+            sealer->connect(*target, klNetNodeNames::nameOf(host, int(port)),
+                            kRelayConnectTimeout);
         } else {
             target->signalHPCNetSocket();
         }
@@ -132,7 +133,7 @@ void klNetService::connectService(klNetStream& stream, Request& request) {
     };
     try {
         const auto idle = std::chrono::duration_cast<Relay::Clock::duration>(
-            std::chrono::duration<double>(m_relayIdleTimeout));
+            std::chrono::duration<double>(m_relayIdleTimeout.load()));
         relay->idleTimer = m_timer->schedule(Relay::Clock::now() + idle, [relay, idle] {
             const auto quietUntil = relay->lastActive() + idle;
             if (Relay::Clock::now() < quietUntil) {

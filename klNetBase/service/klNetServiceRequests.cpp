@@ -18,6 +18,7 @@
 #include <QThread>
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 
 using klNetServiceDetail::textOf;
@@ -46,7 +47,7 @@ void klNetService::handleRequest(klSocketLink* link, bool greet) {
     request->deadline =
         m_timer->schedule(klNetDeadlineTimer::Clock::now() +
                               std::chrono::duration_cast<klNetDeadlineTimer::Clock::duration>(
-                                  std::chrono::duration<double>(m_requestTimeout)),
+                                  std::chrono::duration<double>(m_requestTimeout.load())),
                           [request] {
                               request->timedOut = true;
                               request->link->shutdown();
@@ -144,7 +145,8 @@ void klNetService::serveCommand(Request& request, std::uint32_t& command) {
 bool klNetService::greetClient(Request& request) {
     std::uint32_t greeting = 0;
     request.link->recv(&greeting, sizeof(greeting));
-    if (!m_sealer) {
+    const std::shared_ptr<klNetLinkSealer> sealer = linkSealer();
+    if (!sealer) {
         request.link->send(&greeting, sizeof(greeting));
         return true;
     }
@@ -155,7 +157,7 @@ bool klNetService::greetClient(Request& request) {
         return false;
     }
     try {
-        m_sealer->accept(*request.link, m_nodeNames);
+        sealer->accept(*request.link, m_nodeNames);
     } catch (const std::exception& e) {
         if (!request.timedOut) {
             klLog::warning("Refused connection from %s: %s\n", request.peer.c_str(), e.what());
@@ -188,6 +190,9 @@ void klNetService::dispatch(klNetStream& stream, Request& request, std::uint32_t
             break;
         case kStopServerByBookingId:
             stopServerByBookingId(stream, request);
+            break;
+        case kDrain:
+            drainService(stream, request);
             break;
         default:
             throw klNetError("Unknown service command");
@@ -222,29 +227,24 @@ void klNetService::waitForRequests() {
 }
 
 void klNetService::endRequest(const Request& request, std::uint32_t command) {
-    const std::string name = command == 0 || command > kStopServerByBookingId
-                                 ? textOf("command ", command)
-                                 : commandName(command);
-    if (request.timedOut) {
-        klLog::warning("Request from %s timed out after %g s\n", request.peer.c_str(),
-                       m_requestTimeout);
-    } else {
-        klLog::write(request.level, "%s %s: %s\n", request.peer.c_str(), name.c_str(),
-                     request.outcome.c_str());
-    }
-
+    const std::string name =
+        command == 0 || command > kLastCommand ? textOf("command ", command) : commandName(command);
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - request.accepted).count();
+    const long long milliseconds = std::llround(seconds * 1000.0);
+    if (request.timedOut) {
+        klLog::warning("Request from %s timed out after %g s (%s, in %lld ms)\n",
+                       request.peer.c_str(), m_requestTimeout.load(), name.c_str(), milliseconds);
+    } else {
+        klLog::write(request.level, "%s %s: %s in %lld ms\n", request.peer.c_str(), name.c_str(),
+                     request.outcome.c_str(), milliseconds);
+    }
+    countDuration(command, seconds);
     const Outcome outcome = request.timedOut                         ? kTimedOut
                             : request.level == klLog::Level::warning ? kFailed
                                                                      : kSucceeded;
     std::lock_guard<std::mutex> guard(m_metricsLock);
-    ++m_metrics.requests[command <= kStopServerByBookingId ? command : 0][outcome];
-    for (std::size_t i = 0; i < Metrics::kLatencyBounds.size(); ++i) {
-        m_metrics.latencyBuckets[i] += seconds <= Metrics::kLatencyBounds[i] ? 1 : 0;
-    }
-    ++m_metrics.latencyCount;
-    m_metrics.latencySum += seconds;
+    ++m_metrics.requests[command <= kLastCommand ? command : 0][outcome];
 }
 
 const char* klNetService::commandName(std::uint32_t command) {
@@ -263,6 +263,8 @@ const char* klNetService::commandName(std::uint32_t command) {
             return "status";
         case kStopServerByBookingId:
             return "stop-booking";
+        case kDrain:
+            return "drain";
         default:
             return "unknown";
     }

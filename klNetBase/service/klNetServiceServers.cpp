@@ -100,6 +100,8 @@ void klNetService::endServer(const std::shared_ptr<klNetServerProcess>& server) 
                           target->kill();
                           return klNetDeadlineTimer::kDone;
                       });
+    // A stopped server no longer counts: it may have been the last one a drain waited for.
+    stopIfDrained();
 }
 
 void klNetService::serverEnded(unsigned id) {
@@ -116,6 +118,7 @@ void klNetService::serverEnded(unsigned id) {
         }
     }
     m_stoppingChanged.notify_all();
+    stopIfDrained();
     // This runs inside the program wrapper's own signal: the server, and with it the wrapper,
     // goes once that is over.
     if (server) {

@@ -100,7 +100,11 @@ std::vector<Program> programs() {
           {"--node-name=no/de", 2, "",
            bad("KALDClusterService", "--node-name: 'no/de' is not a host name or address")},
           {"--node-name=node:70000", 2, "",
-           bad("KALDClusterService", "--node-name: the port of 'node:70000' is not 1 to 65535")}}},
+           bad("KALDClusterService", "--node-name: the port of 'node:70000' is not 1 to 65535")},
+          {"--metrics=::1:8890", 2, "",
+           bad("KALDClusterService",
+               "--metrics: '::1:8890' is not \\[ADDRESS:\\]PORT \\(a "
+               "numeric address, IPv6 in brackets\\)")}}},
         {"klNetLinkBench",
          {{"0", 2, "", bad("klNetLinkBench", "ROUNDS: '0' is not an integer from 1 to 1000")}}},
         {"klNetPipelineBench",
@@ -184,17 +188,18 @@ TEST(klnetctlServersTest, ListsTheServersFromTheServiceEndpoint) {
     const std::string port = std::to_string(endpoint.port());
     const PortSocket refused;
     const std::string refusedPort = std::to_string(refused.port);
-    runSteps(
-        {{"klnetctl --metrics-port=" + port + " servers", 0,
-          "ID  BOOKING  PID   CLIENT     STARTED               STATE\n"
-          "1   b1       4242  127.0.0.1  2026-11-25T15:00:00Z  running\n"
-          "12  \"\"       77    ::1        2026-11-25T15:01:30Z  stopping\n",
-          ""},
-         {"klnetctl servers --json --metrics-port " + port, 0,
-          std::regex_replace("{\"servers\":" + list + "}\n", std::regex("[\\[\\]{}]"), "\\$&"), ""},
-         {"klnetctl --metrics-port " + refusedPort + " servers", 1, "",
-          "klnetctl: cannot get http://127\\.0\\.0\\.1:" + refusedPort +
-              "/servers: .+ \\(the service must run with --metrics for this\\)\n"}});
+    runSteps({{"klnetctl --metrics-port=" + port + " servers", 0,
+               "ID  BOOKING  PID   CLIENT     STARTED               STATE\n"
+               "1   b1       4242  127.0.0.1  2026-11-25T15:00:00Z  running\n"
+               "12  \"\"       77    ::1        2026-11-25T15:01:30Z  stopping\n",
+               ""},
+              {"klnetctl servers --json --metrics-port " + port, 0,
+               std::regex_replace("{\"servers\":" + list + ",\"draining\":false}\n",
+                                  std::regex("[\\[\\]{}]"), "\\$&"),
+               ""},
+              {"klnetctl --metrics-port " + refusedPort + " servers", 1, "",
+               "klnetctl: cannot get http://127\\.0\\.0\\.1:" + refusedPort +
+                   "/servers: .+ \\(the service must run with --metrics for this\\)\n"}});
     EXPECT_EQ("GET /servers HTTP/1.1", endpoint.requestLine());
 }
 

@@ -56,7 +56,7 @@ TEST(klNetServiceTest, StoppedServersLeaveTheTableOnlyAfterStopServerOrStart) {
     EXPECT_EQ("Unknown server:7", request(service, kStopServer, 7u));
     EXPECT_EQ(0, status(service).getNumberOfClusterServers());
     EXPECT_EQ("Unknown service command", request(service, 0));
-    EXPECT_EQ("Unknown service command", request(service, 8));
+    EXPECT_EQ("Unknown service command", request(service, klNetService::kLastCommand + 1));
 
     // Ids are never reused; a second connection reaches a running server.
     auto first = service.connect();
@@ -202,7 +202,7 @@ TEST(klNetServiceTest, VersionTextsThatAreNotPlainNamesStartNothing) {
     EXPECT_FALSE(std::filesystem::exists(planted));
     const std::string text = fileText(log);
     EXPECT_NE(std::string::npos,
-              text.find("Failed to start server: Invalid version text \"99\\nFAKE line\"\n"));
+              text.find("Failed to start server: Invalid version text \"99\\nFAKE line\" in "));
     EXPECT_EQ(std::string::npos, text.find("\nFAKE"));
 }
 
@@ -532,13 +532,17 @@ TEST(klNetServiceTest, LogsRequestsAndServerEndsForTheJournalAndServesMetricsAnd
          {"klnet_requests_total{command=\"start-server\",outcome=\"succeeded\"} 2\n",
           "klnet_requests_total{command=\"stop-server\",outcome=\"succeeded\"} 1\n",
           "klnet_servers_started_total 2\n", "klnet_handoffs_total 2\n",
-          "klnet_servers_running 0\n"}) {
+          "klnet_servers_running 0\n", "klnet_server_exits_total{outcome=\"killed\"} 1\n",
+          "klnet_server_exits_total{outcome=\"exited\"} 1\n",
+          "klnet_request_duration_seconds_count{command=\"start-server\"} 2\n",
+          "klnet_server_start_duration_seconds_count 2\n"}) {
         EXPECT_NE(std::string::npos, metrics.find(line)) << line << metrics;
     }
     const std::string text = fileText(log);
     for (const char* line :
-         {"<6>127\\.0\\.0\\.1 start-server: server 1 started \\(booking \"b1\", process \\d+\\)\n",
-          "<6>127\\.0\\.0\\.1 stop-server: server 1 stopped\n",
+         {"<6>127\\.0\\.0\\.1 start-server: server 1 started \\(booking \"b1\", process \\d+\\) "
+          "in \\d+ ms\n",
+          "<6>127\\.0\\.0\\.1 stop-server: server 1 stopped in \\d+ ms\n",
           "<6>Server 1 \\(process \\d+, booking \"b1\"\\) exited with status 0\n",
           "<4>Server 2 \\(process \\d+, booking \"b2\"\\) was killed by signal 9\n"}) {
         EXPECT_TRUE(std::regex_search(text, std::regex(line))) << line << text;

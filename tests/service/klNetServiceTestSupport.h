@@ -97,8 +97,9 @@ inline void expectRenders(klNetStream& stream) {
 }
 
 // One GET over a plain socket; the whole answer, headers and body.
-inline std::string httpGet(int port, const std::string& path) {
-    klSocketLink link(klSocketAddress("127.0.0.1", port), 10.0);
+inline std::string httpGet(int port, const std::string& path,
+                           const std::string& host = "127.0.0.1") {
+    klSocketLink link(klSocketAddress(host, port), 10.0);
     link.setRecvTimeout(10.0);
     const std::string request = "GET " + path + " HTTP/1.0\r\n\r\n";
     link.send(request.data(), request.size());

@@ -98,8 +98,8 @@ TEST_F(klnetctlTest, DrivesTheServiceThroughEveryCommand) {
          {"klnetctl --port {port} stop-server 1 --json", 1,
           "\\{\"error\":\"Unknown server:1\"\\}\n", "klnetctl: service error: Unknown server:1\n"},
          {"klnetctl --port {port} --json stop-booking b\"2", 0,
-          "\\{\"bookingId\":\"b\\\\\"2\",\"stopped\":true\\}\n"},
-         {"klnetctl --port {port} stop-booking none", 0, "servers of booking \"none\" stopped\n"},
+          "\\{\"bookingId\":\"b\\\\\"2\",\"stopped\":1\\}\n"},
+         {"klnetctl --port {port} stop-booking none", 0, "0 servers of booking \"none\" stopped\n"},
          {"klnetctl --port {port} status", 0, kStatusIdle},
          {"klnetctl --port {port} stop-service", 0, "service stopping\n"}},
         daemon.port());

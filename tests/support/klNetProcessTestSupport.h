@@ -12,6 +12,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <iterator>
 #include <optional>
 #include <regex>
@@ -328,7 +329,18 @@ public:
     }
 
 private:
+    // An ephemeral port, no console, and unless the test says otherwise: no configuration
+    // file of the machine's, and SIGTERM stops at once.
     static std::vector<std::string> withDefaults(std::vector<std::string> args) {
+        const auto given = [&args](const char* option) {
+            return std::find(args.begin(), args.end(), option) != args.end();
+        };
+        if (!given("--config")) {
+            args.insert(args.begin(), {"--config", ""});
+        }
+        if (!given("--drain-timeout")) {
+            args.insert(args.begin(), {"--drain-timeout", "0"});
+        }
         args.insert(args.begin(), {"--port", "0", "--no-console"});
         return args;
     }

@@ -86,11 +86,17 @@ struct klNetService::Relay {
 };
 
 // A start request's place under the server limit, held from before the launch until the server
-// is in the table, where it counts itself.
+// is in the table, where it counts itself. No start is let in while the service drains.
 class klNetService::StartSlot {
 public:
     explicit StartSlot(klNetService& service) : m_service(service) {
         std::lock_guard<std::mutex> guard(service.m_lock);
+        // Read under the lock that drain() sets it under: a start either counts before the drain
+        // (which then waits for it) or is refused.
+        if (service.m_draining) {
+            service.countRefusal("draining");
+            throw klNetError("The service is draining: no new servers are started");
+        }
         if (service.m_maxServers > 0 &&
             service.runningServers() + service.m_startsInProgress >= service.m_maxServers) {
             service.countRefusal("server-limit");
@@ -100,8 +106,12 @@ public:
         ++service.m_startsInProgress;
     }
     ~StartSlot() {
-        std::lock_guard<std::mutex> guard(m_service.m_lock);
-        releaseLocked();
+        {
+            std::lock_guard<std::mutex> guard(m_service.m_lock);
+            releaseLocked();
+        }
+        // A start that failed may have been the last thing a drain waited for.
+        m_service.stopIfDrained();
     }
     StartSlot(const StartSlot&) = delete;
     StartSlot& operator=(const StartSlot&) = delete;
