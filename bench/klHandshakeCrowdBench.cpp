@@ -38,9 +38,8 @@ class Crowd {
 public:
     Crowd(int port, int size, std::uint32_t greeting) {
         for (int i = 0; i < size; ++i) {
-            m_threads.emplace_back([this, port, greeting, silent = i % 2 == 0] {
-                loiter(port, silent, greeting);
-            });
+            m_threads.emplace_back(
+                [this, port, greeting, silent = i % 2 == 0] { loiter(port, silent, greeting); });
         }
     }
     ~Crowd() {
@@ -139,9 +138,8 @@ int main(int argc, char** argv) {
                     "median s", "worst s", "crowd conn.", "");
         bool met = true;
         for (const bool keyed : {true, false}) {
-            klLocalService local({},
-                                 keyed ? klLocalService::Sealing::runKey
-                                       : klLocalService::Sealing::none);
+            klLocalService local(
+                {}, keyed ? klLocalService::Sealing::runKey : klLocalService::Sealing::none);
             klServiceClient client(klLocalService::host(), local.port());
             client.setRecvTimeout(30.0);
             client.setSealer(local.sealer());

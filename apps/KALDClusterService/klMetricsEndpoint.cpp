@@ -107,8 +107,9 @@ std::string klMetricsEndpoint::metricsText(klNetService& service) {
         }
     }
     family(out, "klnet_refusals_total", "counter", "Requests and connections refused, by reason.");
-    for (const char* reason : {"peer", "unsealed", "key", "version", "server-limit",
-                               "relay-disabled", "relay-target", "relay-limit"}) {
+    for (const char* reason :
+         {"peer", "unsealed", "key", "handshake-timeout", "handshake-limit", "version",
+          "server-limit", "relay-disabled", "relay-target", "relay-limit"}) {
         const auto found = metrics.refusals.find(reason);
         out << "klnet_refusals_total{reason=\"" << reason << "\"} "
             << (found == metrics.refusals.end() ? 0 : found->second) << '\n';

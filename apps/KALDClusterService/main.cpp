@@ -57,6 +57,7 @@ struct Options {
     int maxServers = 16;
     int maxRequests = 64;
     double requestTimeout = klNetOptions::getConnectionTimeout();
+    double handshakeTimeout = 2.0;
     std::vector<std::string> relayRanges;
     int maxRelays = 16;
     double relayIdleTimeout = 300.0;
@@ -202,6 +203,11 @@ std::optional<int> parseOptions(int argc, char** argv, Options& options) {
                    "seconds a client has for its whole request (default 10)")
         ->type_name("S")
         ->check(klCommandLine::number(0, 86400, true));
+    app.add_option("--handshake-timeout", options.handshakeTimeout,
+                   "seconds a connection has for its greeting and, with a farm key, its proof of "
+                   "the key; until then it holds no request place (default 2)")
+        ->type_name("S")
+        ->check(klCommandLine::number(0, 3600, true));
     app.add_option("--relay-to", options.relayRanges,
                    "allow relay requests to this address range (repeatable; default: relaying is "
                    "off)")
@@ -310,6 +316,7 @@ std::string runService(int argc, char** argv, const Options& options) {
     service.setMaxServers(options.maxServers);
     service.setMaxRequests(options.maxRequests);
     service.setRequestTimeout(options.requestTimeout);
+    service.setHandshakeTimeout(options.handshakeTimeout);
     service.setRelayTargets(options.relayTargets);
     if (options.keyFile == "-") {
         if (::isatty(STDIN_FILENO) == 1) {

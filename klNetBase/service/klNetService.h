@@ -22,6 +22,16 @@
 // when one side finishes sending, the other side is told so and the other direction carries on
 // until it ends too; a failure on either side ends both.
 //
+// Accepting: run()'s thread accepts every connection as it comes and takes it through its
+// handshake without a thread of its own (klNetServiceAdmission): the greeting and, for a keyed
+// service, the sealer's handshake up to the peer's proof of the key; for a service without a key,
+// the greeting's echo and the first 4 bytes of the command. Only a connection that has shown that
+// much gets a request slot (setMaxRequests) and a request thread; while every slot is busy,
+// proven connections wait in the order of their accept. So connections that greet and then say
+// nothing, or never greet, cost no thread and hold no slot: they are closed once the handshake
+// time-out has passed (setHandshakeTimeout), and are capped (setMaxHandshakes), the oldest
+// closed first to make room.
+//
 // Beyond what a client sees, the service defends itself against peers that misbehave: each
 // request must arrive whole within a time-out, counted from its accept; peers may be restricted
 // to address ranges; running servers, concurrent requests and relays are capped; relays go only
@@ -46,11 +56,12 @@
 //
 // Every request ends with one log line: the peer's address, the command and its outcome (the
 // server started, with its id, booking and process id; what was stopped; why it was refused).
-// Status requests log at debug level, refusals and failures as warnings.
+// Status requests log at debug level, refusals and failures as warnings; connections closed in
+// their handshake for time or room at debug level, so that a flood does not flood the log.
 //
-// Thread safety: run() blocks the calling thread. stop(), getPort(), serverCount(),
-// bookingIds(), servers() and metrics() may be called from any thread. Configure (set...)
-// before run().
+// Thread safety: run() blocks the calling thread, which is also the one that accepts and carries
+// handshakes. stop(), handleExternalRequest(), getPort(), serverCount(), bookingIds(), servers()
+// and metrics() may be called from any thread. Configure (set...) before run().
 #pragma once
 
 #include <klNetBase/klNetBaseExport.h>
@@ -78,6 +89,7 @@ class klNetDeadlineTimer;
 class klNetLink;
 class klNetLinkSealer;
 class klNetServerProcess;
+class klNetServiceAdmission;
 class klNetStream;
 class klSocketLink;
 
@@ -127,9 +139,21 @@ public:
     // before it launches anything, so concurrent starts never exceed the limit; one beyond it is
     // answered "Too many servers running (<n>)".
     void setMaxServers(int count) { m_maxServers = count; }
-    // Most requests served at once (default 64). Further connections wait in the listen backlog,
-    // unaccepted, until a request ends: its answer sent and its connection closed.
+    // Most requests served at once (default 64). Further connections that have done their
+    // handshake wait, in the order of their accept, until a request ends: its answer sent and its
+    // connection closed.
     void setMaxRequests(int count) { m_maxRequests = count; }
+    // Time a connection has from its accept to the end of its handshake (default 2 s; the request
+    // time-out when that is shorter): the greeting and, with a sealer, the proof of the key;
+    // without one, the first 4 bytes of the command. A connection that takes longer is closed,
+    // logged at debug level and counted as refusal "handshake-timeout". Throws klNetError for a
+    // value that is not positive and finite.
+    void setHandshakeTimeout(double seconds);
+    // Most connections held in their handshake or waiting for a request slot (default 1024, and
+    // at most half the process's descriptor limit). At the limit the oldest connection still in
+    // its handshake is closed to make room (refusal "handshake-limit"); when every one held has
+    // done its handshake, further connections wait in the listen backlog.
+    void setMaxHandshakes(int count) { m_maxHandshakes = count; }
     // Time a request has from its accept to its last byte (default: the connection time-out of
     // the options, 10 s); the connection of a request that takes longer is closed. The wait for
     // a started server to take over the connection is not part of it.
@@ -169,7 +193,9 @@ public:
     void stop();
 
     // Serves a connection that the caller accepted itself (greeting already exchanged), on a
-    // request thread; failures are logged.
+    // request thread, beside the request limit; failures are logged. Takes the link. A service
+    // with a sealer serves only a link that is sealed already (the caller ran the sealer's
+    // handshake); any other is closed and logged as not sealed (refusal "unsealed").
     void handleExternalRequest(klSocketLink* link);
 
     // Servers running and not asked to stop.
@@ -195,8 +221,8 @@ public:
     struct Metrics {
         // By command code (0: an unknown code) and outcome.
         std::array<std::array<std::uint64_t, kOutcomes>, 8> requests{};
-        // By reason: "peer", "unsealed", "key", "version", "server-limit", "relay-disabled",
-        // "relay-target", "relay-limit".
+        // By reason: "peer", "unsealed", "key", "handshake-timeout", "handshake-limit",
+        // "version", "server-limit", "relay-disabled", "relay-target", "relay-limit".
         std::map<std::string, std::uint64_t> refusals;
         int serversRunning = 0;
         std::uint64_t serversStarted = 0;
@@ -227,17 +253,17 @@ private:
     struct Relay;
     class StartSlot;
 
-    void handleRequest(klSocketLink* link, bool greet);
-    void serveRequest(Request& request, bool greet);
+    // Serves a connection that has done its handshake on a request thread of its own, its request
+    // time counted from accepted; its request slot is taken already.
+    void handleRequest(std::unique_ptr<klSocketLink> link,
+                       std::chrono::steady_clock::time_point accepted);
+    void serveRequest(Request& request);
     // Reads the command code into command and serves it; a failure is answered to the client.
     void serveCommand(Request& request, std::uint32_t& command);
     void dispatch(klNetStream& stream, Request& request, std::uint32_t command);
     // Ends the request's time limit once its last byte is read, before its connection is handed
     // to a server or relayed; throws klConnectionClosed if the limit has passed already.
     void endRequestTime(Request& request);
-    // Reads the client's greeting and answers it (plainly, or through the sealer's handshake);
-    // false when the connection is refused, which has then been logged.
-    bool greetClient(Request& request);
     void startServer(klNetStream& stream, Request& request);
     void connectServer(klNetStream& stream, Request& request);
     void stopServer(klNetStream& stream, Request& request);
@@ -266,8 +292,12 @@ private:
     void leaveRelay(const std::shared_ptr<Relay>& relay);
     void relayEnded();
     void shutdown();
-    // Blocks until a request may be accepted; false once the service stops.
-    bool waitForRequestSlot();
+    // Takes a request slot if one is free.
+    bool takeRequestSlot();
+    // Accepts connections and carries them through their handshakes until stop().
+    void admitConnections(const klBoundSocketLink& listener);
+    // Logs and counts a connection whose request time ran out before it got a request slot.
+    void requestExpired(const std::string& peer, std::chrono::steady_clock::time_point accepted);
     void requestEnded();
     // Blocks until no request thread and no relay is left.
     void waitForRequests();
@@ -287,6 +317,8 @@ private:
     klNetPeerFilter m_peerFilter;
     int m_maxServers = 16;
     int m_maxRequests = 64;
+    int m_maxHandshakes = 1024;
+    double m_handshakeTimeout = 2.0;
     double m_requestTimeout;
     klNetPeerFilter m_relayTargets;
     std::shared_ptr<klNetLinkSealer> m_sealer;
@@ -337,7 +369,9 @@ private:
     std::mutex m_requestLock;
     std::condition_variable m_requestsChanged;
     bool m_accepting = true;
-    int m_activeRequests = 0;  // accepted and not yet answered and closed
+    // The handshake stage while run() accepts, to be woken when a slot frees or to be stopped.
+    klNetServiceAdmission* m_admission = nullptr;
+    int m_activeRequests = 0;  // admitted and not yet answered and closed
     int m_requestThreads = 0;  // started and not yet finished
     int m_activeRelays = 0;
     std::vector<std::weak_ptr<Relay>> m_relays;

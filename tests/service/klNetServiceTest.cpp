@@ -145,8 +145,9 @@ TEST(klNetServiceTest, ARelayRunsUntilBothSidesEndOrSaysWhyItCannotStart) {
 #ifndef __SANITIZE_ADDRESS__  // the sanitizers' allocator cannot run within an address-space limit
     const auto threads = [&] { return procEntries(service.pid(), "task"); };
     ASSERT_TRUE(waitUntil([&] { return threads() == idle + 2; }));  // the relay's two
-    // The request's own thread runs before the limit is set.
+    // The request's own thread runs before the limit is set: it starts once the command is there.
     auto stream = service.connect();
+    *stream << std::uint32_t(klNetService::kConnectService) << klNetStream::flush;
     ASSERT_TRUE(waitUntil([&] { return threads() == idle + 3; }));
     rlimit limit{};
     ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_AS, nullptr, &limit));
@@ -155,8 +156,7 @@ TEST(klNetServiceTest, ARelayRunsUntilBothSidesEndOrSaysWhyItCannotStart) {
     std::ifstream("/proc/" + std::to_string(service.pid()) + "/statm") >> pages;
     limit.rlim_cur = pages * std::size_t(::sysconf(_SC_PAGESIZE)) + 1024 * 1024;
     ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_AS, &limit, nullptr));
-    *stream << std::uint32_t(klNetService::kConnectService) << std::string("127.0.0.1")
-            << atEnd.port() << klNetStream::flush;
+    *stream << std::string("127.0.0.1") << atEnd.port() << klNetStream::flush;
     const std::string answer = resultOf(*stream);
     ASSERT_EQ(0, ::prlimit(service.pid(), RLIMIT_AS, &unlimited, nullptr));
     EXPECT_EQ("Unable to start the relay: Resource temporarily unavailable", answer);
