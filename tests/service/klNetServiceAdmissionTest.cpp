@@ -102,15 +102,18 @@ TEST_P(klNetServiceAdmissionTest, ConnectionsThatDoNotFinishTheirHandshakeAreClo
     EXPECT_EQ(8u, refusals(running.service(), "handshake-timeout"));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    BothServices, klNetServiceAdmissionTest,
-    ::testing::Values(Crowd{"keyed", true, klSocketLink::kSealedGreeting},
-                      Crowd{"plain", false, klSocketLink::kGreeting}),
-    [](const ::testing::TestParamInfo<Crowd>& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(BothServices, klNetServiceAdmissionTest,
+                         ::testing::Values(Crowd{"keyed", true, klSocketLink::kSealedGreeting},
+                                           Crowd{"plain", false, klSocketLink::kGreeting}),
+                         [](const ::testing::TestParamInfo<Crowd>& info) {
+                             return std::string(info.param.name);
+                         });
 
 // stop() reaches the accepting thread while it carries handshakes that would last a minute: run()
 // ends, every connection is closed, and no thread of the service is left once it has gone.
 TEST(klNetServiceAdmissionStopTest, StopEndsRunAtOnceWithHandshakesPendingAndLeavesNoThread) {
+    // A first thread, so that runtimes that start a helper thread with it (the sanitizers) have.
+    std::thread([] {}).join();
     const std::size_t threads = procEntries(::getpid(), "task");
     std::vector<std::unique_ptr<Loiterer>> loiterers;
     {
