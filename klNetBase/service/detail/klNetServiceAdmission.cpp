@@ -345,7 +345,10 @@ klNetServiceAdmission::Step klNetServiceAdmission::advance(Pending& pending) {
                         return Step::kWait;
                     }
                     if (got <= 0) {
-                        throw klNetError("Connection closed in the handshake");
+                        // Gone without a word on its key: nothing to refuse.
+                        klLog::debug("Connection from %s closed in its handshake\n",
+                                     pending.peer.c_str());
+                        return Step::kClosed;
                     }
                     break;
                 }
@@ -370,7 +373,8 @@ klNetServiceAdmission::Step klNetServiceAdmission::advance(Pending& pending) {
             }
         }
     } catch (const std::exception& e) {
-        // Only the handshake throws: a peer without the key, or one that broke off.
+        // Only the handshake throws: a peer without the key, bytes no answer starts with, a send
+        // that failed.
         klLog::warning("Refused connection from %s: %s\n", pending.peer.c_str(), e.what());
         m_callbacks.refused("key");
         return Step::kClosed;
