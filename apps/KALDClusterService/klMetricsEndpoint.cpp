@@ -102,8 +102,9 @@ std::string klMetricsEndpoint::metricsText(klNetService& service) {
         }
     }
     family(out, "klnet_refusals_total", "counter", "Requests and connections refused, by reason.");
-    for (const char* reason : {"peer", "unsealed", "key", "version", "server-limit",
-                               "relay-disabled", "relay-target", "relay-limit", "draining"}) {
+    for (const char* reason :
+         {"peer", "unsealed", "key", "handshake-timeout", "handshake-limit", "version",
+          "server-limit", "relay-disabled", "relay-target", "relay-limit", "draining"}) {
         const auto found = metrics.refusals.find(reason);
         out << "klnet_refusals_total{reason=\"" << reason << "\"} "
             << (found == metrics.refusals.end() ? 0 : found->second) << '\n';
@@ -137,7 +138,7 @@ std::string klMetricsEndpoint::metricsText(klNetService& service) {
         {"klnet_requests_in_flight", "Requests accepted and not yet answered and closed.",
          std::uint64_t(metrics.requestsInFlight)},
         {"klnet_requests_waiting",
-         "Connections accepted by the system that wait for a request slot.",
+         "Connections that wait for a request slot, their handshake done.",
          std::uint64_t(metrics.requestsWaiting)},
         {"klnet_draining",
          "1 while the service drains: it starts no servers and stops once none "

@@ -229,6 +229,11 @@ Result withCommandLine(klServiceOptions& options,
                    "seconds a client has for its whole request (default 10)")
         ->type_name("S")
         ->check(klCommandLine::number(0, 86400, true));
+    app.add_option("--handshake-timeout", options.handshakeTimeout,
+                   "seconds a connection has for its greeting and, with a farm key, its proof of "
+                   "the key; until then it holds no request place (default 2)")
+        ->type_name("S")
+        ->check(klCommandLine::number(0, 3600, true));
     app.add_option("--relay-to", options.relayRanges,
                    "allow relay requests to this address range (repeatable; default: relaying is "
                    "off)")
@@ -339,6 +344,7 @@ std::vector<klServiceOptions::Setting> klServiceOptions::settings() const {
         {"max-servers", std::to_string(maxServers), true},
         {"max-requests", std::to_string(maxRequests), true},
         {"request-timeout", number(requestTimeout), true},
+        {"handshake-timeout", number(handshakeTimeout), false},
         {"relay-to", joined(relayRanges), true},
         {"max-relays", std::to_string(maxRelays), true},
         {"relay-idle-timeout", number(relayIdleTimeout), true},

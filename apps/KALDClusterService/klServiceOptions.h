@@ -44,6 +44,7 @@ struct klServiceOptions {
     int maxServers = 16;
     int maxRequests = 64;
     double requestTimeout = 10.0;
+    double handshakeTimeout = 2.0;
     std::vector<std::string> relayRanges;
     int maxRelays = 16;
     double relayIdleTimeout = 300.0;

@@ -136,6 +136,7 @@ std::string runService(int argc, char** argv, const std::vector<std::string>& ar
     service.setConsole(options.console);
     service.setListenAddress(options.listen);
     service.setNodeNames(options.nodeNames);
+    service.setHandshakeTimeout(options.handshakeTimeout);
     // Clients wait on these connections (the render servers' pixels come over them): a client
     // that is gone without a word must not keep its servers busy for long.
     service.setKeepAlive(klSocketKeepAlive::deadPeerWithin15s());

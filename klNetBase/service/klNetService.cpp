@@ -11,6 +11,7 @@
 #include <klNetBase/link/klSocketLink.h>
 #include <klNetBase/link/klSocketPipe.h>
 #include <klNetBase/service/detail/klNetDeadlineTimer.h>
+#include <klNetBase/service/detail/klNetServiceAdmission.h>
 #include <klNetBase/service/detail/klNetServiceInternals.h>
 #include <klNetBase/service/klNetServerProcess.h>
 #include <klNetBase/service/klNetUtils.h>
@@ -62,46 +63,19 @@ void klNetService::run() {
     }
     {
         std::lock_guard<std::mutex> guard(m_listenerLock);
-        if (m_stopped) {
-            listener->shutdown();
-        }
         m_listener = listener;
     }
     if (m_listeningHandler) {
         m_listeningHandler(m_port.load());
     }
 
-    // Connections beyond the request limit wait in the listen backlog until a request ends.
-    while (waitForRequestSlot()) {
-        try {
-            std::unique_ptr<klSocketLink> link;
-            try {
-                link = std::make_unique<klSocketLink>(*listener);
-            } catch (const klConnectionClosed&) {
-                break;
-            } catch (const std::exception& e) {
-                klLog::error("%s", e.what());
-                break;
-            }
-            if (m_keepAliveOn) {
-                link->setKeepAlive(m_keepAlive);
-            }
-            const klSocketAddress peer = link->getPeerAddress();
-            if (!peerFilter().allows(peer.getSockAddr())) {
-                klLog::warning("Refused connection from %s: not an allowed peer\n",
-                               peer.getName().c_str());
-                countRefusal("peer");
-                continue;
-            }
-            {
-                std::lock_guard<std::mutex> guard(m_requestLock);
-                ++m_activeRequests;
-            }
-            handleRequest(link.release(), true);
-        } catch (const std::exception& e) {
-            klLog::error("%s\n", e.what());
-        }
+    try {
+        admitConnections(*listener);
+    } catch (const std::exception& e) {
+        klLog::error("%s\n", e.what());
     }
+    // The port is free from here on, while requests in progress end.
+    listener->shutdown();
     shutdown();
     waitForRequests();
     std::lock_guard<std::mutex> guard(m_listenerLock);
@@ -109,20 +83,20 @@ void klNetService::run() {
 }
 
 void klNetService::stop() {
-    std::shared_ptr<klBoundSocketLink> listener;
     {
         std::lock_guard<std::mutex> guard(m_listenerLock);
         m_stopped = true;
-        listener = m_listener;
     }
     {
+        // The accepting thread closes the listener itself once it has left its loop, so that its
+        // descriptor is never closed under a wait or an accept in progress.
         std::lock_guard<std::mutex> guard(m_requestLock);
         m_accepting = false;
+        if (m_admission != nullptr) {
+            m_admission->stop();
+        }
     }
     m_requestsChanged.notify_all();
-    if (listener) {
-        listener->shutdown();
-    }
 }
 
 void klNetService::shutdown() {

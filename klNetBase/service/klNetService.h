@@ -25,6 +25,16 @@
 // when one side finishes sending, the other side is told so and the other direction carries on
 // until it ends too; a failure on either side ends both.
 //
+// Accepting: run()'s thread accepts every connection as it comes and takes it through its
+// handshake without a thread of its own (klNetServiceAdmission): the greeting and, for a keyed
+// service, the sealer's handshake up to the peer's proof of the key; for a service without a key,
+// the greeting's echo and the first 4 bytes of the command. Only a connection that has shown that
+// much gets a request slot (setMaxRequests) and a request thread; while every slot is busy,
+// proven connections wait in the order of their accept. So connections that greet and then say
+// nothing, or never greet, cost no thread and hold no slot: they are closed once the handshake
+// time-out has passed (setHandshakeTimeout), and are capped (setMaxHandshakes), the oldest
+// closed first to make room.
+//
 // Beyond what a client sees, the service defends itself against peers that misbehave: each
 // request must arrive whole within a time-out, counted from its accept; peers may be restricted
 // to address ranges; running servers, concurrent requests and relays are capped; relays go only
@@ -49,16 +59,18 @@
 //
 // Every request ends with one log line: the peer's address, the command and its outcome (the
 // server started, with its id, booking and process id; what was stopped; why it was refused).
-// Status requests log at debug level, refusals and failures as warnings.
+// Status requests log at debug level, refusals and failures as warnings; connections closed in
+// their handshake for time or room at debug level, so that a flood does not flood the log.
 //
-// Thread safety: run() blocks the calling thread. stop(), drain(), isDraining(), getPort(),
-// serverCount(), bookingIds(), servers() and metrics() may be called from any thread. The
-// settings an operator may change while the service runs (a reload) may be set from any thread
-// at any time, and apply to the requests accepted from then on, never to servers running:
-// setPeerFilter, setMaxServers, setMaxRequests, setRequestTimeout, setLinkSealer,
-// setRelayTargets, setMaxRelays, setRelayIdleTimeout, setIdleExit and setServerEnvironment.
-// Configure the others (setListenAddress, setKeepAlive, setConsole, setListeningHandler,
-// setDrainHandler) before run().
+// Thread safety: run() blocks the calling thread, which is also the one that accepts and carries
+// handshakes. stop(), drain(), isDraining(), handleExternalRequest(), getPort(), serverCount(),
+// bookingIds(), servers() and metrics() may be called from any thread. The settings an operator
+// may change while the service runs (a reload) may be set from any thread at any time, and apply
+// to the requests accepted from then on, never to servers running: setPeerFilter,
+// setMaxServers, setMaxRequests, setRequestTimeout, setLinkSealer, setRelayTargets,
+// setMaxRelays, setRelayIdleTimeout, setIdleExit and setServerEnvironment. Configure the others
+// (setListenAddress, setKeepAlive, setConsole, setHandshakeTimeout, setMaxHandshakes,
+// setNodeNames, setListeningHandler, setDrainHandler) before run().
 #pragma once
 
 #include <klNetBase/klNetBaseExport.h>
@@ -86,6 +98,7 @@ class klNetDeadlineTimer;
 class klNetLink;
 class klNetLinkSealer;
 class klNetServerProcess;
+class klNetServiceAdmission;
 class klNetStream;
 class klSocketLink;
 
@@ -138,9 +151,21 @@ public:
     // before it launches anything, so concurrent starts never exceed the limit; one beyond it is
     // answered "Too many servers running (<n>)".
     void setMaxServers(int count);
-    // Most requests served at once (default 64). Further connections wait in the listen backlog,
-    // unaccepted, until a request ends: its answer sent and its connection closed.
+    // Most requests served at once (default 64). Further connections that have done their
+    // handshake wait, in the order of their accept, until a request ends: its answer sent and its
+    // connection closed.
     void setMaxRequests(int count);
+    // Time a connection has from its accept to the end of its handshake (default 2 s; the request
+    // time-out when that is shorter): the greeting and, with a sealer, the proof of the key;
+    // without one, the first 4 bytes of the command. A connection that takes longer is closed,
+    // logged at debug level and counted as refusal "handshake-timeout". Throws klNetError for a
+    // value that is not positive and finite.
+    void setHandshakeTimeout(double seconds);
+    // Most connections held in their handshake or waiting for a request slot (default 1024, and
+    // at most half the process's descriptor limit). At the limit the oldest connection still in
+    // its handshake is closed to make room (refusal "handshake-limit"); when every one held has
+    // done its handshake, further connections wait in the listen backlog.
+    void setMaxHandshakes(int count) { m_maxHandshakes = count; }
     // Time a request has from its accept to its last byte (default: the connection time-out of
     // the options, 10 s); the connection of a request that takes longer is closed. The wait for
     // a started server to take over the connection is not part of it.
@@ -196,7 +221,9 @@ public:
     bool isDraining() const { return m_draining.load(); }
 
     // Serves a connection that the caller accepted itself (greeting already exchanged), on a
-    // request thread; failures are logged.
+    // request thread, beside the request limit; failures are logged. Takes the link. A service
+    // with a sealer serves only a link that is sealed already (the caller ran the sealer's
+    // handshake); any other is closed and logged as not sealed (refusal "unsealed").
     void handleExternalRequest(klSocketLink* link);
 
     // Servers running and not asked to stop.
@@ -231,8 +258,8 @@ public:
     struct Metrics {
         // By command code (0: an unknown code) and outcome.
         std::array<std::array<std::uint64_t, kOutcomes>, kLastCommand + 1> requests{};
-        // By reason: "peer", "unsealed", "key", "version", "server-limit", "relay-disabled",
-        // "relay-target", "relay-limit", "draining".
+        // By reason: "peer", "unsealed", "key", "handshake-timeout", "handshake-limit",
+        // "version", "server-limit", "relay-disabled", "relay-target", "relay-limit", "draining".
         std::map<std::string, std::uint64_t> refusals;
         int serversRunning = 0;
         std::uint64_t serversStarted = 0;
@@ -245,8 +272,8 @@ public:
         // From a start's launch of its server until the server took the client's connection.
         Histogram startLatency;
         int requestsInFlight = 0;  // accepted and not yet answered and closed
-        // Connections the system has accepted that wait for the service to take them up (at
-        // the request limit), when it can tell.
+        // Connections that wait for a request slot (at the request limit): their handshake done,
+        // or still in the listen backlog once the handshake stage is full.
         int requestsWaiting = 0;
         // Servers that ended by themselves or were ended: exited (with any status) or killed by
         // a signal.
@@ -269,17 +296,17 @@ private:
     struct Relay;
     class StartSlot;
 
-    void handleRequest(klSocketLink* link, bool greet);
-    void serveRequest(Request& request, bool greet);
+    // Serves a connection that has done its handshake on a request thread of its own, its request
+    // time counted from accepted; its request slot is taken already.
+    void handleRequest(std::unique_ptr<klSocketLink> link,
+                       std::chrono::steady_clock::time_point accepted);
+    void serveRequest(Request& request);
     // Reads the command code into command and serves it; a failure is answered to the client.
     void serveCommand(Request& request, std::uint32_t& command);
     void dispatch(klNetStream& stream, Request& request, std::uint32_t command);
     // Ends the request's time limit once its last byte is read, before its connection is handed
     // to a server or relayed; throws klConnectionClosed if the limit has passed already.
     void endRequestTime(Request& request);
-    // Reads the client's greeting and answers it (plainly, or through the sealer's handshake);
-    // false when the connection is refused, which has then been logged.
-    bool greetClient(Request& request);
     void startServer(klNetStream& stream, Request& request);
     void connectServer(klNetStream& stream, Request& request);
     void stopServer(klNetStream& stream, Request& request);
@@ -309,8 +336,12 @@ private:
     void leaveRelay(const std::shared_ptr<Relay>& relay);
     void relayEnded();
     void shutdown();
-    // Blocks until a request may be accepted; false once the service stops.
-    bool waitForRequestSlot();
+    // Takes a request slot if one is free.
+    bool takeRequestSlot();
+    // Accepts connections and carries them through their handshakes until stop().
+    void admitConnections(const klBoundSocketLink& listener);
+    // Logs and counts a connection whose request time ran out before it got a request slot.
+    void requestExpired(const std::string& peer, std::chrono::steady_clock::time_point accepted);
     void requestEnded();
     // Blocks until no request thread and no relay is left.
     void waitForRequests();
@@ -345,6 +376,8 @@ private:
     // Guarded by m_settingsLock: m_peerFilter, m_relayTargets, m_sealer, m_serverEnvironment.
     mutable std::mutex m_settingsLock;
     klNetPeerFilter m_peerFilter;
+    int m_maxHandshakes = 1024;
+    double m_handshakeTimeout = 2.0;
     klNetPeerFilter m_relayTargets;
     std::shared_ptr<klNetLinkSealer> m_sealer;
     // The names sealed clients may have dialed to reach this service: set by run() once the
@@ -398,7 +431,9 @@ private:
     std::mutex m_requestLock;
     std::condition_variable m_requestsChanged;
     bool m_accepting = true;
-    int m_activeRequests = 0;  // accepted and not yet answered and closed
+    // The handshake stage while run() accepts, to be woken when a slot frees or to be stopped.
+    klNetServiceAdmission* m_admission = nullptr;
+    int m_activeRequests = 0;  // admitted and not yet answered and closed
     int m_requestThreads = 0;  // started and not yet finished
     int m_activeRelays = 0;
     std::vector<std::weak_ptr<Relay>> m_relays;

@@ -2,6 +2,7 @@
 #include <klNetBase/service/klNetService.h>
 
 #include <klNetBase/link/klBoundSocketLink.h>
+#include <klNetBase/service/detail/klNetServiceAdmission.h>
 #include <klNetBase/service/detail/klNetServiceInternals.h>
 
 #include <netinet/in.h>
@@ -58,12 +59,15 @@ int klNetService::acceptQueueLength() {
 
 klNetService::Metrics klNetService::metrics() {
     const int running = serverCount();
-    const int waiting = acceptQueueLength();
+    int waiting = acceptQueueLength();
     int relaysOpen, inFlight;
     {
         std::lock_guard<std::mutex> guard(m_requestLock);
         relaysOpen = m_activeRelays;
         inFlight = m_activeRequests;
+        if (m_admission != nullptr) {
+            waiting += int(m_admission->waiting());
+        }
     }
     std::lock_guard<std::mutex> guard(m_metricsLock);
     Metrics metrics = m_metrics;

@@ -1,15 +1,18 @@
-// klNetService: serving a request, from its accepted connection to its log line: the request's
-// thread and time limit, the request limit, the greeting, the dispatch of its command.
+// klNetService: serving a request, from its accepted connection to its log line: the handshake
+// stage that admits connections, the request limit, the request's thread and time limit, the
+// dispatch of its command.
 #include <klNetBase/service/klNetService.h>
 
 #include <klNetBase/core/klConnectionClosed.h>
 #include <klNetBase/core/klNetError.h>
+#include <klNetBase/link/klBoundSocketLink.h>
 #include <klNetBase/link/klNetLinkSealer.h>
 #include <klNetBase/link/klSocketAddress.h>
 #include <klNetBase/link/klSocketLink.h>
 #include <klNetBase/serial/klNetStream.h>
 #include <klNetBase/service/detail/klNetDeadlineTimer.h>
 #include <klNetBase/service/detail/klNetNoEventDispatcher.h>
+#include <klNetBase/service/detail/klNetServiceAdmission.h>
 #include <klNetBase/service/detail/klNetServiceInternals.h>
 
 #include <klLog.h>
@@ -24,35 +27,94 @@
 using klNetServiceDetail::textOf;
 
 void klNetService::handleExternalRequest(klSocketLink* link) {
+    std::unique_ptr<klSocketLink> owned(link);
     try {
+        // Whichever way a link comes, a keyed service serves it sealed or not at all.
+        if (linkSealer() && !owned->isSealed()) {
+            std::string peer = "an unknown peer";
+            try {
+                peer = owned->getPeerAddress().getName();
+            } catch (const std::exception&) {
+            }
+            klLog::warning("Refused connection from %s: not sealed\n", peer.c_str());
+            countRefusal("unsealed");
+            return;
+        }
         {
             std::lock_guard<std::mutex> guard(m_requestLock);
             ++m_activeRequests;
         }
-        handleRequest(link, false);
+        handleRequest(std::move(owned), std::chrono::steady_clock::now());
     } catch (const std::exception& e) {
         klLog::error("Request error %s\n", e.what());
     }
 }
 
-void klNetService::handleRequest(klSocketLink* link, bool greet) {
+void klNetService::admitConnections(const klBoundSocketLink& listener) {
+    klNetServiceAdmission::Settings settings;
+    settings.keepAliveOn = m_keepAliveOn;
+    settings.keepAlive = m_keepAlive;
+    settings.handshakeTimeout = m_handshakeTimeout;
+    settings.requestTimeout = m_requestTimeout;
+    settings.maxHandshakes = m_maxHandshakes;
+    klNetServiceAdmission::Callbacks callbacks;
+    callbacks.sealer = [this] { return linkSealer(); };
+    callbacks.allows = [this](const klSocketAddress& peer) {
+        return peerFilter().allows(peer.getSockAddr());
+    };
+    callbacks.takeSlot = [this] { return takeRequestSlot(); };
+    callbacks.admit = [this](std::unique_ptr<klSocketLink> link,
+                             klNetServiceAdmission::Clock::time_point accepted) {
+        try {
+            handleRequest(std::move(link), accepted);
+        } catch (const std::exception& e) {
+            klLog::error("Request error %s\n", e.what());
+        }
+    };
+    callbacks.refused = [this](const char* reason) { countRefusal(reason); };
+    callbacks.expired = [this](const std::string& peer,
+                               klNetServiceAdmission::Clock::time_point accepted) {
+        requestExpired(peer, accepted);
+    };
+    klNetServiceAdmission admission(listener.getDescriptor(), std::move(settings), m_nodeNames,
+                                    std::move(callbacks));
+    {
+        std::lock_guard<std::mutex> guard(m_requestLock);
+        if (!m_accepting) {
+            return;
+        }
+        m_admission = &admission;
+    }
+    // Whichever way run() ends, no thread may reach the stage once it has gone.
+    struct Detach {
+        klNetService& service;
+        ~Detach() {
+            std::lock_guard<std::mutex> guard(service.m_requestLock);
+            service.m_admission = nullptr;
+        }
+    } detach{*this};
+    admission.run();
+}
+
+void klNetService::handleRequest(std::unique_ptr<klSocketLink> link,
+                                 std::chrono::steady_clock::time_point accepted) {
     // The request owns its link from here on, whatever happens.
     auto request = std::make_shared<Request>();
-    request->link.reset(link);
+    request->link = std::move(link);
+    request->accepted = accepted;
     try {
-        request->peer = link->getPeerAddress().getName();
+        request->peer = request->link->getPeerAddress().getName();
     } catch (const std::exception&) {
         request->peer = "an unknown peer";
     }
-    request->deadline =
-        m_timer->schedule(klNetDeadlineTimer::Clock::now() +
-                              std::chrono::duration_cast<klNetDeadlineTimer::Clock::duration>(
-                                  std::chrono::duration<double>(m_requestTimeout.load())),
-                          [request] {
-                              request->timedOut = true;
-                              request->link->shutdown();
-                              return klNetDeadlineTimer::kDone;
-                          });
+    request->deadline = m_timer->schedule(
+        accepted + std::chrono::duration_cast<klNetDeadlineTimer::Clock::duration>(
+                       std::chrono::duration<double>(m_requestTimeout.load())),
+        [request] {
+            request->timedOut = true;
+            request->link->shutdown();
+            return klNetDeadlineTimer::kDone;
+        });
     {
         std::lock_guard<std::mutex> guard(m_requestLock);
         ++m_requestThreads;
@@ -64,7 +126,7 @@ void klNetService::handleRequest(klSocketLink* link, bool greet) {
         }
         m_requestsChanged.notify_all();
     };
-    QThread* thread = QThread::create([this, request, greet] { serveRequest(*request, greet); });
+    QThread* thread = QThread::create([this, request] { serveRequest(*request); });
     if (thread == nullptr) {
         m_timer->cancel(request->deadline);
         requestEnded();
@@ -85,26 +147,20 @@ void klNetService::handleRequest(klSocketLink* link, bool greet) {
     thread->start(QThread::InheritPriority);
 }
 
-void klNetService::serveRequest(Request& request, bool greet) {
+void klNetService::serveRequest(Request& request) {
     std::uint32_t command = 0;
-    bool refused = false;
     try {
         // The deadline bounds the request as a whole; the receive time-out is a second line for
         // each read.
         request.link->setRecvTimeout(m_requestTimeout);
-        refused = greet && !greetClient(request);
-        if (!refused) {
-            serveCommand(request, command);
-        }
+        serveCommand(request, command);
     } catch (const std::exception& e) {
-        // Before a command: a port scan, a probe of another protocol, a client gone.
+        // Before a command: a client gone.
         request.outcome = e.what();
         request.level = klLog::Level::debug;
     }
     m_timer->cancel(request.deadline);
-    if (!refused) {  // a refusal has its own line
-        endRequest(request, command);
-    }
+    endRequest(request, command);
     // Closes the connection, unless a server or a relay holds it now.
     request.link.reset();
     // Only a stop-server request clears the table at once; after the others stopped servers stay
@@ -140,32 +196,6 @@ void klNetService::serveCommand(Request& request, std::uint32_t& command) {
     } catch (const std::exception&) {
         // The client has gone; nothing is left to tell it.
     }
-}
-
-bool klNetService::greetClient(Request& request) {
-    std::uint32_t greeting = 0;
-    request.link->recv(&greeting, sizeof(greeting));
-    const std::shared_ptr<klNetLinkSealer> sealer = linkSealer();
-    if (!sealer) {
-        request.link->send(&greeting, sizeof(greeting));
-        return true;
-    }
-    // A keyed service talks to sealed clients only, and says nothing to the others.
-    if (greeting != klSocketLink::kSealedGreeting) {
-        klLog::warning("Refused connection from %s: not sealed\n", request.peer.c_str());
-        countRefusal("unsealed");
-        return false;
-    }
-    try {
-        sealer->accept(*request.link, m_nodeNames);
-    } catch (const std::exception& e) {
-        if (!request.timedOut) {
-            klLog::warning("Refused connection from %s: %s\n", request.peer.c_str(), e.what());
-            countRefusal("key");
-        }
-        return false;
-    }
-    return true;
 }
 
 void klNetService::dispatch(klNetStream& stream, Request& request, std::uint32_t command) {
@@ -206,19 +236,34 @@ void klNetService::endRequestTime(Request& request) {
     }
 }
 
-bool klNetService::waitForRequestSlot() {
-    std::unique_lock<std::mutex> guard(m_requestLock);
-    m_requestsChanged.wait(guard,
-                           [this] { return !m_accepting || m_activeRequests < m_maxRequests; });
-    return m_accepting;
+bool klNetService::takeRequestSlot() {
+    std::lock_guard<std::mutex> guard(m_requestLock);
+    if (!m_accepting || m_activeRequests >= m_maxRequests) {
+        return false;
+    }
+    ++m_activeRequests;
+    return true;
 }
 
 void klNetService::requestEnded() {
     {
         std::lock_guard<std::mutex> guard(m_requestLock);
         --m_activeRequests;
+        // A connection that has done its handshake may be waiting for this slot.
+        if (m_admission != nullptr) {
+            m_admission->wake();
+        }
     }
     m_requestsChanged.notify_all();
+}
+
+void klNetService::requestExpired(const std::string& peer,
+                                  std::chrono::steady_clock::time_point accepted) {
+    Request request;
+    request.peer = peer;
+    request.accepted = accepted;
+    request.timedOut = true;
+    endRequest(request, 0);
 }
 
 void klNetService::waitForRequests() {

@@ -3,6 +3,7 @@
 #include <klNetBase/service/klNetService.h>
 
 #include <klNetBase/core/klNetError.h>
+#include <klNetBase/service/detail/klNetServiceAdmission.h>
 #include <klNetBase/service/detail/klNetServiceInternals.h>
 #include <klNetBase/service/klNetUtils.h>
 
@@ -25,8 +26,11 @@ void klNetService::setMaxRequests(int count) {
     {
         std::lock_guard<std::mutex> guard(m_requestLock);
         m_maxRequests = count;
+        // A higher limit lets proven connections waiting for a slot in at once.
+        if (m_admission != nullptr) {
+            m_admission->wake();
+        }
     }
-    // A higher limit lets connections waiting in the backlog in at once.
     m_requestsChanged.notify_all();
 }
 
@@ -88,4 +92,11 @@ std::shared_ptr<klNetLinkSealer> klNetService::linkSealer() const {
 std::vector<std::pair<std::string, std::string>> klNetService::serverEnvironment() const {
     std::lock_guard<std::mutex> guard(m_settingsLock);
     return m_serverEnvironment;
+}
+
+void klNetService::setHandshakeTimeout(double seconds) {
+    if (!(seconds > 0.0) || !std::isfinite(seconds)) {
+        throw klNetError(textOf("Invalid handshake time-out ", seconds));
+    }
+    m_handshakeTimeout = seconds;
 }
