@@ -283,12 +283,6 @@ std::string klCommandLine::describe(const CLI::ParseError& error) {
         const std::string name = match[1].str();
         return (name[0] == '-' ? name : (name.size() == 1 ? "-" : "--") + name) + " takes no value";
     }
-    if (std::regex_match(text, match, std::regex(R"((.+) was not readable \(missing\?\))"))) {
-        return "--config: cannot read '" + match[1].str() + "'";
-    }
-    if (std::regex_match(text, match, std::regex(R"(INI was not able to parse (.+))"))) {
-        return "unknown setting '" + match[1].str() + "' in the configuration file";
-    }
     if (text == "A subcommand is required" ||
         std::regex_match(text, std::regex(R"(Requires at least \d+ subcommands.*)"))) {
         return "no command given";

@@ -101,7 +101,7 @@ TEST(klServiceOperationTest, CheckConfigNamesWhatIsWrong) {
          "--max-servers: 'many' is not an integer from 0 to 1000000"},
         // The command line wins over the file, even over a bad value in it.
         {"max-servers = many\n", "--max-servers 3", 0, ""},
-        {"bogus = 1\n", "", 2, "unknown setting 'bogus' in the configuration file"},
+        {"bogus = 1\n", "", 2, "the configuration file has an unknown option 'bogus'"},
         {"metrics = \"localhost:8890\"\n", "", 2,
          "--metrics: 'localhost:8890' is not \\[ADDRESS:\\]PORT \\(a numeric address, IPv6 in "
          "brackets\\)"},

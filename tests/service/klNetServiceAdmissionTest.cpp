@@ -181,7 +181,7 @@ TEST(klNetServiceAdmissionExternalTest, AKeyedServiceSealsOrRefusesEveryLinkGive
         auto near = std::make_shared<klSocketLink>(klSocketAddress("127.0.0.1", port), 10.0);
         near->setRecvTimeout(30.0);
         if (each.sealed) {
-            farmSealer->connect(*near, 30.0);
+            farmSealer->connect(*near, klNetNodeNames::nameOf("127.0.0.1", port), 30.0);
         } else {
             near->signalHPCNetSocket();
         }
