@@ -85,20 +85,6 @@ std::string number(double value) {
     return text.str();
 }
 
-const char* levelName(klLog::Level level) {
-    switch (level) {
-        case klLog::Level::error:
-            return "error";
-        case klLog::Level::warning:
-            return "warning";
-        case klLog::Level::info:
-            return "info";
-        case klLog::Level::debug:
-            return "debug";
-    }
-    return "info";
-}
-
 // Builds the command line of the daemon into cli, bound to options; run(cli) parses it. What run
 // returns is passed on.
 template <class Result>
@@ -338,7 +324,7 @@ std::vector<klServiceOptions::Setting> klServiceOptions::settings() const {
         {"stop-on-stdin-close", stopOnStdinClose ? "true" : "false", false},
         {"node-name", joined(nodeNameTexts), false},
         {"log-file", logFile.empty() ? "(standard error)" : logFile, true},
-        {"log-level", levelName(logLevel), true},
+        {"log-level", klLog::levelName(logLevel), true},
         {"key-file", keyFile.empty() ? "(none)" : keyFile, keyFile != "-"},
         {"allow", joined(allowed), true},
         {"max-servers", std::to_string(maxServers), true},

@@ -18,20 +18,6 @@ namespace {
 
 const char* const kLevelVariable = "KLNET_LOG_LEVEL";
 
-const char* levelName(klLog::Level level) {
-    switch (level) {
-        case klLog::Level::error:
-            return "error";
-        case klLog::Level::warning:
-            return "warning";
-        case klLog::Level::info:
-            return "info";
-        case klLog::Level::debug:
-            return "debug";
-    }
-    return "info";
-}
-
 klLog::Level currentLevel() {
     klLog::Level level = klLog::Level::info;
     if (const char* text = std::getenv(kLevelVariable)) {
@@ -65,7 +51,7 @@ void writeLine(klLog::Level level, const char* format, va_list args) {
         localtime_r(&now.tv_sec, &local);
         char stamp[32];
         std::strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", &local);
-        std::string name = levelName(level);
+        std::string name = klLog::levelName(level);
         for (char& c : name) {
             c = char(std::toupper(static_cast<unsigned char>(c)));
         }
@@ -150,6 +136,20 @@ void klLog::appendEscaped(std::string& out, const std::string& text, bool quotin
             out += escape;
         }
     }
+}
+
+const char* klLog::levelName(Level level) {
+    switch (level) {
+        case klLog::Level::error:
+            return "error";
+        case klLog::Level::warning:
+            return "warning";
+        case klLog::Level::info:
+            return "info";
+        case klLog::Level::debug:
+            return "debug";
+    }
+    return "info";
 }
 
 bool klLog::parseLevel(const std::string& text, Level& level) {

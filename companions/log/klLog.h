@@ -26,6 +26,8 @@ public:
     static void setLevel(Level level);
     // "error", "warning", "info" or "debug"; false for any other text.
     static bool parseLevel(const std::string& text, Level& level);
+    // The level's name, as parseLevel() reads it.
+    static const char* levelName(Level level);
 
     // Where standard error is the journal's stream (systemd sets JOURNAL_STREAM to its device
     // and inode), a line is "<N>message" with N the level's number, which the journal takes as

@@ -6,6 +6,8 @@
 #include <klNetBase/codecs/klNetFarmKey.h>
 #include <klNetBase/codecs/klNetFarmSealer.h>
 
+#include "klServiceClient.h"
+
 #include <QCoreApplication>
 
 #include <unistd.h>
@@ -17,8 +19,10 @@ namespace {
 // A service on a loopback port, run() on a thread of its own; stopped and joined when it goes.
 class RunningService {
 public:
-    RunningService(std::shared_ptr<klNetLinkSealer> sealer, double handshakeTimeout) {
+    RunningService(std::shared_ptr<klNetLinkSealer> sealer, double handshakeTimeout,
+                   int maxRequests = 64) {
         m_service->setListenAddress("127.0.0.1");
+        m_service->setMaxRequests(maxRequests);
         m_service->setConsole(false);
         m_service->setLinkSealer(std::move(sealer));
         m_service->setHandshakeTimeout(handshakeTimeout);
@@ -78,28 +82,41 @@ void PrintTo(const Crowd& crowd, std::ostream* os) {
 
 class klNetServiceAdmissionTest : public ::testing::TestWithParam<Crowd> {};
 
-// Silent connections and connections that greet and then wait (in the keyed service's handshake,
-// after its hello) are closed at the handshake deadline, each counted; a wrong greeting to a keyed
-// service is refused at once.
-TEST_P(klNetServiceAdmissionTest, ConnectionsThatDoNotFinishTheirHandshakeAreClosedAtItsDeadline) {
+// Far more connections than request places that never finish their handshake (silent, or
+// greeting and then waiting, in the keyed service's handshake after its hello) hold no place: a
+// client that does finish it is served meanwhile; the crowd is closed at the handshake deadline,
+// each counted; a wrong greeting to a keyed service is refused at once.
+TEST_P(klNetServiceAdmissionTest, ACrowdThatNeverFinishesItsHandshakeHoldsNoPlaceAndIsClosed) {
     const Crowd crowd = GetParam();
-    RunningService running(
-        crowd.keyed ? std::make_shared<klNetFarmSealer>(klNetFarmKey::random()) : nullptr, 0.3);
+    const auto sealer =
+        crowd.keyed ? std::make_shared<klNetFarmSealer>(klNetFarmKey::random()) : nullptr;
+    RunningService running(sealer, 2.0, 2);
+    constexpr int kCrowd = 40;
     std::vector<std::unique_ptr<Loiterer>> loiterers;
-    for (int i = 0; i < 8; ++i) {
+    for (int i = 0; i < kCrowd; ++i) {
         loiterers.push_back(
             std::make_unique<Loiterer>(running.address(), i % 2 == 0 ? 0 : crowd.greeting));
+    }
+    // The last one has its answer: the stage holds the whole crowd.
+    std::uint32_t echoed = 0;
+    loiterers.back()->link.recv(&echoed, sizeof(echoed));
+    klServiceClient client("127.0.0.1", running.address().getPort());
+    client.setRecvTimeout(30.0);
+    client.setSealer(sealer);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ("returned", outcome([&] { client.status(); }));
     }
     for (auto& loiterer : loiterers) {
         EXPECT_EQ("closed", loiterer->end());
     }
-    EXPECT_TRUE(waitUntil([&] { return refusals(running.service(), "handshake-timeout") == 8; }));
+    EXPECT_TRUE(
+        waitUntil([&] { return refusals(running.service(), "handshake-timeout") == kCrowd; }));
     if (crowd.keyed) {
         Loiterer plain(running.address(), klSocketLink::kGreeting);
         EXPECT_EQ("closed", plain.end());
         EXPECT_EQ(1u, refusals(running.service(), "unsealed"));
     }
-    EXPECT_EQ(8u, refusals(running.service(), "handshake-timeout"));
+    EXPECT_EQ(std::uint64_t(kCrowd), refusals(running.service(), "handshake-timeout"));
 }
 
 INSTANTIATE_TEST_SUITE_P(BothServices, klNetServiceAdmissionTest,

@@ -435,52 +435,6 @@ TEST(klNetServiceTest, ASealedServiceAnswersToItsOwnNamesOnly) {
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));  // not its 10 s request time-out
 }
 
-// Far more connections than request places that never finish their handshake (silent, or
-// greeting and then waiting) hold no place: a client that does finish it is served meanwhile,
-// with a key and without, and the crowd is closed at the handshake deadline.
-TEST(klNetServiceTest, ACrowdThatNeverFinishesItsHandshakeHoldsNoRequestPlace) {
-    const TempDir dir("crowd");
-    const std::string key = dir.path("farm.key");
-    klNetFarmKey::generate(key);
-    for (const bool keyed : {true, false}) {
-        SCOPED_TRACE(keyed ? "keyed" : "plain");
-        std::vector<std::string> options{"--max-requests", "2", "--handshake-timeout", "5"};
-        if (keyed) {
-            options.insert(options.end(), {"--key-file", key});
-        }
-        ServiceDaemon service(options);
-        const klSocketAddress address("127.0.0.1", service.port());
-        const std::uint32_t greeting =
-            keyed ? klSocketLink::kSealedGreeting : klSocketLink::kGreeting;
-        std::vector<std::unique_ptr<klSocketLink>> crowd;
-        for (int i = 0; i < 40; ++i) {
-            crowd.push_back(std::make_unique<klSocketLink>(address, 10.0));
-            crowd.back()->setRecvTimeout(30.0);
-            if (i % 2 == 1) {
-                crowd.back()->send(&greeting, sizeof(greeting));
-            }
-        }
-        // The last one has its answer: the service has taken the whole crowd.
-        std::uint32_t echoed = 0;
-        crowd.back()->recv(&echoed, sizeof(echoed));
-        klServiceClient client("127.0.0.1", service.port());
-        client.setRecvTimeout(30.0);
-        if (keyed) {
-            client.setSealer(std::make_shared<klNetFarmSealer>(klNetFarmKey::load(key)));
-        }
-        for (int i = 0; i < 3; ++i) {
-            EXPECT_EQ("returned", outcome([&] { client.status(); }));
-        }
-        for (auto& link : crowd) {
-            EXPECT_EQ("closed", outcome([&] {
-                          for (unsigned char byte = 0;;) {
-                              link->recv(&byte, 1);
-                          }
-                      }));
-        }
-    }
-}
-
 // Stand-in servers that end at once or never open their pipe.
 TEST(klNetServiceTest, ServersThatNeverTakeTheirSocket) {
     for (const std::string script : {"exit 3", "exec sleep 60"}) {

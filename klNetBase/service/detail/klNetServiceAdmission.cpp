@@ -54,6 +54,21 @@ bool wouldBlock(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
 }
 
+// One read of at most size bytes that never waits: the count read, 0 when nothing is there yet,
+// -1 when the peer has closed or failed.
+ssize_t readNow(int descriptor, void* into, std::size_t size, int flags = 0) {
+    for (;;) {
+        const ssize_t got = ::recv(descriptor, into, size, flags | MSG_DONTWAIT);
+        if (got > 0) {
+            return got;
+        }
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        return got < 0 && wouldBlock(errno) ? 0 : -1;
+    }
+}
+
 }  // namespace
 
 // A connection in its handshake.
@@ -306,15 +321,12 @@ klNetServiceAdmission::Step klNetServiceAdmission::advance(Pending& pending) {
             switch (pending.stage) {
                 case Pending::Stage::kGreeting: {
                     const ssize_t got =
-                        ::recv(pending.descriptor, pending.greeting + pending.greetingSize,
-                               sizeof(pending.greeting) - pending.greetingSize, MSG_DONTWAIT);
-                    if (got < 0 && errno == EINTR) {
-                        continue;
-                    }
-                    if (got < 0 && wouldBlock(errno)) {
+                        readNow(pending.descriptor, pending.greeting + pending.greetingSize,
+                                sizeof(pending.greeting) - pending.greetingSize);
+                    if (got == 0) {
                         return Step::kWait;
                     }
-                    if (got <= 0) {
+                    if (got < 0) {
                         // A port scan, or a client that gave up.
                         klLog::debug("Connection from %s closed before its greeting\n",
                                      pending.peer.c_str());
@@ -339,16 +351,12 @@ klNetServiceAdmission::Step klNetServiceAdmission::advance(Pending& pending) {
                     const std::size_t had = pending.received.size();
                     pending.received.resize(had + missing);
                     const ssize_t got =
-                        ::recv(pending.descriptor, &pending.received[had], missing, MSG_DONTWAIT);
-                    const int error = errno;
+                        readNow(pending.descriptor, &pending.received[had], missing);
                     pending.received.resize(had + std::size_t(std::max<ssize_t>(got, 0)));
-                    if (got < 0 && error == EINTR) {
-                        continue;
-                    }
-                    if (got < 0 && wouldBlock(error)) {
+                    if (got == 0) {
                         return Step::kWait;
                     }
-                    if (got <= 0) {
+                    if (got < 0) {
                         // Gone without a word on its key: nothing to refuse.
                         klLog::debug("Connection from %s closed in its handshake\n",
                                      pending.peer.c_str());
@@ -359,15 +367,11 @@ klNetServiceAdmission::Step klNetServiceAdmission::advance(Pending& pending) {
                 case Pending::Stage::kCommand: {
                     // The command is left for the request thread: only whether it is there.
                     unsigned char code[4];
-                    const ssize_t got =
-                        ::recv(pending.descriptor, code, sizeof(code), MSG_PEEK | MSG_DONTWAIT);
-                    if (got < 0 && errno == EINTR) {
-                        continue;
-                    }
+                    const ssize_t got = readNow(pending.descriptor, code, sizeof(code), MSG_PEEK);
                     if (got == ssize_t(sizeof(code))) {
                         return Step::kProven;
                     }
-                    if (got > 0 || (got < 0 && wouldBlock(errno))) {
+                    if (got >= 0) {
                         return Step::kWait;
                     }
                     klLog::debug("Connection from %s closed before its request\n",
