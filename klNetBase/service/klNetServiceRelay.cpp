@@ -209,13 +209,12 @@ void klNetService::leaveRelay(const std::shared_ptr<Relay>& relay) {
 }
 
 void klNetService::relayEnded() {
-    {
-        std::lock_guard<std::mutex> guard(m_requestLock);
-        --m_activeRelays;
-        m_relays.erase(
-            std::remove_if(m_relays.begin(), m_relays.end(),
-                           [](const std::weak_ptr<Relay>& relay) { return relay.expired(); }),
-            m_relays.end());
-    }
+    // Notified under the lock, as a request thread's end is: run() may return once it is 0.
+    std::lock_guard<std::mutex> guard(m_requestLock);
+    --m_activeRelays;
+    m_relays.erase(
+        std::remove_if(m_relays.begin(), m_relays.end(),
+                       [](const std::weak_ptr<Relay>& relay) { return relay.expired(); }),
+        m_relays.end());
     m_requestsChanged.notify_all();
 }

@@ -120,10 +120,10 @@ void klNetService::handleRequest(std::unique_ptr<klSocketLink> link,
         ++m_requestThreads;
     }
     const auto threadDone = [this] {
-        {
-            std::lock_guard<std::mutex> guard(m_requestLock);
-            --m_requestThreads;
-        }
+        // Notified under the lock: once the count is 0, run() may return and the service go, and
+        // its condition variable with it.
+        std::lock_guard<std::mutex> guard(m_requestLock);
+        --m_requestThreads;
         m_requestsChanged.notify_all();
     };
     QThread* thread = QThread::create([this, request] { serveRequest(*request); });
